@@ -1,0 +1,24 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace tidalcrest::sync {
+
+/// A flag that threads can wait for. All operations are thread-safe; `set` wakes every waiter at once.
+class Event {
+ public:
+  void set();
+  void clear();
+  bool is_set() const;
+  /// Waits until the flag is set or the time has passed; gives whether it is set.
+  bool wait_for(std::chrono::duration<double> timeout) const;
+
+ private:
+  mutable std::mutex _mutex;  // guards `_set`
+  mutable std::condition_variable _changed;
+  bool _set = false;
+};
+
+}  // namespace tidalcrest::sync

@@ -1,0 +1,26 @@
+#include "host/reentrant_lock.hpp"
+
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+
+void ReentrantLock::lock() {
+  std::unique_lock guard(_mutex);
+  const auto self = std::this_thread::get_id();
+  _free.wait(guard, [&] { return _depth == 0 || _holder == self; });
+  _holder = self;
+  ++_depth;
+}
+
+void ReentrantLock::unlock() {
+  {
+    const std::lock_guard guard(_mutex);
+    if (_depth == 0 || _holder != std::this_thread::get_id()) {
+      throw RuntimeError("cannot release un-acquired lock");
+    }
+    --_depth;
+  }
+  _free.notify_one();
+}
+
+}  // namespace tidalcrest::sync

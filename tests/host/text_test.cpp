@@ -1,0 +1,61 @@
+#include "host/text.hpp"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "host/integer.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+TEST(TextForms, FollowTheHost) {
+  struct Case {
+    Document value;
+    const char* quoted;
+  };
+  const Case cases[] = {
+      {nullptr, "None"},
+      {true, "True"},
+      {-3, "-3"},
+      {0.5, "0.5"},
+      {30.0, "30.0"},
+      {1e16, "1e+16"},
+      {123456789012345.0, "123456789012345.0"},
+      {0.0001, "0.0001"},
+      {0.00001, "1e-05"},
+      {0.1, "0.1"},
+      {"plain", "'plain'"},
+      {"it's", "\"it's\""},
+      {"it's \"both\"", "'it\\'s \"both\"'"},
+      {"tab\tnul", "'tab\\tnul'"},
+      {std::string("\x01\\"), "'\\x01\\\\'"},
+      {"\u00e9\u2028", "'\u00e9\\u2028'"},
+      {{"found_strategies"}, "['found_strategies']"},
+  };
+  for (const auto& item : cases) EXPECT_EQ(text::repr(item.value), item.quoted);
+  EXPECT_EQ(text::repr(Document{{"a", {1, nullptr}}, {"b", Document::object()}}),
+            "{'a': [1, None], 'b': {}}");
+  EXPECT_EQ(text::general_text(30.0), "30");
+  EXPECT_EQ(text::general_text(2.5), "2.5");
+  EXPECT_EQ(text::strip("\xc2\xa0 a b\n\xe2\x80\xa9"), "a b");
+}
+
+TEST(IntegerConversion, FollowsTheHost) {
+  EXPECT_EQ(to_int(Document(true)), 1);
+  EXPECT_EQ(to_int(Document(-2.9)), -2);
+  EXPECT_EQ(to_int(Document(" +1_000\n")), 1000);
+  EXPECT_EQ(to_int(Document("-9223372036854775808")), std::numeric_limits<std::int64_t>::min());
+  for (const char* bad : {"", "1.0", "1__0", "_1", "1_", "0x10", "9223372036854775808", "- 1"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_THROW(to_int(Document(bad)), ValueError);
+  }
+  for (const Document& bad : {Document(nullptr), Document::array(), Document::object()}) {
+    EXPECT_THROW(to_int(bad), TypeError);
+  }
+  EXPECT_THROW(to_int(Document(1e300)), ValueError);
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
