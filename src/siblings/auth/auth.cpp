@@ -1,0 +1,40 @@
+#include "siblings/auth/auth.hpp"
+
+#include <mutex>
+
+#include "host/log.hpp"
+
+namespace tidalcrest::sync::auth {
+namespace {
+
+std::mutex notified_mutex;  // guards `notified_era_number`
+std::optional<std::int64_t> notified_era_number;
+
+// A token is asked for anew at every request, so there is no cached one to drop: the change is noted and
+// told.
+class BuiltIn final : public Module {
+ public:
+  void notify_era_change(std::int64_t era_number) override {
+    {
+      const std::lock_guard lock(notified_mutex);
+      notified_era_number = era_number;
+    }
+    log::info("Authentication was told of era %d", era_number);
+  }
+};
+
+}  // namespace
+
+ModuleSeam<Module>& module_seam() {
+  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
+  return *seam;
+}
+
+void notify_era_change(std::int64_t era_number) { module_seam().current()->notify_era_change(era_number); }
+
+std::optional<std::int64_t> last_notified_era_number() {
+  const std::lock_guard lock(notified_mutex);
+  return notified_era_number;
+}
+
+}  // namespace tidalcrest::sync::auth

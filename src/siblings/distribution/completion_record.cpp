@@ -1,0 +1,123 @@
+#include "siblings/distribution/completion_record.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "host/digest.hpp"
+#include "host/json.hpp"
+#include "host/text.hpp"
+#include "siblings/distribution/manifest_document.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync::local_cohort {
+namespace {
+
+constexpr std::int64_t SCHEMA_VERSION = 1;
+constexpr std::size_t SHA256_HEX_SIZE = 64;
+
+bool is_sha256_text(const std::string& value) {
+  return value.size() == SHA256_HEX_SIZE && std::all_of(value.begin(), value.end(), [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+         });
+}
+
+const Document& member(const Document& record, const char* key) {
+  const Document* value = find_member(record, key);
+  if (value == nullptr) throw ValueError(fmt::format("completion record has no {}", key));
+  return *value;
+}
+
+// Nothing here is a fraction: 1.0 is no schema version, though the two numbers compare equal.
+void require_equal(const Document& record, const char* key, const Document& expected) {
+  const Document& value = member(record, key);
+  const bool same_kind = value.type_name() == expected.type_name() && !value.is_number_float();
+  if (same_kind && value == expected) return;
+  throw ValueError(
+      fmt::format("completion record {} is {}, expected {}", key, text::repr(value), text::repr(expected)));
+}
+
+ArtifactIdentity parse_identity(const std::string& path, const Document& value) {
+  const Document* sha256 = find_member(value, "sha256");
+  const Document* size = find_member(value, "size_bytes");
+  if (sha256 == nullptr || size == nullptr || !sha256->is_string() || !size->is_number_integer()) {
+    throw ValueError("completion record has a bad artifact identity for " + text::repr(path));
+  }
+  ArtifactIdentity identity{sha256->get<std::string>(), size->get<std::int64_t>()};
+  if (!is_sha256_text(identity.sha256) || identity.size_bytes < 0) {
+    throw ValueError("completion record has a bad artifact identity for " + text::repr(path));
+  }
+  return identity;
+}
+
+ArtifactIdentities parse_identities(const Document& value) {
+  if (!value.is_object()) throw ValueError("completion record artifact_identities is not an object");
+  ArtifactIdentities identities;
+  for (const auto& [path, identity] : value.get_ref<const Document::object_t&>()) {
+    identities.emplace(client_manifest::validate_manifest_relative_path(path),
+                       parse_identity(path, identity));
+  }
+  return identities;
+}
+
+std::vector<std::string> parse_active_paths(const Document& value, const ArtifactIdentities& identities) {
+  if (!value.is_array()) throw ValueError("completion record active_relative_paths is not a list");
+  std::vector<std::string> paths;
+  paths.reserve(value.size());
+  for (const Document& item : value) {
+    if (!item.is_string()) throw ValueError("completion record active_relative_paths holds what is no path");
+    const auto& path = item.get_ref<const std::string&>();
+    if (!identities.contains(path))
+      throw ValueError("completion record has no identity for " + text::repr(path));
+    paths.push_back(path);
+  }
+  return paths;
+}
+
+}  // namespace
+
+CompletionRecord build_completion_payload(const std::string& manifest_bytes,
+                                          const std::vector<std::string>& active_relative_paths,
+                                          const ArtifactIdentities& artifact_identities,
+                                          const std::map<std::string, Document>& derived_artifacts) {
+  for (const auto& path : active_relative_paths) {
+    if (!artifact_identities.contains(path)) throw ValueError("no artifact identity for " + text::repr(path));
+  }
+  Document identities = Document::object();
+  for (const auto& [path, identity] : artifact_identities) {
+    client_manifest::validate_manifest_relative_path(path);
+    if (!is_sha256_text(identity.sha256) || identity.size_bytes < 0) {
+      throw ValueError("bad artifact identity for " + text::repr(path));
+    }
+    identities[path] = {{"sha256", identity.sha256}, {"size_bytes", identity.size_bytes}};
+  }
+  Document derived = Document::object();
+  for (const auto& [path, mapping] : derived_artifacts) derived[path] = mapping;
+  Document record = Document::object();
+  record["schema_version"] = SCHEMA_VERSION;
+  record["manifest_sha256"] = sha256_hex(manifest_bytes);
+  record["manifest_size_bytes"] = manifest_bytes.size();
+  record["active_relative_paths"] = active_relative_paths;
+  record["artifact_identities"] = std::move(identities);
+  record["derived_artifacts"] = std::move(derived);
+  return {dump_json(record, {.sort_keys = true, .compact = true})};
+}
+
+CompletedMembers parse_completion_record(const std::string& bytes, const std::string& manifest_sha256,
+                                         std::size_t manifest_size_bytes) {
+  const Document record = parse_strict_json(bytes);
+  if (!record.is_object()) throw ValueError("completion record is not an object");
+  require_equal(record, "schema_version", SCHEMA_VERSION);
+  require_equal(record, "manifest_sha256", manifest_sha256);
+  require_equal(record, "manifest_size_bytes", manifest_size_bytes);
+  if (!member(record, "derived_artifacts").is_object()) {
+    throw ValueError("completion record derived_artifacts is not an object");
+  }
+  CompletedMembers members;
+  members.artifact_identities = parse_identities(member(record, "artifact_identities"));
+  members.active_relative_paths =
+      parse_active_paths(member(record, "active_relative_paths"), members.artifact_identities);
+  return members;
+}
+
+}  // namespace tidalcrest::sync::local_cohort

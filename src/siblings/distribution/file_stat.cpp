@@ -1,0 +1,38 @@
+#include "siblings/distribution/file_stat.hpp"
+
+#include <cerrno>
+
+#include "host/failures.hpp"
+#include "siblings/distribution/file_blocks.hpp"
+
+namespace tidalcrest::sync::client_manifest {
+namespace {
+
+std::int64_t nanoseconds(const timespec& time) noexcept {
+  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+}  // namespace
+
+FileStat file_stat_of(const struct stat& status) noexcept {
+  return {.size_bytes = status.st_size,
+          .mtime_ns = nanoseconds(status.st_mtim),
+          .ctime_ns = nanoseconds(status.st_ctim),
+          .device = static_cast<std::int64_t>(status.st_dev),
+          .inode = static_cast<std::int64_t>(status.st_ino)};
+}
+
+FileIdentity identify_opened_file(int descriptor, const struct stat& status, std::int64_t block_bytes,
+                                  const std::string& what) {
+  FileIdentity identity;
+  static_cast<FileStat&>(identity) = file_stat_of(status);
+  identity.sha256 = hash_exactly(descriptor, identity.size_bytes, block_bytes, what);
+  struct stat after {};
+  if (::fstat(descriptor, &after) != 0) throw_os_error(errno, what);
+  if (file_stat_of(after) != static_cast<const FileStat&>(identity)) {
+    throw OSError(what + ": changed while it was read");
+  }
+  return identity;
+}
+
+}  // namespace tidalcrest::sync::client_manifest

@@ -1,0 +1,139 @@
+#include "siblings/distribution/generation_loading.hpp"
+
+#include <fmt/format.h>
+
+#include <map>
+#include <mutex>
+
+#include "host/digest.hpp"
+#include "siblings/distribution/contained_open.hpp"
+#include "siblings/distribution/manifest_document.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync::local_cohort {
+namespace {
+
+using client_manifest::PinnedRoot;
+
+/// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
+/// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
+struct Parsed {
+  std::shared_ptr<const Selection> selection;  // null: nothing known
+  std::string completion_sha256;
+};
+
+class ParsedSelections {
+ public:
+  Parsed find(const std::string& base_dir, const std::string& manifest_bytes) {
+    const std::lock_guard lock(_mutex);
+    const auto known = _by_base_dir.find(base_dir);
+    if (known == _by_base_dir.end()) return {};
+    auto selection = known->second.selection.lock();
+    if (!selection || selection->manifest_bytes != manifest_bytes) return {};
+    return {std::move(selection), known->second.completion_sha256};
+  }
+  void remember(const std::shared_ptr<const Selection>& selection, std::string completion_sha256) {
+    const std::lock_guard lock(_mutex);
+    std::erase_if(_by_base_dir, [](const auto& entry) { return entry.second.selection.expired(); });
+    _by_base_dir[selection->base_dir] = {selection, std::move(completion_sha256)};
+  }
+
+ private:
+  struct Entry {
+    std::weak_ptr<const Selection> selection;
+    std::string completion_sha256;
+  };
+  std::mutex _mutex;  // guards the map; a leaf
+  std::map<std::string, Entry> _by_base_dir;
+};
+
+ParsedSelections& parsed_selections() {
+  static ParsedSelections selections;
+  return selections;
+}
+
+[[noreturn]] void refuse(const std::string& root_dir, const std::string& reason) {
+  throw LocalCohortError(fmt::format("local cohort generation {} is not complete: {}", root_dir, reason));
+}
+
+std::shared_ptr<const Document> parse_manifest(const std::string& manifest_bytes,
+                                               const std::string& root_dir) {
+  try {
+    return std::make_shared<const Document>(
+        client_manifest::parse_distribution_manifest_bytes(manifest_bytes, "local cohort manifest.json"));
+  } catch (const ManifestJsonError&) {
+    throw;
+  } catch (const ValueError& failure) {
+    refuse(root_dir, failure.what());
+  } catch (const TypeError& failure) {
+    refuse(root_dir, failure.what());
+  }
+}
+
+// Runs one look at the generation. What is missing there, or is no plain file, makes it incomplete; a disk
+// that fails says nothing about the generation and stays an `OSError`.
+template <class Look>
+auto look_at_generation(const std::string& root_dir, const Look& look) {
+  try {
+    return look();
+  } catch (const OSError& failure) {
+    if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;
+    refuse(root_dir, failure.what());
+  }
+}
+
+struct GenerationFiles {
+  PinnedRoot root;
+  std::string manifest_bytes;
+  std::string completion_bytes;
+};
+
+GenerationFiles read_generation_files(const PinnedRoot& base, const std::string& relative_root) {
+  PinnedRoot root(base, relative_root);
+  std::string manifest_bytes = root.read_regular_file(COHORT_MANIFEST_FILE, "local cohort manifest");
+  std::string completion_bytes =
+      root.read_regular_file(COHORT_COMPLETION_FILE, "local cohort completion record");
+  return {std::move(root), std::move(manifest_bytes), std::move(completion_bytes)};
+}
+
+CompletedMembers parse_completion(const std::string& completion_bytes, const Selection& selection,
+                                  const std::string& sha256) {
+  try {
+    return parse_completion_record(completion_bytes, sha256, selection.manifest_bytes.size());
+  } catch (const ValueError& failure) {
+    refuse(selection.root_dir, failure.what());
+  }
+}
+
+}  // namespace
+
+LoadedGeneration load_generation(const PinnedRoot& base, const std::string& manifest_bytes) {
+  const Parsed known = parsed_selections().find(base.path(), manifest_bytes);
+  const std::string relative_root = known.selection ? known.selection->root_dir.substr(base.path().size() + 1)
+                                                    : generation_relative_root(manifest_bytes);
+  auto selection = std::make_shared<Selection>();
+  selection->base_dir = base.path();
+  selection->root_dir = base.display_path(relative_root);
+  selection->manifest =
+      known.selection ? known.selection->manifest : parse_manifest(manifest_bytes, selection->root_dir);
+
+  GenerationFiles files =
+      look_at_generation(selection->root_dir, [&] { return read_generation_files(base, relative_root); });
+  if (files.manifest_bytes != manifest_bytes) {
+    refuse(selection->root_dir, "its manifest file does not hold the bytes that name it");
+  }
+  const std::string completion_sha256 = sha256_hex(files.completion_bytes);
+  if (known.selection && known.completion_sha256 == completion_sha256) {
+    return {known.selection, std::move(files.root)};
+  }
+  selection->manifest_bytes = std::move(files.manifest_bytes);
+  CompletedMembers members = parse_completion(files.completion_bytes, *selection,
+                                              relative_root.substr(relative_root.rfind('/') + 1));
+  selection->active_relative_paths = std::move(members.active_relative_paths);
+  selection->artifact_identities =
+      std::make_shared<const ArtifactIdentities>(std::move(members.artifact_identities));
+  parsed_selections().remember(selection, completion_sha256);
+  return {std::move(selection), std::move(files.root)};
+}
+
+}  // namespace tidalcrest::sync::local_cohort

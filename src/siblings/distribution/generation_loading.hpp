@@ -1,0 +1,20 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "siblings/distribution/local_cohort.hpp"
+
+namespace tidalcrest::sync::local_cohort {
+
+/// A complete generation and the handle through which it was proven complete.
+struct LoadedGeneration {
+  std::shared_ptr<const Selection> selection;
+  client_manifest::PinnedRoot root;
+};
+
+/// Opens the generation of these manifest bytes below `base`. `ManifestJsonError` when they are not JSON,
+/// `LocalCohortError` when there is no complete generation of them.
+LoadedGeneration load_generation(const client_manifest::PinnedRoot& base, const std::string& manifest_bytes);
+
+}  // namespace tidalcrest::sync::local_cohort

@@ -1,0 +1,160 @@
+#include "siblings/distribution/local_cohort.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "host/digest.hpp"
+#include "host/failures.hpp"
+#include "host/json.hpp"
+#include "host/log.hpp"
+#include "siblings/distribution/contained_open.hpp"
+#include "siblings/distribution/disk_calls.hpp"
+#include "siblings/distribution/file_lock.hpp"
+#include "siblings/distribution/generation_loading.hpp"
+
+namespace tidalcrest::sync::local_cohort {
+namespace {
+
+using client_manifest::PinnedRoot;
+
+constexpr const char* SELECTOR_LABEL = "root manifest.json";
+constexpr mode_t GENERATION_MODE = 0777;  // the user's umask decides
+
+// How often a pin starts anew when the selector moves while it is taken. A publication needs the exclusive
+// distribution lock, which readers keep away, so even one turn is rare.
+constexpr int PIN_ATTEMPTS = 16;
+
+void flush_file_system(const PinnedRoot& base) {
+  if (disk_calls().flush_file_system(base.descriptor()) != 0) {
+    throw_os_error(errno, "flush of the file system of " + base.path());
+  }
+}
+
+void flush_directory_after_commit(const PinnedRoot& base) {
+  if (disk_calls().flush_file(base.descriptor()) == 0) return;
+  log::warning("The new selection of %s is in place, but its directory could not be flushed: %s", base.path(),
+               std::generic_category().message(errno));
+}
+
+bool is_same_directory_still(const PinnedRoot& root) {
+  try {
+    root.assert_root_unchanged();
+    return true;
+  } catch (const OSError&) {
+    return false;
+  }
+}
+
+// One try to pin what the selector names; absent when the selector or the generation moved meanwhile.
+std::optional<Pin> try_pin(const PinnedRoot& base) {
+  const auto selector_before = base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL);
+  const std::string manifest_bytes = base.read_regular_file(SELECTOR_FILE, SELECTOR_LABEL);
+  LoadedGeneration generation = load_generation(base, manifest_bytes);
+  lock_opened_file(generation.root.descriptor(), /*exclusive=*/false,
+                   "the generation " + generation.root.path());
+  if (!is_same_directory_still(generation.root)) return std::nullopt;
+  if (base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL) != selector_before) return std::nullopt;
+  return Pin(std::move(generation.selection), std::move(generation.root));
+}
+
+const std::string* declared_sha256(const Document& manifest, const std::string& path) {
+  const Document* files = find_member(manifest, "files");
+  const Document* entry = files != nullptr ? find_member(*files, path) : nullptr;
+  const Document* sha256 = entry != nullptr ? find_member(*entry, "sha256") : nullptr;
+  if (sha256 == nullptr || !sha256->is_string() || sha256->get_ref<const std::string&>().empty())
+    return nullptr;
+  return &sha256->get_ref<const std::string&>();
+}
+
+void require_sha256(const std::string& label, const std::string& path, const std::string& expected,
+                    const std::string& measured) {
+  if (measured == expected) return;
+  throw ValueError(
+      fmt::format("{}: {}: sha256 mismatch: expected {}, got {}", label, path, expected, measured));
+}
+
+}  // namespace
+
+std::string manifest_sha256(const std::string& manifest_bytes) { return sha256_hex(manifest_bytes); }
+
+std::string generation_relative_root(const std::string& manifest_bytes) {
+  return std::string(COHORTS_DIRECTORY) + "/" + manifest_sha256(manifest_bytes);
+}
+
+std::string create_generation_root(const std::string& data_dir, const std::string& manifest_bytes) {
+  using namespace client_manifest;
+  const PinnedRoot base(data_dir);
+  const std::string relative_root = generation_relative_root(manifest_bytes);
+  std::string root_dir = base.display_path(relative_root);
+  const MemberPlace place =
+      locate_member(base.descriptor(), relative_root, MissingDirectories::create, root_dir);
+  if (::mkdirat(place.directory, place.name.c_str(), GENERATION_MODE) != 0) throw_os_error(errno, root_dir);
+  return root_dir;
+}
+
+void complete_generation(const std::string& root, const std::string& manifest_bytes,
+                         const CompletionRecord& completion) {
+  const PinnedRoot generation(root);
+  generation.write_atomic(COHORT_MANIFEST_FILE, manifest_bytes, /*allow_replace=*/true);
+  generation.write_atomic(COHORT_COMPLETION_FILE, completion.bytes, /*allow_replace=*/true);
+  generation.assert_root_unchanged();
+}
+
+void make_durable(const std::string& data_dir) { flush_file_system(PinnedRoot(data_dir)); }
+
+std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
+                                                  const std::string& manifest_bytes) {
+  const PinnedRoot base(data_dir);
+  const LoadedGeneration published = load_generation(base, manifest_bytes);
+  flush_file_system(base);
+  base.write_atomic(SELECTOR_FILE, manifest_bytes, /*allow_replace=*/true);
+  flush_directory_after_commit(base);
+  return load_active_cohort(data_dir, /*required=*/true);
+}
+
+std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir, bool required) {
+  const PinnedRoot base(data_dir);
+  const auto manifest_bytes = base.read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL);
+  if (manifest_bytes) return load_generation(base, *manifest_bytes).selection;
+  if (required) throw LocalCohortError("no local cohort is selected in " + base.path());
+  return nullptr;
+}
+
+std::optional<std::string> read_selector_bytes(const std::string& data_dir) {
+  return PinnedRoot(data_dir).read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL);
+}
+
+Pin::Pin(std::shared_ptr<const Selection> selection, PinnedRoot root)
+    : selection(std::move(selection)), root(std::move(root)) {}
+
+void Pin::verify_manifest_file_identity(const std::string& path, const std::string& label) const {
+  const auto recorded = selection->artifact_identities->find(path);
+  if (recorded == selection->artifact_identities->end()) {
+    throw LocalCohortError(fmt::format("{}: {}: not a member of the active local cohort", label, path));
+  }
+  const ArtifactIdentity& expected = recorded->second;
+  const auto measured = root.identify_regular_file(path, label);
+  if (measured.size_bytes != expected.size_bytes) {
+    throw ValueError(fmt::format("{}: {}: size mismatch: expected {} bytes, got {}", label, path,
+                                 expected.size_bytes, measured.size_bytes));
+  }
+  require_sha256(label, path, expected.sha256, measured.sha256);
+  if (const auto* declared = declared_sha256(*selection->manifest, path)) {
+    require_sha256(label, path, *declared, measured.sha256);
+  }
+}
+
+Pin pin_active_cohort(const std::string& data_dir) {
+  const PinnedRoot base(data_dir);
+  for (int attempt = 0; attempt < PIN_ATTEMPTS; ++attempt) {
+    if (auto pin = try_pin(base)) return std::move(*pin);
+  }
+  throw LocalCohortError("the selected local cohort of " + base.path() +
+                         " keeps changing while it is pinned");
+}
+
+}  // namespace tidalcrest::sync::local_cohort

@@ -1,0 +1,282 @@
+#include "siblings/distribution/local_cohort.hpp"
+
+#include <fmt/format.h>
+#include <sys/file.h>
+
+#include "files_fixture.hpp"
+#include "host/digest.hpp"
+#include "host/json.hpp"
+#include "siblings/distribution/contained_files.hpp"
+#include "tidalcrest/sync/errors.hpp"
+#include "tidalcrest/sync/log.hpp"
+
+namespace tidalcrest::sync::local_cohort {
+namespace {
+
+using client_manifest::PinnedRoot;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+class LocalCohortTest : public ::testing::Test {
+ protected:
+  static std::string manifest(int version) {
+    return fmt::format(R"({{"version": {}, "files": {{"m/a.bin": {{"sha256": "{}"}}}}}})", version,
+                       sha256_hex("bytes"));
+  }
+  static CompletionRecord completion(const std::string& manifest_bytes) {
+    const ArtifactIdentities identities{{"m/a.bin", {sha256_hex("bytes"), 5}},
+                                        {"snapshot", {sha256_hex("s"), 1}}};
+    return build_completion_payload(manifest_bytes, {"m/a.bin", "snapshot"}, identities,
+                                    {{"snapshot", parse_json(R"({"size_bytes": 1})")}});
+  }
+  std::string stage(const std::string& manifest_bytes) const {
+    const std::string root = create_generation_root(dir.path(), manifest_bytes);
+    PinnedRoot(root).write_atomic("m/a.bin", "bytes", false);
+    PinnedRoot(root).write_atomic("snapshot", "s", false);
+    complete_generation(root, manifest_bytes, completion(manifest_bytes));
+    return root;
+  }
+  std::string in_generation(const std::string& manifest_bytes, const char* name) const {
+    return generation_relative_root(manifest_bytes) + "/" + name;
+  }
+
+  testing::TempDir dir;
+  const testing::RestoredDiskCalls restored;
+};
+
+TEST_F(LocalCohortTest, PublishesAndReadsBackTheExactBytes) {
+  EXPECT_EQ(load_active_cohort(dir.path(), false), nullptr);
+  EXPECT_THROW(load_active_cohort(dir.path(), true), LocalCohortError);
+  EXPECT_EQ(read_selector_bytes(dir.path()), std::nullopt);
+  EXPECT_THROW(pin_active_cohort(dir.path()), FileNotFoundError);
+
+  const std::string bytes = manifest(1);
+  const std::string root = stage(bytes);
+  EXPECT_EQ(root, dir.path(".tidalcrest-cohorts/" + sha256_hex(bytes)));
+  EXPECT_EQ(load_active_cohort(dir.path(), false), nullptr);  // complete, and still invisible
+  EXPECT_THROW(create_generation_root(dir.path(), bytes), OSError);
+
+  const auto published = publish_manifest(dir.path() + "/", bytes);
+  EXPECT_EQ(published->base_dir, dir.path());
+  EXPECT_EQ(published->root_dir, root);
+  EXPECT_EQ(published->manifest_bytes, bytes);
+  EXPECT_THAT(published->active_relative_paths, ElementsAre("m/a.bin", "snapshot"));
+  EXPECT_EQ(published->manifest->at("version"), 1);
+  EXPECT_EQ(published->artifact_identities->at("m/a.bin").size_bytes, 5);
+  EXPECT_EQ(dir.read("manifest.json"), bytes);
+  EXPECT_EQ(load_active_cohort(dir.path(), true), published);  // the same bytes are not parsed again
+}
+
+TEST_F(LocalCohortTest, ARememberedSelectionNeverHidesADamagedGeneration) {
+  const std::string bytes = manifest(1);
+  stage(bytes);
+  const auto published = publish_manifest(dir.path(), bytes);
+  Document record = parse_json(completion(bytes).bytes);
+  record["active_relative_paths"] = {"m/a.bin"};
+  dir.write(in_generation(bytes, COHORT_COMPLETION_FILE), dump_json(record));
+  EXPECT_THAT(load_active_cohort(dir.path(), true)->active_relative_paths, ElementsAre("m/a.bin"));
+  dir.remove(in_generation(bytes, COHORT_MANIFEST_FILE));
+  EXPECT_THROW(load_active_cohort(dir.path(), true), LocalCohortError);
+}
+
+TEST_F(LocalCohortTest, IsCompleteOnlyWhenBothFilesAgreeWithTheName) {
+  const std::string bytes = manifest(1);
+  const Document good = parse_json(completion(bytes).bytes);
+  const auto with = [&](const char* key, const Document& value) {
+    Document record = good;
+    record[key] = value;
+    return dump_json(record);
+  };
+  const auto without = [&](const char* key) {
+    Document record = good;
+    record.erase(key);
+    return dump_json(record);
+  };
+  const auto identities = [](const char* text) { return parse_json(text); };
+  const std::string sha = sha256_hex("bytes");
+  struct Case {
+    const char* label;
+    const char* file;
+    std::optional<std::string> content;  // absent: the file is removed
+  };
+  for (const auto& c : std::vector<Case>{
+           {"no manifest file", COHORT_MANIFEST_FILE, {}},
+           {"another manifest", COHORT_MANIFEST_FILE, manifest(2)},
+           {"cut manifest", COHORT_MANIFEST_FILE, bytes.substr(0, bytes.size() - 1)},
+           {"no completion", COHORT_COMPLETION_FILE, {}},
+           {"empty completion", COHORT_COMPLETION_FILE, ""},
+           {"cut completion", COHORT_COMPLETION_FILE, completion(bytes).bytes.substr(0, 40)},
+           {"repeated key", COHORT_COMPLETION_FILE,
+            "{\"schema_version\":1," + completion(bytes).bytes.substr(1)},
+           {"no object", COHORT_COMPLETION_FILE, "[]"},
+           {"of another manifest", COHORT_COMPLETION_FILE, completion(manifest(2)).bytes},
+           {"another schema", COHORT_COMPLETION_FILE, with("schema_version", 2)},
+           {"schema that is true", COHORT_COMPLETION_FILE, with("schema_version", true)},
+           {"schema that is 1.0", COHORT_COMPLETION_FILE, with("schema_version", 1.0)},
+           {"another size", COHORT_COMPLETION_FILE, with("manifest_size_bytes", bytes.size() + 1)},
+           {"no size", COHORT_COMPLETION_FILE, without("manifest_size_bytes")},
+           {"no derived", COHORT_COMPLETION_FILE, without("derived_artifacts")},
+           {"paths that are none", COHORT_COMPLETION_FILE, with("active_relative_paths", {1})},
+           {"path without identity", COHORT_COMPLETION_FILE,
+            with("active_relative_paths", {"m/a.bin", "else"})},
+           {"climbing path", COHORT_COMPLETION_FILE,
+            with("artifact_identities", identities(R"({"../x": {"sha256": "", "size_bytes": 1}})"))},
+           {"short digest", COHORT_COMPLETION_FILE,
+            with("artifact_identities", {{"m/a.bin", {{"sha256", "ab"}, {"size_bytes", 5}}}})},
+           {"negative size", COHORT_COMPLETION_FILE,
+            with("artifact_identities", {{"m/a.bin", {{"sha256", sha}, {"size_bytes", -5}}}})}}) {
+    SCOPED_TRACE(c.label);
+    dir.remove(COHORTS_DIRECTORY);
+    stage(bytes);
+    c.content ? dir.write(in_generation(bytes, c.file), *c.content)
+              : dir.remove(in_generation(bytes, c.file));
+    EXPECT_THROW(publish_manifest(dir.path(), bytes), LocalCohortError);
+    EXPECT_FALSE(dir.has("manifest.json"));
+    dir.write("manifest.json", bytes);
+    EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
+    EXPECT_THROW(pin_active_cohort(dir.path()), LocalCohortError);
+    dir.remove("manifest.json");
+  }
+}
+
+TEST_F(LocalCohortTest, ASelectorWithoutAGenerationAndACorruptOneDiffer) {
+  dir.write("manifest.json", manifest(1));
+  EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
+  dir.write("manifest.json", "{\"version\": 1");
+  EXPECT_THROW(load_active_cohort(dir.path(), false), ManifestJsonError);
+  EXPECT_EQ(read_selector_bytes(dir.path()), "{\"version\": 1");
+  dir.write("manifest.json", "[]");
+  EXPECT_THROW(load_active_cohort(dir.path(), true), LocalCohortError);
+
+  // A generation behind a link was not made here: it does not count, wherever the link leads.
+  const std::string bytes = manifest(1);
+  const std::string root = stage(bytes);
+  dir.write("manifest.json", bytes);
+  testing::fs::rename(root, dir.path("elsewhere"));
+  testing::fs::create_directory_symlink(dir.path("elsewhere"), root);
+  EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
+  dir.remove("manifest.json");
+  testing::fs::create_symlink(root + "/" + COHORT_MANIFEST_FILE, dir.path("manifest.json"));
+  EXPECT_THROW(load_active_cohort(dir.path(), false), OSError);
+}
+
+TEST_F(LocalCohortTest, FlushesEverythingBeforeTheSelectorMoves) {
+  std::vector<std::string> steps;
+  bool moved = false;
+  disk_calls().flush_file_system = [&](int descriptor) {
+    steps.push_back("flush file system");
+    return DiskCalls::real().flush_file_system(descriptor);
+  };
+  disk_calls().flush_file = [&](int descriptor) {
+    steps.push_back(moved ? "flush directory" : "flush selector");
+    return DiskCalls::real().flush_file(descriptor);
+  };
+  disk_calls().rename = [&](int from_directory, const char* from, int to_directory, const char* to,
+                            unsigned flags) {
+    EXPECT_STREQ(to, "manifest.json");
+    moved = true;
+    steps.push_back("rename");
+    return DiskCalls::real().rename(from_directory, from, to_directory, to, flags);
+  };
+  const auto calls = std::exchange(disk_calls(), DiskCalls::real());
+  stage(manifest(1));
+  disk_calls() = calls;
+  publish_manifest(dir.path(), manifest(1));
+  EXPECT_THAT(steps, ElementsAre("flush file system", "flush selector", "rename", "flush directory"));
+}
+
+TEST_F(LocalCohortTest, AFailureBeforeTheRenameKeepsTheOldSelection) {
+  stage(manifest(1));
+  publish_manifest(dir.path(), manifest(1));
+  stage(manifest(2));
+  const auto fails = [](auto&&...) { return errno = EIO, -1; };
+  const std::vector<std::function<void()>> failures = {[&] { disk_calls().flush_file_system = fails; },
+                                                       [&] { disk_calls().flush_file = fails; },
+                                                       [&] { disk_calls().rename = fails; }};
+  for (const auto& let_fail : failures) {
+    let_fail();
+    EXPECT_THROW(publish_manifest(dir.path(), manifest(2)), OSError);
+    disk_calls() = DiskCalls::real();
+    EXPECT_EQ(load_active_cohort(dir.path(), true)->manifest_bytes, manifest(1));
+  }
+  for (const auto& file : testing::files_below(dir)) EXPECT_FALSE(file.ends_with(".tmp")) << file;
+}
+
+TEST_F(LocalCohortTest, AFailureAfterTheRenameIsLogged) {
+  stage(manifest(1));
+  bool moved = false;
+  disk_calls().rename = [&](int from_directory, const char* from, int to_directory, const char* to,
+                            unsigned flags) {
+    moved = true;
+    return DiskCalls::real().rename(from_directory, from, to_directory, to, flags);
+  };
+  disk_calls().flush_file = [&](int) { return moved ? (errno = EIO, -1) : 0; };
+  std::vector<std::string> warnings;
+  set_log_sink([&](const LogRecord& record) {
+    if (record.level == LogLevel::warning) warnings.push_back(record.message);
+  });
+  EXPECT_EQ(publish_manifest(dir.path(), manifest(1))->manifest_bytes, manifest(1));
+  set_log_sink({});
+  EXPECT_THAT(warnings, ElementsAre(HasSubstr("could not be flushed: Input/output error")));
+}
+
+TEST_F(LocalCohortTest, APinShowsOneGenerationAndLocksIt) {
+  const std::string root = stage(manifest(1));
+  publish_manifest(dir.path(), manifest(1));
+  const PinnedRoot collector(root);
+  {
+    const Pin pin = pin_active_cohort(dir.path());
+    EXPECT_NE(::flock(collector.descriptor(), LOCK_EX | LOCK_NB), 0);
+    const Pin another = pin_active_cohort(dir.path());
+    stage(manifest(2));
+    publish_manifest(dir.path(), manifest(2));
+    EXPECT_EQ(pin.selection->manifest_bytes, manifest(1));
+    EXPECT_EQ(pin.root.read_regular_file("m/a.bin", "member"), "bytes");
+    EXPECT_EQ(pin_active_cohort(dir.path()).selection->manifest_bytes, manifest(2));
+  }
+  EXPECT_EQ(::flock(collector.descriptor(), LOCK_EX | LOCK_NB), 0);
+}
+
+TEST_F(LocalCohortTest, APinFollowsASelectorThatMovesWhileItIsTaken) {
+  stage(manifest(1));
+  stage(manifest(2));
+  publish_manifest(dir.path(), manifest(1));
+  bool moved = false;
+  disk_calls().lock = [&](int descriptor, int operation) {
+    if (!std::exchange(moved, true)) publish_manifest(dir.path(), manifest(2));
+    return DiskCalls::real().lock(descriptor, operation);
+  };
+  const Pin pin = pin_active_cohort(dir.path());
+  EXPECT_EQ(pin.selection->manifest_bytes, manifest(2));
+  EXPECT_EQ(pin.root.path(), pin.selection->root_dir);
+}
+
+TEST_F(LocalCohortTest, VerifiesMembersAgainstTheirRecordedIdentity) {
+  const std::string root = stage(manifest(1));
+  publish_manifest(dir.path(), manifest(1));
+  const Pin pin = pin_active_cohort(dir.path());
+  EXPECT_NO_THROW(pin.verify_manifest_file_identity("m/a.bin", "artifact"));
+  EXPECT_NO_THROW(pin.verify_manifest_file_identity("snapshot", "artifact"));  // not in the manifest
+  EXPECT_THROW(pin.verify_manifest_file_identity("m/other", "artifact"), LocalCohortError);
+  const std::string member = in_generation(manifest(1), "m/a.bin");
+  dir.write(member, "other");
+  EXPECT_THROW(pin.verify_manifest_file_identity("m/a.bin", "artifact"), ValueError);
+  dir.write(member, "longer than it was");
+  EXPECT_THROW(pin.verify_manifest_file_identity("m/a.bin", "artifact"), ValueError);
+  dir.remove(member);
+  EXPECT_THROW(pin.verify_manifest_file_identity("m/a.bin", "artifact"), FileNotFoundError);
+}
+
+TEST_F(LocalCohortTest, RefusesToBuildARecordThatCouldNotBeReadBack) {
+  const std::string sha = sha256_hex("");
+  EXPECT_THROW(build_completion_payload("{}", {"a"}, {}, {}), ValueError);
+  EXPECT_THROW(build_completion_payload("{}", {}, {{"../a", {sha, 0}}}, {}), ValueError);
+  EXPECT_THROW(build_completion_payload("{}", {}, {{"a", {"short", 0}}}, {}), ValueError);
+  EXPECT_EQ(build_completion_payload("{}", {"a"}, {{"a", {sha, 0}}}, {}).bytes,
+            "{\"active_relative_paths\":[\"a\"],\"artifact_identities\":{\"a\":{\"sha256\":\"" + sha +
+                "\",\"size_bytes\":0}},\"derived_artifacts\":{},\"manifest_sha256\":\"" + sha256_hex("{}") +
+                "\",\"manifest_size_bytes\":2,\"schema_version\":1}");
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync::local_cohort

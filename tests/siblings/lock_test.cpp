@@ -1,0 +1,150 @@
+#include "siblings/distribution/lock.hpp"
+
+#include <sys/file.h>
+
+#include <atomic>
+#include <thread>
+
+#include "files_fixture.hpp"
+#include "siblings/distribution/cohort_layout.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
+#include "tidalcrest/sync/errors.hpp"
+#include "tidalcrest/sync/log.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+
+/// Lets a wait end: the lock is given up at the moment when the waiter says that it waits.
+class LogWatch {
+ public:
+  explicit LogWatch(std::function<void()> on_waiting = {}) {
+    set_log_sink([this, on_waiting](const LogRecord& record) {
+      if (record.level != LogLevel::debug) return;
+      lines.push_back(record.message);
+      if (on_waiting && record.message.starts_with("waiting for")) on_waiting();
+    });
+  }
+  ~LogWatch() { set_log_sink({}); }
+  std::vector<std::string> lines;
+};
+
+BackoffContext stopping_when(std::function<bool()> stop_requested) {
+  BackoffContext context;
+  context.stop_requested = std::move(stop_requested);
+  return context;
+}
+
+/// Whether the lock is free now: a context that is stopped already ends the first wait.
+bool can_lock(const testing::TempDir& dir, bool exclusive) {
+  const ScopedBackoffContext stopped(stopping_when([] { return true; }));
+  try {
+    acquire_distribution_lock(dir.path(), exclusive);
+    return true;
+  } catch (const SyncBackoffCancelled&) {
+    return false;
+  }
+}
+
+TEST(DistributionLockTest, ExcludesHandlesOfOneProcess) {
+  const testing::TempDir dir;
+  {
+    const auto first = acquire_distribution_lock(dir.path(), false);
+    EXPECT_TRUE(can_lock(dir, false));
+    EXPECT_FALSE(can_lock(dir, true));
+  }
+  auto writer = acquire_distribution_lock(dir.path(), true);
+  EXPECT_FALSE(can_lock(dir, false));
+  auto moved = std::move(writer);
+  EXPECT_FALSE(can_lock(dir, false));
+  moved.release();
+  moved.release();
+  moved.close();
+  EXPECT_TRUE(can_lock(dir, true));
+  moved = acquire_distribution_lock(dir.path(), true);
+  moved.close();
+  EXPECT_TRUE(can_lock(dir, true));
+}
+
+TEST(DistributionLockTest, ExcludesOtherProcessesAndDiesWithItsHolder) {
+  struct Case {
+    bool held_exclusive, wanted_exclusive, granted;
+  };
+  for (const auto& c : {Case{false, false, true}, Case{false, true, false}, Case{true, false, false},
+                        Case{true, true, false}}) {
+    SCOPED_TRACE(::testing::Message() << "held " << c.held_exclusive << " wanted " << c.wanted_exclusive);
+    const testing::TempDir dir;
+    testing::Child holder(
+        [&] { new DistributionLock(acquire_distribution_lock(dir.path(), c.held_exclusive)); });
+    ASSERT_TRUE(holder.is_ready);
+    EXPECT_EQ(can_lock(dir, c.wanted_exclusive), c.granted);
+    holder.kill();
+    EXPECT_TRUE(can_lock(dir, c.wanted_exclusive));
+  }
+}
+
+TEST(DistributionLockTest, WaitsUntilTheHolderLetsGoAndSaysSo) {
+  const testing::TempDir dir;
+  std::unique_ptr<DistributionLock> held;
+  testing::Child holder(
+      [&] { held = std::make_unique<DistributionLock>(acquire_distribution_lock(dir.path(), true)); },
+      [&] { held->release(); });
+  ASSERT_TRUE(holder.is_ready);
+  const LogWatch watch([&] { holder.let_go(); });
+  const auto lock = acquire_distribution_lock(dir.path(), false);
+  ASSERT_EQ(watch.lines.size(), 2u);
+  EXPECT_EQ(watch.lines[0], "waiting for the shared distribution lock of " + dir.path());
+  EXPECT_THAT(
+      watch.lines[1],
+      AllOf(HasSubstr("got the shared distribution lock of " + dir.path() + " after "), HasSubstr(" s")));
+}
+
+TEST(DistributionLockTest, AStopEndsTheWait) {
+  const testing::TempDir dir;
+  const auto held = acquire_distribution_lock(dir.path(), true);
+  std::atomic<int> asked = 0;
+  std::thread waiter([&] {
+    const ScopedBackoffContext context(stopping_when([&] { return ++asked == 4; }));
+    EXPECT_THROW(acquire_distribution_lock(dir.path(), true), SyncBackoffCancelled);
+  });
+  waiter.join();
+  EXPECT_EQ(asked, 4);
+}
+
+TEST(DistributionLockTest, ARemovedLockFileLocksNobodyOut) {
+  const testing::TempDir dir;
+  auto held = acquire_distribution_lock(dir.path(), true);
+  const LogWatch watch([&] {
+    dir.remove(local_cohort::COHORTS_DIRECTORY);
+    held.release();
+  });
+  const auto lock = acquire_distribution_lock(dir.path(), true);
+  EXPECT_TRUE(dir.has(local_cohort::DISTRIBUTION_LOCK_FILE));
+  EXPECT_FALSE(can_lock(dir, true));
+}
+
+TEST(DistributionLockTest, InterruptionsAndFileSystemsThatDoNotExclude) {
+  const testing::RestoredDiskCalls restored;
+  const testing::TempDir dir;
+  int interruptions = 3;
+  disk_calls().lock = [&](int descriptor, int operation) {
+    if (interruptions-- > 0) return errno = EINTR, -1;
+    return DiskCalls::real().lock(descriptor, operation);
+  };
+  EXPECT_NO_THROW(acquire_distribution_lock(dir.path(), true));
+
+  const testing::TempDir other;
+  disk_calls().lock = [](int, int) { return 0; };
+  try {
+    acquire_distribution_lock(other.path(), false);
+    ADD_FAILURE() << "granted without exclusion";
+  } catch (const OSError& failure) {
+    EXPECT_THAT(failure.what(), HasSubstr(other.path()));
+  }
+  EXPECT_THROW(acquire_distribution_lock(other.path("missing"), true), FileNotFoundError);
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync

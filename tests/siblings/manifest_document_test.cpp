@@ -1,0 +1,164 @@
+#include "siblings/distribution/manifest_document.hpp"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <fstream>
+
+#include "host/json.hpp"
+#include "support/failure_text.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync::client_manifest {
+namespace {
+
+using ::testing::EndsWith;
+using testing::failure_of;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+Document test_data(const std::string& name) {
+  std::ifstream in(std::string(TIDALCREST_TEST_DATA) + "/" + name);
+  return parse_json(std::string(std::istreambuf_iterator<char>(in), {}));
+}
+
+std::string parse_failure(const std::string& body) {
+  return failure_of([&] { parse_distribution_manifest_bytes(body, "served manifest"); });
+}
+
+std::string files_body(const std::vector<std::string>& paths) {
+  Document files = Document::object();
+  for (const auto& path : paths) files[path] = Document::object();
+  return dump_json({{"files", files}});
+}
+
+TEST(ManifestPath, AgreesWithTheSharedVectors) {
+  const Document vectors = test_data("paths.json");
+  for (const Document& path : vectors.at("accepted")) {
+    EXPECT_EQ(failure_of([&] { validate_manifest_relative_path(path); }), "nothing") << path;
+  }
+  for (const Document& path : vectors.at("refused")) {
+    EXPECT_THAT(failure_of([&] { validate_manifest_relative_path(path); }), StartsWith("ValueError: "))
+        << path;
+  }
+}
+
+TEST(ManifestPath, SaysWhichRuleBroke) {
+  const struct {
+    Document path;
+    const char* failure;
+  } cases[] = {
+      {"", "ValueError: path is empty"},
+      {std::string(1025, 'a'), "ValueError: path is longer than 1024 bytes"},
+      {"/a", "ValueError: path begins with '/'"},
+      {"a/", "ValueError: path ends with '/'"},
+      {"a//b", "ValueError: path has an empty segment"},
+      {"a/../b", "ValueError: path has a relative segment '..'"},
+      {"a/" + std::string(251, 'b'), "ValueError: path has a segment longer than 250 bytes"},
+      {"a b", "ValueError: path has a character outside the allowed set at byte 1"},
+      {nullptr, "TypeError: path must be a string, got NoneType"},
+      {Document::array({"a"}), "TypeError: path must be a string, got list"},
+  };
+  for (const auto& [path, failure] : cases) {
+    EXPECT_EQ(failure_of([&] { validate_manifest_relative_path(path); }), failure);
+  }
+}
+
+TEST(ManifestBytes, RefuseWhatIsNoStrictJsonObject) {
+  EXPECT_THAT(parse_failure("{"), StartsWith("ManifestJsonError: served manifest is not valid JSON: "));
+  EXPECT_THAT(parse_failure(R"({"files": {"a": {}, "a": {}}})"), HasSubstr("duplicate key 'a'"));
+  EXPECT_THAT(parse_failure("\"\xff\""), StartsWith("ManifestJsonError: served manifest "));
+  EXPECT_EQ(parse_failure("[]"), "ValueError: served manifest must contain a JSON object");
+  EXPECT_EQ(parse_failure(R"({"files": null})"),
+            "ValueError: served manifest files must be a JSON object, got NoneType");
+  EXPECT_EQ(parse_failure(R"({"files": {"a": []}})"),
+            "ValueError: served manifest files['a'] must be a JSON object, got list");
+  EXPECT_EQ(parse_failure(R"({"files": {"../a": {}}})"),
+            "ValueError: served manifest files has an invalid path '../a': path has a relative segment '..'");
+  EXPECT_EQ(parse_failure("{}"), "nothing");
+}
+
+TEST(ManifestBytes, StopAt256MebibytesBeforeParsing) {
+  const std::string body((std::size_t{256} << 20) + 1, ' ');
+  EXPECT_EQ(parse_failure(body),
+            "ValueError: served manifest is too large: 268435457 bytes, at most 268435456");
+}
+
+TEST(ManifestBytes, RefusePathsThatWouldStandInTheClientsWay) {
+  for (const char* name :
+       {"manifest.json", "shuffle_seed.enc", "shuffle_seed.enc.meta.json", "sync-progress.json",
+        "feature-rotation-state.json", "rotation-settings.json", ".manifest_sync_metadata.json",
+        ".sync_hash_cache.json", ".consumer_count", ".sync_flock", ".transition_lock",
+        ".prefetched-features.json", ".tidalcrest-identity.json", ".search-tracking.json",
+        ".cohort-manifest.json", ".cohort-complete.json", ".tidalcrest-cohorts/x", "manifest.json/x"}) {
+    EXPECT_THAT(parse_failure(files_body({name})), HasSubstr("the client's own name")) << name;
+  }
+  EXPECT_THAT(parse_failure(files_body({"a/b.tmp"})),
+              EndsWith("path ends in '.tmp', the name of a staging file"));
+  EXPECT_EQ(parse_failure(files_body({"u1/manifest.json", ".hidden", "x.tmp/a", "u1/.transition_lock"})),
+            "nothing");
+}
+
+TEST(ManifestBytes, RefuseAPathThatIsAlsoADirectory) {
+  for (const std::vector<std::string>& paths : std::vector<std::vector<std::string>>{
+           {"a", "a/b"}, {"a/b", "a"}, {"a/b/c/d", "z", "a/b"}, {"a!", "a-b", "a/b", "a.c", "a"}}) {
+    EXPECT_THAT(parse_failure(files_body(paths)), HasSubstr("a path that is also a directory")) << paths[0];
+  }
+  EXPECT_EQ(parse_failure(files_body({"a.b", "a/b", "a/bc", "ab", "a/b.c/d"})), "nothing");
+}
+
+// Processor time, so that a busy machine does not count: linear is a second, quadratic is minutes.
+TEST(ManifestBytes, StayLinearForManyFilesAndForDeepOnes) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < 100000; ++i)
+    paths.push_back(fmt::format("features/u{}/signal_is/a__b__{}.arrow", i % 7, i));
+  std::string deep;
+  for (int i = 0; i < 500; ++i) deep += "d/";
+  for (int i = 0; i < 2000; ++i) paths.push_back(fmt::format("{}/{}{}", i, deep, i));
+  const std::string body = files_body(paths);
+  const std::clock_t start = std::clock();
+  const Document manifest = parse_distribution_manifest_bytes(body, "served manifest");
+  EXPECT_EQ(manifest.at("files").size(), paths.size());
+  EXPECT_EQ(manifest.at("files").get_ref<const Document::object_t&>().begin()->first, paths.front());
+  EXPECT_LT((std::clock() - start) / CLOCKS_PER_SEC, 30);
+}
+
+TEST(SignalsIndexDeclaration, IsAbsentOrWhole) {
+  const auto declaration = [](const char* text) {
+    return validate_signals_index_manifest_declaration(parse_json(text));
+  };
+  EXPECT_EQ(declaration("{}"), std::nullopt);
+  EXPECT_EQ(declaration(R"({"signals_index": null})"), std::nullopt);
+  EXPECT_EQ(declaration(R"({"signals_index": {"schema_version": 1, "path": "i.json"}})"), "i.json");
+  EXPECT_EQ(declaration(R"({"signals_index": {"schema_version": 1, "path": "i.json"},
+                            "files": {"i.json": {"kind": "signals_index"}}})"),
+            "i.json");
+  const struct {
+    const char* text;
+    const char* failure;
+  } cases[] = {
+      {R"({"signals_index": []})", "TypeError: manifest signals_index must be a JSON object, got list"},
+      {R"({"signals_index": {"schema_version": 1}})",
+       "TypeError: manifest signals_index.path must be a string"},
+      {R"({"signals_index": {"schema_version": 1, "path": 3}})",
+       "TypeError: manifest signals_index.path must be a string"},
+      {R"({"signals_index": {"schema_version": 1, "path": "/i"}})",
+       "ValueError: manifest signals_index.path '/i' is invalid: path begins with '/'"},
+      {R"({"signals_index": {"schema_version": 2, "path": "i"}})",
+       "ValueError: manifest signals_index.schema_version must be 1, got 2"},
+      {R"({"signals_index": {"schema_version": true, "path": "i"}})",
+       "ValueError: manifest signals_index.schema_version must be 1, got True"},
+      {R"({"signals_index": {"path": "i"}})",
+       "ValueError: manifest signals_index.schema_version must be 1, got None"},
+      {R"({"signals_index": {"schema_version": 1, "path": "i"}, "files": {"i": {"kind": "feature"}}})",
+       "ValueError: manifest files['i'].kind must be signals_index"},
+  };
+  for (const auto& [text, failure] : cases) {
+    EXPECT_EQ(failure_of([&] { declaration(text); }), failure) << text;
+  }
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync::client_manifest
