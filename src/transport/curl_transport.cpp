@@ -1,0 +1,262 @@
+#include "transport/curl_transport.hpp"
+
+#include <fmt/format.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "host/child_process.hpp"
+#include "host/endpoint.hpp"
+#include "host/failures.hpp"
+#include "host/integer.hpp"
+#include "host/text.hpp"
+#include "transport/backoff.hpp"
+#include "transport/local_failure.hpp"
+#include "transport/settings.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+constexpr const char* NO_CURL = "curl transport requested but curl is not available";
+constexpr const char* STATUS_MARKER = "TIDALCREST_HTTP_STATUS:";
+constexpr std::size_t TEXT_LIMIT_BYTES = 1 << 20;  // of headers and of the body of an error
+constexpr int CURL_WRITE_ERROR = 23;               // curl's exit code when it cannot write its output
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::error_code failed;
+    const auto parent = std::filesystem::temp_directory_path(failed);
+    if (failed) throw_os_error(failed.value(), "directory for temporary files");
+    std::string pattern = (parent / "tidalcrest-curl-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw_os_error(errno, "temporary directory " + pattern);
+    _path = pattern;
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(_path, ignored);
+  }
+  std::string file(const char* name) const { return _path + "/" + name; }
+
+ private:
+  std::string _path;
+};
+
+bool is_error_status(std::int64_t status) { return status >= 400 && status <= 599; }
+
+bool has_authorization(const Request& request) {
+  const auto& items = request.header_items();
+  return std::any_of(items.begin(), items.end(),
+                     [](const auto& item) { return is_header_name(item.first, "authorization"); });
+}
+
+ChildResult run_command(ChildCommand command) {
+  command.stop_requested = _sync_backoff_stop_requested;
+  ChildResult completed = run_child(command);
+  if (completed.stopped) throw_stop_requested();
+  return completed;
+}
+
+ChildResult _run_curl_command(std::vector<std::string> arguments) {
+  return run_command({.arguments = std::move(arguments), .output_descriptor = {}, .stop_requested = {}});
+}
+
+ChildResult _run_curl_download_command(std::vector<std::string> arguments, int output_descriptor) {
+  return run_command(
+      {.arguments = std::move(arguments), .output_descriptor = output_descriptor, .stop_requested = {}});
+}
+
+// The start of a file, so that what a server sends without end does not fill the memory.
+std::string file_text_or_empty(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string text(TEXT_LIMIT_BYTES, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  return text;
+}
+
+void hand_over_file(const std::string& path, BodySink& sink) {
+  std::ifstream file(path, std::ios::binary);
+  std::string piece(static_cast<std::size_t>(_sync_http_response_read_bytes()), '\0');
+  while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) || file.gcount() > 0) {
+    sink.write({piece.data(), static_cast<std::size_t>(file.gcount())});
+  }
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines = text::split(text, "\n");
+  for (auto& line : lines) {
+    if (line.ends_with('\r')) line.pop_back();
+  }
+  return lines;
+}
+
+std::string exit_detail(const std::string& standard_error, int exit_code) {
+  const std::string detail = text::strip(standard_error);
+  return detail.empty() ? fmt::format("curl exited with status {}", exit_code) : detail;
+}
+
+// Why the file takes no more bytes, asked of the file itself: curl says only that it could not write. What
+// the question writes is taken back.
+int write_error_of(int descriptor) {
+  struct stat file {};
+  if (fstat(descriptor, &file) != 0 || pwrite(descriptor, "", 1, file.st_size) < 0) return errno;
+  return ftruncate(descriptor, file.st_size) != 0 ? errno : 0;
+}
+
+}  // namespace
+
+std::string _request_host(const Request& request) {
+  try {
+    return split_url(request.full_url).hostname;
+  } catch (const ValueError&) {
+    return "";
+  }
+}
+
+bool _curl_auto_host(const Request& request) {
+  const std::string host = _request_host(request);
+  return host == PUBLIC_DATA_ORIGIN_HOST || host.ends_with(std::string(".") + PUBLIC_DATA_ORIGIN_HOST);
+}
+
+std::optional<std::string> _find_curl_binary() { return find_executable("curl"); }
+
+bool _should_use_curl_transport(const Request& request, const std::string& transport) {
+  const std::string choice = _sync_http_transport(transport);
+  if (choice == "urllib" || has_authorization(request)) return false;
+  try {
+    if (split_url(request.full_url).scheme != "https") return false;
+  } catch (const ValueError&) {
+    return false;
+  }
+  if (choice == "auto" && !_curl_auto_host(request)) return false;
+  return _find_curl_binary().has_value();
+}
+
+HeaderMap _parse_curl_headers(const std::string& text) {
+  HeaderMap last_block;
+  bool in_block = false;
+  for (const auto& line : lines_of(text)) {
+    if (line.starts_with("HTTP/")) {
+      last_block = {};
+      in_block = true;
+    } else if (text::strip(line).empty()) {
+      in_block = false;
+    } else if (in_block) {
+      last_block.add_line(line);
+    }
+  }
+  return last_block;
+}
+
+std::int64_t _curl_status_from_stdout(const std::string& standard_output, const std::string& headers_text) {
+  const std::string written = text::strip(text::utf8_with_replacement(standard_output));
+  if (!written.empty()) {
+    if (const auto status = try_int(lines_of(written).back())) return *status;
+  }
+  const auto lines = lines_of(headers_text);
+  for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
+    if (!line->starts_with("HTTP/")) continue;
+    auto fields = text::split(*line, " ");
+    std::erase(fields, "");
+    if (fields.size() >= 2) return try_int(fields[1]).value_or(0);
+  }
+  return 0;
+}
+
+std::vector<std::string> _curl_command(const std::string& curl, const Request& request,
+                                       double timeout_seconds,
+                                       const std::vector<std::string>& output_options) {
+  const double connect_timeout = std::min(timeout_seconds, SYNC_CURL_CONNECT_TIMEOUT_SECONDS);
+  std::vector<std::string> command = {curl,
+                                      "-4",
+                                      "-sS",
+                                      "-L",
+                                      "--connect-timeout",
+                                      text::general_text(connect_timeout),
+                                      "--speed-limit",
+                                      std::to_string(SYNC_CURL_LOW_SPEED_LIMIT_BYTES_PER_SECOND),
+                                      "--speed-time",
+                                      text::general_text(timeout_seconds),
+                                      "--retry",
+                                      std::to_string(SYNC_CURL_RETRIES),
+                                      "--retry-delay",
+                                      std::to_string(SYNC_CURL_RETRY_DELAY_SECONDS)};
+  command.insert(command.end(), output_options.begin(), output_options.end());
+  bool user_agent_seen = false;
+  for (const auto& [key, value] : request.header_items()) {
+    command.insert(command.end(), {"-H", key + ": " + value});
+    user_agent_seen = user_agent_seen || is_header_name(key, "user-agent");
+  }
+  if (!user_agent_seen) command.insert(command.end(), {"-A", SYNC_USER_AGENT});
+  command.push_back(request.full_url);
+  return command;
+}
+
+HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink& sink) {
+  const auto curl = _find_curl_binary();
+  if (!curl) throw URLError(NO_CURL);
+  const TemporaryDirectory directory;
+  const std::string header_path = directory.file("headers.txt");
+  const std::string body_path = directory.file("body.bin");
+  const ChildResult completed = _run_curl_command(_curl_command(
+      *curl, request, timeout_seconds, {"-D", header_path, "-o", body_path, "-w", "%{http_code}"}));
+
+  const std::string headers_text = file_text_or_empty(header_path);
+  HttpHead head{_curl_status_from_stdout(completed.standard_output, headers_text),
+                _parse_curl_headers(headers_text)};
+  if (completed.exit_code != 0 && !is_error_status(head.status)) {
+    throw URLError(exit_detail(text::utf8_with_replacement(completed.standard_error), completed.exit_code));
+  }
+  if (is_error_status(head.status)) {
+    throw HTTPError(request.full_url, head.status, fmt::format("HTTP {}", head.status), head.headers,
+                    file_text_or_empty(body_path));
+  }
+  try {
+    sink.begin(head.status, head.headers);
+    hand_over_file(body_path, sink);
+  } catch (...) {
+    throw LocalFailure{std::current_exception()};
+  }
+  return head;
+}
+
+HttpHead _curl_download_to_file(const Request& request, client_manifest::UpdatableFile& file,
+                                double timeout_seconds) {
+  const auto curl = _find_curl_binary();
+  if (!curl) throw ConnectionError(NO_CURL);
+  const std::string status_line = fmt::format("%{{stderr}}\n{}%{{http_code}}\n", STATUS_MARKER);
+  file.flush();
+  const ChildResult completed = _run_curl_download_command(
+      _curl_command(*curl, request, timeout_seconds, {"-o", "-", "-w", status_line}), file.descriptor());
+  file.flush();
+
+  const std::string error_text = text::utf8_with_replacement(completed.standard_error);
+  static const std::regex status_form(std::string(STATUS_MARKER) + "([0-9]{3})");
+  static const std::regex status_line_form("\n?" + std::string(STATUS_MARKER) + "[0-9]{3}\n?");
+  std::smatch match;
+  const std::int64_t status =
+      std::regex_search(error_text, match, status_form) ? to_int(std::string_view(match[1].str())) : 0;
+  if (completed.exit_code != 0 && !is_error_status(status)) {
+    const std::string detail =
+        exit_detail(std::regex_replace(error_text, status_line_form, ""), completed.exit_code);
+    // A full disk is no fault of the network, and no repetition mends it.
+    if (completed.exit_code == CURL_WRITE_ERROR) {
+      const int why = write_error_of(file.descriptor());
+      if (why != 0) throw_os_error(why, detail);
+      throw OSError(detail);
+    }
+    throw ConnectionError(detail);
+  }
+  return {status, {}};
+}
+
+}  // namespace tidalcrest::sync

@@ -1,0 +1,17 @@
+#include "transport/local_failure.hpp"
+
+#include "siblings/distribution/sync_backoff.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+
+void throw_stop_requested() {
+  try {
+    sync_backoff::module_seam().current()->raise_cancelled();
+    throw SyncBackoffCancelled("a stop was requested during a transfer");  // a host module that only returned
+  } catch (...) {
+    throw LocalFailure{std::current_exception()};
+  }
+}
+
+}  // namespace tidalcrest::sync

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "tidalcrest/sync/document.hpp"
+
+namespace tidalcrest::sync {
+
+/// The three normalised transport settings of a manager. Replaced by a later `get_or_create`, read at the
+/// start of each operation. Thread-safe.
+class RuntimeKnobs {
+ public:
+  RuntimeKnobs(const Document& sync_http_transport, const Document& sync_http_chunk_bytes,
+               const Document& sync_max_concurrency) {
+    set(sync_http_transport, sync_http_chunk_bytes, sync_max_concurrency);
+  }
+  /// A null document keeps the current value. Sets transport, chunk bytes, concurrency in this order; an
+  /// invalid one throws `ValueError` and leaves those set before it changed.
+  void set(const Document& sync_http_transport, const Document& sync_http_chunk_bytes,
+           const Document& sync_max_concurrency);
+  std::string transport() const;
+  std::int64_t chunk_bytes() const;
+  std::int64_t max_concurrency() const;
+
+ private:
+  mutable std::mutex _mutex;  // guards the three values
+  std::string _transport;
+  std::int64_t _chunk_bytes = 0;
+  std::int64_t _max_concurrency = 0;
+};
+
+}  // namespace tidalcrest::sync
