@@ -1,0 +1,86 @@
+#include "download/download_pool.hpp"
+
+#include <utility>
+
+#include "host/threads.hpp"
+
+namespace tidalcrest::sync {
+
+DownloadPool::DownloadPool(std::size_t tasks, std::size_t workers, Task task)
+    : _tasks(tasks), _task(std::move(task)), _is_handed_out(tasks, false) {
+  _workers.reserve(workers);
+  try {
+    while (_workers.size() < workers) {
+      _workers.emplace_back([this] {
+        set_thread_name("tc-sync");
+        _work();
+      });
+    }
+  } catch (const std::system_error&) {
+    // The machine gives no more threads: fewer workers bring the same files.
+    if (_workers.empty()) throw;
+  }
+}
+
+DownloadPool::~DownloadPool() {
+  cancel();
+  for (auto& worker : _workers) worker.join();
+}
+
+std::optional<DownloadPool::End> DownloadPool::next_end(const Deadline& deadline) {
+  std::unique_lock lock(_mutex);
+  if (_handed_out == _tasks) return std::nullopt;
+  const auto has_end = [this] { return !_ends.empty(); };
+  if (deadline) {
+    if (!_ended.wait_until(lock, *deadline, has_end)) return std::nullopt;
+  } else {
+    _ended.wait(lock, has_end);
+  }
+  End end = std::move(_ends.front());
+  _ends.pop_front();
+  _is_handed_out[end.index] = true;
+  ++_handed_out;
+  return end;
+}
+
+void DownloadPool::cancel() {
+  const std::lock_guard lock(_mutex);
+  _cancelled = true;
+}
+
+std::vector<std::size_t> DownloadPool::pending() const {
+  const std::lock_guard lock(_mutex);
+  std::vector<std::size_t> indices;
+  for (std::size_t index = 0; index < _tasks; ++index) {
+    if (!_is_handed_out[index]) indices.push_back(index);
+  }
+  return indices;
+}
+
+void DownloadPool::_work() {
+  while (const auto index = _take()) {
+    End end{.index = *index, .result = {}, .failure = nullptr};
+    try {
+      end.result = _task(*index);
+    } catch (...) {
+      end.failure = std::current_exception();
+    }
+    _put(std::move(end));
+  }
+}
+
+std::optional<std::size_t> DownloadPool::_take() {
+  const std::lock_guard lock(_mutex);
+  if (_cancelled || _next == _tasks) return std::nullopt;
+  return _next++;
+}
+
+void DownloadPool::_put(End end) {
+  {
+    const std::lock_guard lock(_mutex);
+    _ends.push_back(std::move(end));
+  }
+  _ended.notify_one();
+}
+
+}  // namespace tidalcrest::sync

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "tidalcrest/sync/records.hpp"
+
+namespace tidalcrest::sync {
+
+/// A bounded set of named worker threads that run one task per index, started in order, and hand the ends of
+/// the tasks to the caller as they come. The destructor cancels what has not started and joins every worker,
+/// so what the tasks refer to need only outlive the pool.
+class DownloadPool {
+ public:
+  using Task = std::function<SyncResult(std::size_t index)>;
+  using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+
+  /// How one task ended: with its own record, or with an exception of any type.
+  struct End {
+    std::size_t index = 0;
+    SyncResult result;
+    std::exception_ptr failure;
+  };
+
+  DownloadPool(std::size_t tasks, std::size_t workers, Task task);
+  DownloadPool(const DownloadPool&) = delete;
+  DownloadPool& operator=(const DownloadPool&) = delete;
+  ~DownloadPool();
+
+  /// Waits for the next task to end. Absent when all ends were handed out, or when the deadline has passed.
+  std::optional<End> next_end(const Deadline& deadline = {});
+  /// Starts no further task.
+  void cancel();
+  /// The tasks whose end was not handed out yet, in order.
+  std::vector<std::size_t> pending() const;
+
+ private:
+  void _work();
+  std::optional<std::size_t> _take();
+  void _put(End end);
+
+  const std::size_t _tasks;
+  const Task _task;
+  mutable std::mutex _mutex;  // guards the five members below; never held while a task runs
+  std::condition_variable _ended;
+  std::size_t _next = 0;
+  std::size_t _handed_out = 0;
+  std::vector<bool> _is_handed_out;
+  std::deque<End> _ends;
+  bool _cancelled = false;
+  std::vector<std::thread> _workers;
+};
+
+}  // namespace tidalcrest::sync

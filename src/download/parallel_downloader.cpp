@@ -1,0 +1,148 @@
+#include "download/parallel_downloader.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <utility>
+
+#include "download/download_pool.hpp"
+#include "host/scope_exit.hpp"
+#include "host/text.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
+#include "transport/backoff.hpp"
+#include "transport/settings.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+constexpr std::size_t PREVIEWED_PATHS = 3;
+
+bool is_superseded(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const ManifestSupersededError&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// The calling thread's context for its workers: a wait there also ends when the call is given up.
+BackoffContext worker_backoff_context(std::shared_ptr<const std::atomic<bool>> cancel_event) {
+  BackoffContext context = _current_sync_backoff_context();
+  context.stop_requested = [cancel_event = std::move(cancel_event),
+                            parent_stop_requested = std::move(context.stop_requested)] {
+    if (*cancel_event) return true;
+    if (!parent_stop_requested) return false;
+    try {
+      return parent_stop_requested();
+    } catch (const std::exception&) {
+      return false;
+    }
+  };
+  return context;
+}
+
+void merge(SyncResult& result, SyncResult local) {
+  result.bytes_downloaded += local.bytes_downloaded;
+  result.features_downloaded += local.features_downloaded;
+  auto& paths = result.found_pnl_paths_downloaded;
+  std::move(local.found_pnl_paths_downloaded.begin(), local.found_pnl_paths_downloaded.end(),
+            std::back_inserter(paths));
+}
+
+DownloadPool::Deadline deadline_of(std::optional<double> timeout_seconds) {
+  if (!timeout_seconds) return std::nullopt;
+  using Clock = std::chrono::steady_clock;
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*timeout_seconds));
+}
+
+std::vector<std::string> paths_of(const std::vector<std::size_t>& indices, const FilesToDownload& files) {
+  std::vector<std::string> paths;
+  for (const auto index : indices) paths.push_back(files[index].file_path);
+  return paths;
+}
+
+// Small files may never wait for anything, and a stop must not run through all of them first.
+void end_if_asked_to_stop() {
+  if (_sync_backoff_stop_requested()) sync_backoff::module_seam().current()->raise_cancelled();
+}
+
+}  // namespace
+
+SyncError parallel_timeout_failure(std::optional<double> timeout_seconds,
+                                   const std::vector<std::string>& pending_paths) {
+  const auto previewed = std::min(pending_paths.size(), PREVIEWED_PATHS);
+  const std::vector<std::string> first(pending_paths.begin(),
+                                       pending_paths.begin() + static_cast<std::ptrdiff_t>(previewed));
+  return SyncError(fmt::format("Timed out after {} in parallel download with {} file(s) pending: {}{}",
+                               _sync_parallel_timeout_description(timeout_seconds), pending_paths.size(),
+                               text::join(first, ", "),
+                               pending_paths.size() > PREVIEWED_PATHS ? ", ..." : ""));
+}
+
+ParallelDownloader::ParallelDownloader(const FileDownloader& downloader, const RuntimeKnobs& knobs)
+    : _downloader(downloader), _knobs(knobs) {}
+
+void ParallelDownloader::_download_files_parallel(const FilesToDownload& files_to_download,
+                                                  SyncResult& result, const ManifestGeneration& generation,
+                                                  const std::optional<std::string>& target_data_dir) const {
+  if (files_to_download.empty()) return;
+  DownloadOptions options;
+  options.generation = generation;
+  options.target_data_dir = target_data_dir;
+  const auto max_workers =
+      std::min(files_to_download.size(), static_cast<std::size_t>(_knobs.max_concurrency()));
+  if (max_workers > 1) return _download_with_workers(files_to_download, result, options, max_workers);
+  for (const auto& file : files_to_download) {
+    end_if_asked_to_stop();
+    _downloader._download_file(file, result, options);
+  }
+}
+
+void ParallelDownloader::_download_with_workers(const FilesToDownload& files_to_download, SyncResult& result,
+                                                const DownloadOptions& options,
+                                                std::size_t max_workers) const {
+  const auto cancel_event = std::make_shared<std::atomic<bool>>(false);
+  const BackoffContext context = worker_backoff_context(cancel_event);
+  const auto parallel_timeout = _sync_parallel_timeout_seconds(
+      static_cast<std::int64_t>(files_to_download.size()), static_cast<std::int64_t>(max_workers));
+  const auto deadline = deadline_of(parallel_timeout);
+  std::exception_ptr first_error;
+  {
+    // Each worker fills a record of its own; only this thread writes the caller's.
+    DownloadPool pool(files_to_download.size(), max_workers, [&](std::size_t index) {
+      SyncResult local;
+      const auto entered = sync_backoff::module_seam().current()->enter_context(context);
+      end_if_asked_to_stop();
+      try {
+        _downloader._download_file(files_to_download[index], local, options);
+      } catch (const ManifestSupersededError&) {
+        // Here already: no worker is to begin another file before the caller hears of it.
+        *cancel_event = true;
+        throw;
+      }
+      return local;
+    });
+    // Whatever ends the loop below: a worker that still waits gives up at once, and is then joined.
+    const ScopeExit stop_waits([&] { *cancel_event = true; });
+    for (std::size_t ended = 0; ended < files_to_download.size(); ++ended) {
+      auto end = pool.next_end(deadline);
+      if (!end) throw parallel_timeout_failure(parallel_timeout, paths_of(pool.pending(), files_to_download));
+      if (!end->failure) {
+        merge(result, std::move(end->result));
+      } else if (is_superseded(end->failure)) {
+        first_error = end->failure;
+        break;
+      } else if (!first_error) {
+        first_error = end->failure;
+      }
+    }
+  }
+  if (first_error) std::rethrow_exception(first_error);
+}
+
+}  // namespace tidalcrest::sync

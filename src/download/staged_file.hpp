@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/digest.hpp"
+#include "siblings/distribution/pinned_root.hpp"
+#include "tidalcrest/sync/progress.hpp"
+#include "transport/http_types.hpp"
+
+namespace tidalcrest::sync {
+
+/// Tells a display how many bytes of one file are staged, as differences, over all attempts of its transfer.
+class StagedBytesReport {
+ public:
+  explicit StagedBytesReport(SyncProgress& progress) noexcept : _progress(progress) {}
+  void now_staged(std::int64_t size) noexcept;
+
+ private:
+  SyncProgress& _progress;
+  std::int64_t _told = 0;
+};
+
+/// The staging file of one attempt, with the running digest of what it holds. Every byte is hashed while it
+/// arrives; only bytes that an earlier attempt or process left behind are read back. Closed by the destructor
+/// on every way out; what it holds is then the resume point. Throws `OSError` for a local failure.
+class StagedFile {
+ public:
+  StagedFile(client_manifest::UpdatableFile file, StagedBytesReport& report);
+
+  /// Starts the digest anew over the whole file, and leaves the offset at its end.
+  void read_back();
+  void append(std::string_view bytes);
+
+  /// Marks the present end as the point to which a void answer is taken back.
+  void mark();
+  /// Takes back what was appended since the mark. False when a `drop` since then took the marked bytes too:
+  /// the file is then empty.
+  [[nodiscard]] bool rewind();
+  /// Empties the file.
+  void drop();
+
+  void flush() { _file.flush(); }
+  void close() { _file.close(); }
+  std::int64_t size() const noexcept { return _size; }
+  std::string hexdigest() const { return _hash.hexdigest(); }
+  /// For a writer that goes past this object; `read_back` must follow.
+  client_manifest::UpdatableFile& file() noexcept { return _file; }
+
+ private:
+  void _set_size(std::int64_t size) noexcept;
+  void _start_write_back() noexcept;
+
+  client_manifest::UpdatableFile _file;
+  StagedBytesReport& _report;
+  Sha256 _hash;
+  std::int64_t _size = 0;
+  std::int64_t _write_back_from = 0;
+  std::int64_t _mark = 0;
+  bool _mark_lost = false;
+  std::optional<Sha256> _hash_at_mark;  // left empty for a mark at 0
+};
+
+/// What an answer's body may do to a staging file. A status that is not taken writes nothing.
+struct BodyRule {
+  bool takes_part = false;   ///< 206 continues after the mark
+  bool takes_whole = false;  ///< 200 replaces everything
+  bool takes(std::int64_t status) const noexcept {
+    return (takes_part && status == 206) || (takes_whole && status == 200);
+  }
+};
+
+/// Writes a body into a staging file while it arrives. An answer that broke off and is asked for again inside
+/// the request engine leaves nothing behind.
+class StagingSink : public BodySink {
+ public:
+  StagingSink(StagedFile& staged, BodyRule rule) noexcept : _staged(staged), _rule(rule) {}
+  void begin(std::int64_t status, const HeaderMap& headers) override;
+  void write(std::string_view piece) override;
+
+ private:
+  StagedFile& _staged;
+  const BodyRule _rule;
+  bool _takes_body = false;
+};
+
+}  // namespace tidalcrest::sync
