@@ -1,0 +1,162 @@
+#include "integrity/hash_cache.hpp"
+
+#include <filesystem>
+#include <utility>
+#include <vector>
+
+#include "download/local_files.hpp"
+#include "host/integer.hpp"
+#include "host/json.hpp"
+#include "host/log.hpp"
+#include "manifest/paths.hpp"
+#include "siblings/distribution/contained_files.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using client_manifest::FileIdentity;
+using client_manifest::FileStat;
+using client_manifest::PinnedRoot;
+
+// What a look at a local file gives, absent for a file that cannot be looked at.
+template <class Look>
+auto absent_when_unreadable(Look&& look) -> std::optional<decltype(look())> {
+  try {
+    return look();
+  } catch (const OSError&) {
+    return std::nullopt;
+  } catch (const TypeError&) {
+    return std::nullopt;
+  } catch (const ValueError&) {
+    return std::nullopt;
+  }
+}
+
+// What an entry declares of its file.
+struct Declared {
+  std::string sha256;
+  std::optional<std::int64_t> size_bytes;
+};
+
+// Absent for a declaration that no file can match.
+std::optional<Declared> declared_identity(const Document& file_info) {
+  Declared declared;
+  if (const Document* size = find_member(file_info, "size_bytes"); size != nullptr && !size->is_null()) {
+    declared.size_bytes = try_int(*size);
+    if (!declared.size_bytes || *declared.size_bytes < 0) return std::nullopt;
+  }
+  const Document* sha256 = find_member(file_info, "sha256");
+  if (sha256 == nullptr || !sha256->is_string()) return std::nullopt;
+  declared.sha256 = sha256->get_ref<const std::string&>();
+  if (declared.sha256.empty()) return std::nullopt;
+  return declared;
+}
+
+}  // namespace
+
+HashCache::HashCache(const std::string& data_dir)
+    : _hash_cache_path((std::filesystem::path(data_dir) / SYNC_HASH_CACHE_FILENAME).string()),
+      _hash_cache(_load_hash_cache()) {}
+
+HashCacheEntries HashCache::_load_hash_cache() const {
+  std::error_code ignored;
+  if (!std::filesystem::exists(_hash_cache_path, ignored)) return {};
+  try {
+    return parse_hash_cache(client_manifest::read_regular_file_path(_hash_cache_path, "sync hash cache"));
+  } catch (const std::exception& failure) {
+    log::warning("Ignoring unreadable sync hash cache: %s", failure.what());
+    return {};
+  }
+}
+
+// A hit requires the expected digest itself: the cache says whether this is still the file with this digest,
+// and never what a digest is.
+std::optional<std::string> HashCache::_cached_local_sha(const std::string& file_path, const FileStat& stat,
+                                                        const std::string& expected_sha,
+                                                        std::optional<std::int64_t> expected_size) const {
+  if (expected_size && *expected_size != stat.size_bytes) return std::nullopt;
+  const auto expected_bytes = sha256_bytes(expected_sha);
+  if (!expected_bytes) return std::nullopt;
+  const std::lock_guard lock(_hash_cache_lock);
+  const auto entry = _hash_cache.find(file_path);
+  if (entry == _hash_cache.end() || entry->second != HashCacheEntry{*expected_bytes, stat})
+    return std::nullopt;
+  return expected_sha;
+}
+
+void HashCache::_remember_local_sha(const std::string& file_path, const FileIdentity& identity) {
+  const auto measured = sha256_bytes(identity.sha256);
+  if (!measured) return;  // no digest; it could never be asked for
+  const HashCacheEntry entry{*measured, identity};
+  const std::lock_guard lock(_hash_cache_lock);
+  const auto [stored, fresh] = _hash_cache.try_emplace(file_path, entry);
+  if (!fresh && stored->second == entry) return;
+  stored->second = entry;
+  _hash_cache_dirty = true;
+}
+
+void HashCache::_remember_local_sha(const std::string& root, const std::string& file_path,
+                                    const std::string& actual_sha) {
+  const std::string safe_path = _safe_manifest_relative_path(file_path);
+  const auto stat = absent_when_unreadable([&] {
+    return client_manifest::stat_contained_regular_file(root, safe_path, "manifest hash-cache file");
+  });
+  if (stat) _remember_local_sha(file_path, FileIdentity{*stat, actual_sha});
+}
+
+void HashCache::_persist_hash_cache() {
+  std::vector<std::pair<std::string, HashCacheEntry>> entries;
+  {
+    const std::lock_guard lock(_hash_cache_lock);
+    if (!_hash_cache_dirty) return;
+    entries.assign(_hash_cache.begin(), _hash_cache.end());
+    _hash_cache_dirty = false;
+  }
+  try {
+    _atomic_write(_hash_cache_path, hash_cache_text(std::move(entries)));
+  } catch (const std::exception& failure) {
+    log::warning("Failed to persist sync hash cache: %s", failure.what());
+    const std::lock_guard lock(_hash_cache_lock);
+    _hash_cache_dirty = true;
+  }
+}
+
+bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, const std::string& file_path,
+                                             const Document& file_info, bool cache_allowed) {
+  const auto stat_member = [&root](const std::string& path) {
+    return root.stat_regular_file(path, "manifest file");
+  };
+  return _matches(root, stat_member, file_path, file_info, cache_allowed);
+}
+
+bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
+                                             const std::string& file_path, const Document& file_info,
+                                             bool cache_allowed) {
+  const auto stat_member = [&cursor](const std::string& path) {
+    return cursor.stat_regular_file(path, "manifest file");
+  };
+  return _matches(root, stat_member, file_path, file_info, cache_allowed);
+}
+
+template <class Stat>
+bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
+                         const Document& file_info, bool cache_allowed) {
+  const std::string safe_path = _safe_manifest_relative_path(file_path);
+  const auto expected = declared_identity(file_info);
+  if (!expected) return false;
+  const auto has_declared_size = [&expected](const FileStat& stat) {
+    return !expected->size_bytes || *expected->size_bytes == stat.size_bytes;
+  };
+  const auto stat = absent_when_unreadable([&] { return stat_member(safe_path); });
+  if (!stat || !has_declared_size(*stat)) return false;  // a wrong size costs no hash
+  if (cache_allowed && _cached_local_sha(file_path, *stat, expected->sha256, expected->size_bytes))
+    return true;
+  const auto identity =
+      absent_when_unreadable([&] { return root.identify_regular_file(safe_path, "manifest file"); });
+  if (!identity || !has_declared_size(*identity)) return false;
+  if (cache_allowed) _remember_local_sha(file_path, *identity);  // also when it is the wrong digest
+  return identity->sha256 == expected->sha256;
+}
+
+}  // namespace tidalcrest::sync

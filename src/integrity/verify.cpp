@@ -1,0 +1,123 @@
+#include "integrity/verify.hpp"
+
+#include <optional>
+
+#include "host/json.hpp"
+#include "rotation/exclusion.hpp"
+#include "siblings/distribution/local_cohort.hpp"
+#include "siblings/distribution/lock.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using local_cohort::Pin;
+using shuffle_seed_state::SHUFFLE_SEED_FILE;
+using shuffle_seed_state::SHUFFLE_SEED_METADATA_FILE;
+
+// Runs one check and sorts its failure: what is not there is missing, what cannot be read or differs is
+// corrupted.
+template <class Check, class Missing, class Corrupted>
+void report(const Check& check, const Missing& missing, const Corrupted& corrupted) {
+  try {
+    check();
+  } catch (const FileNotFoundError&) {
+    missing();
+  } catch (const SyncError&) {
+    throw;  // also the one that is an operating-system error
+  } catch (const OSError&) {
+    corrupted();
+  } catch (const TypeError&) {
+    corrupted();
+  } catch (const ValueError&) {
+    corrupted();
+  } catch (const LocalCohortError&) {
+    corrupted();
+  } catch (const ShuffleSeedStateError&) {
+    corrupted();
+  }
+}
+
+class Verification {
+ public:
+  Verification(const Pin& pinned, VerifyResult& result) : _pinned(pinned), _result(result) {}
+
+  void check_members() {
+    const Document* manifest_files = find_member(*_pinned.selection->manifest, "files");
+    for (const auto& file_path : _pinned.selection->active_relative_paths) {
+      const Document* file_info =
+          manifest_files != nullptr ? find_member(*manifest_files, file_path) : nullptr;
+      if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))
+        continue;
+      report([&] { _pinned.verify_manifest_file_identity(file_path, "active cohort artifact"); },
+             [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
+    }
+  }
+
+  // The pair is reported together, since neither half can be told to be the bad one.
+  void check_seed_pair(const ShuffleSeed& shuffle_seed) {
+    const auto ciphertext = read_if_there(SHUFFLE_SEED_FILE, "active shuffle seed ciphertext");
+    const auto metadata = read_if_there(SHUFFLE_SEED_METADATA_FILE, "active shuffle seed metadata");
+    if (!ciphertext) add_missing(SHUFFLE_SEED_FILE);
+    if (!metadata) add_missing(SHUFFLE_SEED_METADATA_FILE);
+    if (!ciphertext || !metadata) return;
+    const auto pair_is_bad = [&] {
+      add_corrupted(SHUFFLE_SEED_FILE);
+      add_corrupted(SHUFFLE_SEED_METADATA_FILE);
+    };
+    report(
+        [&] {
+          shuffle_seed_state::validate_shuffle_seed_pair(_pinned.selection->manifest_bytes, *ciphertext,
+                                                         *metadata, shuffle_seed._wallet_secret());
+        },
+        pair_is_bad, pair_is_bad);
+  }
+
+ private:
+  std::optional<std::string> read_if_there(const char* path, const char* label) const {
+    try {
+      return _pinned.root.read_regular_file(path, label);
+    } catch (const FileNotFoundError&) {
+      return std::nullopt;
+    }
+  }
+  void add_missing(const std::string& path) {
+    _result.missing_files.push_back(path);
+    _result.valid = false;
+  }
+  void add_corrupted(const std::string& path) {
+    _result.corrupted_files.push_back(path);
+    _result.valid = false;
+  }
+
+  const Pin& _pinned;
+  VerifyResult& _result;
+};
+
+}  // namespace
+
+VerifyResult Verify::verify() const {
+  VerifyResult result;
+  if (!_active.get()->manifest) return result;
+  const auto selector_is_missing = [&] {
+    result.missing_files.emplace_back("manifest.json");
+    result.valid = false;
+  };
+  const auto selector_is_bad = [&] {
+    result.corrupted_files.emplace_back("manifest.json");
+    result.valid = false;
+  };
+  report(
+      [&] {
+        const DistributionLock shared = acquire_distribution_lock(_data_dir, /*exclusive=*/false);
+        const Pin pinned = local_cohort::pin_active_cohort(_data_dir);
+        Verification verification(pinned, result);
+        verification.check_members();
+        verification.check_seed_pair(_shuffle_seed);
+        pinned.root.assert_root_unchanged();
+      },
+      selector_is_missing, selector_is_bad);
+  return result;
+}
+
+}  // namespace tidalcrest::sync

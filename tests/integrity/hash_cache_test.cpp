@@ -1,0 +1,189 @@
+#include "integrity/hash_cache.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/digest.hpp"
+#include "host/json.hpp"
+#include "support/failure_text.hpp"
+#include "support/temp_dir.hpp"
+#include "tidalcrest/sync/log.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using namespace testing;
+using client_manifest::FileIdentity;
+using client_manifest::FileStat;
+using client_manifest::PinnedRoot;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+const std::string SHA_A(64, 'a');
+const std::string SHA_B(64, 'b');
+constexpr FileStat STAT{.size_bytes = 1, .mtime_ns = 2, .ctime_ns = 3, .device = 4, .inode = 5};
+
+class HashCacheTest : public ::testing::Test {
+ protected:
+  HashCacheTest() {
+    set_log_sink([this](const LogRecord& record) { log.push_back(record.message); });
+  }
+  ~HashCacheTest() override { set_log_sink({}); }
+
+  void write_cache(const std::string& text) const { data.write(SYNC_HASH_CACHE_FILENAME, text); }
+  std::string cache_text() const { return data.read(SYNC_HASH_CACHE_FILENAME); }
+
+  TempDir data;
+  std::vector<std::string> log;
+};
+
+TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
+  HashCache cache(data.path());
+  cache._persist_hash_cache();
+  EXPECT_FALSE(data.has(SYNC_HASH_CACHE_FILENAME));  // nothing to write
+  cache._remember_local_sha("z/b", FileIdentity{STAT, SHA_B});
+  cache._remember_local_sha("a", FileIdentity{STAT, SHA_A});
+  cache._remember_local_sha("no digest", FileIdentity{STAT, "short"});
+  cache._persist_hash_cache();
+  const std::string stat = R"("ctime_ns": 3, "device": 4, "inode": 5, "mtime_ns": 2, )";
+  EXPECT_EQ(cache_text(), "{\"files\": {\"a\": {" + stat + "\"sha256\": \"" + SHA_A +
+                              "\", \"size_bytes\": 1}, " + "\"z/b\": {" + stat + "\"sha256\": \"" + SHA_B +
+                              "\", \"size_bytes\": 1}}, \"version\": 2}");
+
+  const HashCache again(data.path());
+  EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_B), SHA_B);
+  EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_A), std::nullopt);
+  EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_B, 9), std::nullopt);
+  EXPECT_EQ(again._cached_local_sha("b", STAT, SHA_B), std::nullopt);
+  for (const auto member : {&FileStat::size_bytes, &FileStat::mtime_ns, &FileStat::ctime_ns,
+                            &FileStat::device, &FileStat::inode}) {
+    FileStat other = STAT;
+    ++(other.*member);
+    EXPECT_EQ(again._cached_local_sha("a", other, SHA_A), std::nullopt);
+  }
+}
+
+TEST_F(HashCacheTest, WritesOnlyWhatHasChangedAndTriesAgainAfterAFailure) {
+  HashCache cache(data.path());
+  cache._remember_local_sha("a", FileIdentity{STAT, SHA_A});
+  data.write(std::string(SYNC_HASH_CACHE_FILENAME) + "/in the way", "");
+  cache._persist_hash_cache();
+  EXPECT_THAT(log, ElementsAre(StartsWith("Failed to persist sync hash cache: ")));
+  data.remove(SYNC_HASH_CACHE_FILENAME);
+  cache._persist_hash_cache();
+  EXPECT_TRUE(data.has(SYNC_HASH_CACHE_FILENAME));
+
+  data.remove(SYNC_HASH_CACHE_FILENAME);
+  cache._remember_local_sha("a", FileIdentity{STAT, SHA_A});  // nothing new
+  cache._persist_hash_cache();
+  EXPECT_FALSE(data.has(SYNC_HASH_CACHE_FILENAME));
+  cache._remember_local_sha("a", FileIdentity{STAT, SHA_B});
+  cache._persist_hash_cache();
+  EXPECT_TRUE(data.has(SYNC_HASH_CACHE_FILENAME));
+}
+
+TEST_F(HashCacheTest, ReadsADamagedFileAsAColdMiss) {
+  const std::string good = R"({"ctime_ns": 3, "device": 4, "inode": "5", "mtime_ns": 2, "sha256": ")" +
+                           SHA_A + R"(", "size_bytes": 1})";
+  const auto with_entry = [](const std::string& entry) {
+    return R"({"version": 2, "files": {"x": "text", "y": [{"a": 1}], "a": )" + entry + "}}";
+  };
+  struct Case {
+    const char* label;
+    std::string text;
+    bool hit;
+    std::size_t warnings;
+  };
+  const Case cases[] = {
+      {"good, others dropped", with_entry(good), true, 0},
+      {"more members", with_entry(R"({"extra": {"deep": [1]}, )" + good.substr(1)), true, 0},
+      {"version last", R"({"more": [{}], "files": {"a": )" + good + R"(}, "version": 2.0})", true, 0},
+      {"the last of two wins", R"({"version": 2, "files": {"a": 1, "a": )" + good + "}}", true, 0},
+      {"the last of two is none", R"({"version": 2, "files": {"a": )" + good + R"(, "a": null}})", false, 0},
+      {"the last files are none", R"({"files": {"a": )" + good + R"(}, "version": 2, "files": []})", false,
+       0},
+      {"a member is missing", with_entry(R"({"sha256": ")" + SHA_A + "\"}"), false, 0},
+      {"a member is no number", with_entry(R"({"device": [4], )" + good.substr(good.find("\"inode"))), false,
+       0},
+      {"another version", R"({"version": 1, "files": {"a": )" + good + "}}", false, 0},
+      {"no version", R"({"files": {"a": )" + good + "}}", false, 0},
+      {"a list", "[" + with_entry(good) + "]", false, 0},
+      {"not JSON", with_entry(good) + "}", false, 1},
+      {"not text", "\xff", false, 1},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.label);
+    log.clear();
+    write_cache(item.text);
+    const HashCache cache(data.path());
+    EXPECT_EQ(cache._cached_local_sha("a", STAT, SHA_A).has_value(), item.hit);
+    EXPECT_EQ(log.size(), item.warnings);
+    for (const auto& line : log) EXPECT_THAT(line, StartsWith("Ignoring unreadable sync hash cache: "));
+  }
+}
+
+TEST_F(HashCacheTest, MatchesAFileAgainstItsDeclaration) {
+  data.write("m/a", "content");
+  const std::string sha = sha256_hex("content");
+  struct Case {
+    const char* label;
+    std::string path;
+    Document file_info;
+    bool matches;
+  };
+  const Case cases[] = {
+      {"right", "m/a", {{"sha256", sha}, {"size_bytes", 7}}, true},
+      {"size as text", "m/a", {{"sha256", sha}, {"size_bytes", " 7 "}}, true},
+      {"no size", "m/a", {{"sha256", sha}}, true},
+      {"null size", "m/a", {{"sha256", sha}, {"size_bytes", nullptr}}, true},
+      {"wrong size", "m/a", {{"sha256", sha}, {"size_bytes", 8}}, false},
+      {"negative size", "m/a", {{"sha256", sha}, {"size_bytes", -1}}, false},
+      {"size is no number", "m/a", {{"sha256", sha}, {"size_bytes", "x"}}, false},
+      {"wrong digest", "m/a", {{"sha256", SHA_A}, {"size_bytes", 7}}, false},
+      {"empty digest", "m/a", {{"sha256", ""}, {"size_bytes", 7}}, false},
+      {"no digest", "m/a", {{"size_bytes", 7}}, false},
+      {"missing file", "m/b", {{"sha256", sha}}, false},
+      {"directory", "m", {{"sha256", sha}}, false},
+  };
+  const PinnedRoot root(data.path());
+  HashCache cache(data.path());
+  for (const bool cache_allowed : {false, true, true}) {
+    client_manifest::DirectoryCursor cursor(root);
+    for (const auto& item : cases) {
+      SCOPED_TRACE(item.label);
+      EXPECT_EQ(cache._local_file_matches_manifest(root, item.path, item.file_info, cache_allowed),
+                item.matches);
+      EXPECT_EQ(cache._local_file_matches_manifest(root, cursor, item.path, item.file_info, cache_allowed),
+                item.matches);
+    }
+  }
+  EXPECT_THAT(failure_of([&] { cache._local_file_matches_manifest(root, "../a", cases[0].file_info); }),
+              StartsWith("ManifestError: "));
+}
+
+// A cache that lies shows whether it was asked.
+TEST_F(HashCacheTest, AnswersFromTheCacheWithoutReadingTheFile) {
+  data.write("a", "content");
+  const PinnedRoot root(data.path());
+  const Document lie{{"sha256", SHA_A}, {"size_bytes", 7}};
+  const Document truth{{"sha256", sha256_hex("content")}, {"size_bytes", 7}};
+  HashCache cache(data.path());
+  cache._remember_local_sha(data.path(), "a", SHA_A);
+  EXPECT_TRUE(cache._local_file_matches_manifest(root, "a", lie));
+  EXPECT_FALSE(cache._local_file_matches_manifest(root, "a", lie, /*cache_allowed=*/false));
+  EXPECT_TRUE(cache._local_file_matches_manifest(root, "a", lie));    // left alone by the line above
+  EXPECT_TRUE(cache._local_file_matches_manifest(root, "a", truth));  // a miss is hashed and remembered
+  EXPECT_FALSE(cache._local_file_matches_manifest(root, "a", lie));
+
+  cache._remember_local_sha(data.path(), "a", SHA_A);
+  data.remove("a");
+  data.write("a", "content");  // the same bytes in another file
+  EXPECT_FALSE(cache._local_file_matches_manifest(root, "a", lie));
+
+  cache._remember_local_sha(data.path(), "missing", SHA_A);  // remembers nothing, fails nothing
+  EXPECT_THAT(log, IsEmpty());
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
