@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+
+/// Gives what `call` gives. What a contained file operation or a sibling validator throws for something
+/// unusable
+/// (`OSError`, `TypeError`, `ValueError`) becomes a `SyncError` "{what_failed}: {its text}", chained.
+template <class Call>
+auto wrap_unusable(const std::string& what_failed, Call call) {
+  const auto wrapped = [&](const std::exception& failure) {
+    return SyncError(what_failed + ": " + failure.what());
+  };
+  try {
+    return call();
+  } catch (const OSError& failure) {
+    throw wrapped(failure);
+  } catch (const TypeError& failure) {
+    throw wrapped(failure);
+  } catch (const ValueError& failure) {
+    throw wrapped(failure);
+  }
+}
+
+/// Gives what `call` gives; a `TypeError` or `ValueError` of it becomes a `ManifestError` with its text,
+/// chained.
+template <class Call>
+auto as_manifest_error(Call call) {
+  try {
+    return call();
+  } catch (const TypeError& failure) {
+    throw ManifestError(failure.what());
+  } catch (const ValueError& failure) {
+    throw ManifestError(failure.what());
+  }
+}
+
+}  // namespace tidalcrest::sync
