@@ -1,0 +1,106 @@
+#include "cohort/cohort_loader.hpp"
+
+#include "artifacts/signals_index.hpp"
+#include "artifacts/vocabulary.hpp"
+#include "host/log.hpp"
+#include "manifest/identity.hpp"
+#include "manifest/persistence.hpp"
+#include "siblings/distribution/lock.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+
+namespace {
+
+// The exact bytes, shared with the selection: a manifest may be large.
+std::shared_ptr<const std::string> manifest_bytes_of(
+    const std::shared_ptr<const local_cohort::Selection>& selection) {
+  return {selection, &selection->manifest_bytes};
+}
+
+}  // namespace
+
+std::shared_ptr<const ActiveView> flat_view(const std::string& data_dir) {
+  return std::make_shared<const ActiveView>(ActiveView{nullptr, data_dir, nullptr, nullptr, nullptr});
+}
+
+std::shared_ptr<const ActiveView> load_cohort_pointer(const std::string& data_dir) {
+  try {
+    const auto selection = local_cohort::load_active_cohort(data_dir, /*required=*/false);
+    if (!selection) return flat_view(data_dir);
+    return std::make_shared<const ActiveView>(
+        ActiveView{selection, selection->root_dir, manifest_bytes_of(selection), nullptr, nullptr});
+  } catch (const ManifestJsonError& failure) {
+    throw ManifestError(failure.what());
+  } catch (const LocalCohortError& failure) {
+    log::warning(
+        "Root manifest has no complete immutable local cohort; treating it as unverified legacy state until "
+        "sync: %s",
+        failure.what());
+    return flat_view(data_dir);
+  }
+}
+
+std::optional<RotationState> load_initial_rotation_state(const std::string& data_dir,
+                                                         const ActiveView& view) {
+  auto state = load_feature_rotation_state(view.data_dir);
+  if (!state && view.data_dir != data_dir) state = load_feature_rotation_state(data_dir);
+  return state;
+}
+
+CohortLoader::CohortLoader(std::string data_dir, std::int64_t market_id, RotationPlanner& planner,
+                           ActiveViewHolder& active)
+    : _data_dir(std::move(data_dir)), _market_id(market_id), _planner(planner), _active(active) {}
+
+void CohortLoader::verify_at_start() {
+  if (!_active.get()->cohort) return;
+  try {
+    const DistributionLock shared = acquire_distribution_lock(_data_dir, /*exclusive=*/false);
+    _prove_selected_cohort();
+  } catch (const std::exception& failure) {
+    _fall_back_to_flat_view(failure);
+  }
+}
+
+void CohortLoader::adopt_selected_cohort() {
+  const auto view = _active.get();
+  const auto selected_bytes = local_cohort::read_selector_bytes(_data_dir);
+  const bool in_step =
+      view->cohort ? selected_bytes && *view->manifest_bytes == *selected_bytes : !selected_bytes.has_value();
+  if (in_step) return;
+  try {
+    // The publisher's state first: the proof brings it in line with the manifest and may write it back, and
+    // an older one must not go over it.
+    _planner._adopt_rotation_state(load_feature_rotation_state(_data_dir));
+    _prove_selected_cohort();
+  } catch (const SyncBackoffCancelled&) {
+    throw;  // a stop request says nothing about the cohort
+  } catch (const std::exception& failure) {
+    _fall_back_to_flat_view(failure);
+  }
+}
+
+// The pin is the authority: the cohort may have moved since the view was made.
+void CohortLoader::_prove_selected_cohort() {
+  const local_cohort::Pin pin = local_cohort::pin_active_cohort(_data_dir);
+  const auto& selection = pin.selection;
+  const std::string label = "active cohort manifest.json";
+  auto manifest = std::make_shared<const Manifest>(
+      _parse_full_distribution_manifest_bytes(selection->manifest_bytes, label));
+  _require_manifest_market_identity(*manifest, _market_id, "active local cohort manifest.json");
+  _planner._normalize_active_rotation_state_for_manifest(*manifest);
+  _load_manifest_signals_index(selection->root_dir, *manifest);
+  auto vocabulary = std::make_shared<const Vocabularies>(
+      _validate_manifest_vocabulary_files(selection->root_dir, *manifest));
+  _active.set(std::make_shared<const ActiveView>(ActiveView{selection, selection->root_dir,
+                                                            manifest_bytes_of(selection), std::move(manifest),
+                                                            std::move(vocabulary)}));
+}
+
+void CohortLoader::_fall_back_to_flat_view(const std::exception& failure) {
+  log::warning("Failed to load verified immutable local cohort; the first sync must repair it: %s",
+               failure.what());
+  _active.set(flat_view(_data_dir));
+}
+
+}  // namespace tidalcrest::sync

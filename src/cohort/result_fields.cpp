@@ -1,0 +1,35 @@
+#include "cohort/result_fields.hpp"
+
+#include "artifacts/vocabulary.hpp"
+#include "host/integer.hpp"
+#include "host/json.hpp"
+#include "host/text.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+std::int64_t number_or_zero(const Document& object, const char* key) {
+  const Document* value = find_member(object, key);
+  return value != nullptr ? try_int(*value).value_or(0) : 0;
+}
+
+}  // namespace
+
+void _apply_manifest_counts(SyncResult& result, const Manifest& manifest) {
+  result.pnl_column_count = try_int(manifest.pnl_column_count()).value_or(0);
+  result.n_features = 0;
+  for (const auto& [path, file_info] : manifest.files().get_ref<const Document::object_t&>()) {
+    const Document* kind = find_member(file_info, "kind");
+    if (kind != nullptr && *kind == "feature") ++result.n_features;
+  }
+}
+
+void _apply_vocabulary_metadata(SyncResult& result, const Vocabularies& vocabularies) {
+  if (!text::truthy(vocabularies)) return;
+  const Document metadata = _first_vocabulary_metadata(vocabularies);
+  result.t_signal_is = number_or_zero(metadata, "t_signal_is");
+  result.t_strategy_is = number_or_zero(metadata, "t_strategy_is");
+  result.n_instruments = number_or_zero(metadata, "n_instruments");
+}
+
+}  // namespace tidalcrest::sync

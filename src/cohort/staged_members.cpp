@@ -1,0 +1,199 @@
+#include "cohort/staged_members.hpp"
+
+#include "host/integer.hpp"
+#include "host/json.hpp"
+#include "host/parallel.hpp"
+#include "host/text.hpp"
+#include "host/threads.hpp"
+#include "rotation/exclusion.hpp"
+#include "siblings/distribution/pinned_root.hpp"
+#include "siblings/distribution/shuffle_seed_state.hpp"
+#include "siblings/runtime/modules.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using client_manifest::PinnedRoot;
+
+// Absent when there is nothing to pin: then nothing can be reused, and everything is fetched.
+std::optional<PinnedRoot> pinned_if_possible(const std::string& root) {
+  try {
+    return std::optional<PinnedRoot>(std::in_place, root);
+  } catch (const OSError&) {
+    return std::nullopt;
+  }
+}
+
+std::string text_member(const Document& file_info, const std::string& key) {
+  const Document* value = find_member(file_info, key);
+  return value != nullptr && text::truthy(*value) ? text::str(*value) : std::string();
+}
+
+bool may_trust_hash_cache(const StagingRoots& roots, const std::string& data_dir, const Document& file_info) {
+  return roots.active_root == data_dir && text_member(file_info, "kind") != "vault_module";
+}
+
+void check_declared_identity(const Document* file_info, const client_manifest::FileIdentity& identity,
+                             const std::string& path) {
+  if (file_info == nullptr) return;  // a derived snapshot has no declaration
+  const std::string expected_sha = text_member(*file_info, "sha256");
+  if (expected_sha.empty()) return;
+  const Document* expected_size = find_member(*file_info, "size_bytes");
+  const bool size_differs =
+      expected_size != nullptr && !expected_size->is_null() && to_int(*expected_size) != identity.size_bytes;
+  if (identity.sha256 != expected_sha || size_differs) {
+    throw IntegrityError("Candidate cohort identity mismatch: " + path);
+  }
+}
+
+local_cohort::ArtifactIdentity measured(const PinnedRoot& root, const std::string& path, const char* label) {
+  const auto identity = root.identify_regular_file(path, label);
+  return {identity.sha256, identity.size_bytes};
+}
+
+// Whether the live member is already right. One that is missing, or that cannot be read as a regular file, is
+// not: the copy that follows replaces whatever stands in its place.
+bool is_already_right(const PinnedRoot& active, const std::string& path,
+                      const local_cohort::ArtifactIdentity& expected) {
+  try {
+    return measured(active, path, "active cohort repair artifact") == expected;
+  } catch (const OSError&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+SelectedMembers reuse_selected_members(const Manifest& manifest,
+                                       const std::vector<std::string>& planned_paths,
+                                       const std::set<std::string>& forced_paths, const StagingRoots& roots,
+                                       const std::string& data_dir, HashCache& hash_cache,
+                                       const StopCheck& stop_check) {
+  struct Member {
+    const std::string* path;
+    const Document* file_info;
+    bool reused = false;
+  };
+  std::vector<Member> members;
+  const auto selected = [&](const std::string& path) {
+    const Document* file_info = find_member(manifest.files(), path);
+    if (file_info == nullptr || file_info->is_null()) {
+      throw SyncError("Active rotation path is missing from candidate manifest: " + path);
+    }
+    if (!_manifest_file_is_sync_excluded(*file_info)) members.push_back({&path, file_info});
+  };
+  for (const auto& path : planned_paths) selected(path);
+
+  const auto active = pinned_if_possible(roots.active_root);
+  const PinnedRoot candidate(roots.candidate_root);
+  parallel_in_order(active ? members.size() : 0, usable_cores(), [&](std::size_t i) {
+    Member& member = members[i];
+    if (forced_paths.contains(*member.path)) return;
+    stop_check();
+    const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *member.file_info);
+    if (!hash_cache._local_file_matches_manifest(*active, *member.path, *member.file_info, cache_allowed))
+      return;
+    active->copy_regular_file(*member.path, candidate, *member.path);
+    member.reused = true;
+  });
+
+  SelectedMembers result;
+  result.selected_paths.reserve(members.size());
+  for (const auto& member : members) {
+    result.selected_paths.push_back(*member.path);
+    if (member.reused) {
+      result.copied_paths.insert(*member.path);
+    } else {
+      result.new_files.push_back({*member.path, member.file_info});
+    }
+  }
+  result.files_to_download = result.new_files;
+  return result;
+}
+
+bool reuse_proven_file(const std::string& path, const Document& file_info, const StagingRoots& roots,
+                       HashCache& hash_cache) {
+  const auto active = pinned_if_possible(roots.active_root);
+  if (!active) return false;
+  if (!hash_cache._local_file_matches_manifest(*active, path, file_info, /*cache_allowed=*/false))
+    return false;
+  active->copy_regular_file(path, PinnedRoot(roots.candidate_root), path);
+  return true;
+}
+
+DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::string& candidate_root,
+                                          const std::vector<std::string>& selected_paths) {
+  DerivedArtifacts derived;
+  const PinnedRoot candidate(candidate_root);
+  for (const auto& source_path : selected_paths) {
+    const Document& file_info = *manifest.file_entry(source_path);
+    const auto module_name = runtime_module_name_from_kind(text_member(file_info, "kind"), source_path);
+    if (!module_name || module_name->empty()) continue;
+    // Measured and copied in the kernel: a module may be large, and nothing needs it in memory.
+    const auto source = candidate.identify_regular_file(source_path, "candidate runtime extension source");
+    const Document* declared_size = find_member(file_info, "size_bytes");
+    auto [snapshot_path, mapping] =
+        extension_snapshot::snapshot_record(*module_name, source_path, text_member(file_info, "sha256"),
+                                            declared_size != nullptr ? *declared_size : Document());
+    const auto matches = [&mapping](const client_manifest::FileIdentity& measured) {
+      return measured.size_bytes == to_int(mapping.at("size_bytes")) &&
+             measured.sha256 == text::str(mapping.at("source_sha256"));
+    };
+    if (!matches(source))
+      throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
+    candidate.copy_regular_file(source_path, candidate, snapshot_path);
+    if (!matches(candidate.identify_regular_file(snapshot_path, "candidate runtime extension snapshot"))) {
+      throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
+    }
+    derived.emplace_back(std::move(snapshot_path), std::move(mapping));
+  }
+  candidate.assert_root_unchanged();
+  return derived;
+}
+
+local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest,
+                                                        const std::string& candidate_root,
+                                                        const std::vector<std::string>& completion_paths,
+                                                        const StopCheck& stop_check) {
+  const PinnedRoot candidate(candidate_root);
+  std::vector<local_cohort::ArtifactIdentity> in_order(completion_paths.size());
+  parallel_in_order(completion_paths.size(), usable_cores(), [&](std::size_t i) {
+    stop_check();
+    const std::string& path = completion_paths[i];
+    const auto identity = candidate.identify_regular_file(path, "candidate cohort artifact");
+    check_declared_identity(manifest.file_entry(path), identity, path);
+    in_order[i] = {identity.sha256, identity.size_bytes};
+  });
+  local_cohort::ArtifactIdentities identities;
+  for (std::size_t i = 0; i < completion_paths.size(); ++i) {
+    identities[completion_paths[i]] = std::move(in_order[i]);
+  }
+  return identities;
+}
+
+void repair_active_generation(const std::string& candidate_root, const std::string& active_root,
+                              const std::vector<std::string>& completion_paths,
+                              const local_cohort::ArtifactIdentities& artifact_identities) {
+  constexpr const char* SEED_LABEL = "candidate operational shuffle artifact";
+  const PinnedRoot candidate(candidate_root);
+  const PinnedRoot active(active_root, /*create=*/true);
+  std::vector<std::string> repair_paths = completion_paths;
+  for (const char* seed_path :
+       {shuffle_seed_state::SHUFFLE_SEED_FILE, shuffle_seed_state::SHUFFLE_SEED_METADATA_FILE}) {
+    try {
+      candidate.stat_regular_file(seed_path, SEED_LABEL);
+      repair_paths.emplace_back(seed_path);
+    } catch (const FileNotFoundError&) {
+      // The pair is an operational artifact: a root without it has nothing to bring over.
+    }
+  }
+  for (const auto& path : repair_paths) {
+    const auto recorded = artifact_identities.find(path);
+    const auto expected =
+        recorded != artifact_identities.end() ? recorded->second : measured(candidate, path, SEED_LABEL);
+    if (!is_already_right(active, path, expected)) candidate.copy_regular_file(path, active, path);
+  }
+}
+
+}  // namespace tidalcrest::sync

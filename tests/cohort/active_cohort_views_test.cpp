@@ -1,0 +1,62 @@
+#include "cohort/active_cohort_views.hpp"
+
+#include <future>
+
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+class ViewsTest : public testing::SyncFixture {};
+
+TEST_F(ViewsTest, FlatStateHasNoView) {
+  const auto manager = make_manager();
+  EXPECT_THROW(manager->active_cohort_snapshot(), FileNotFoundError);
+  data.write("manifest.json", R"({"era_number": 1, "market_id": 1, "files": {}})");
+  EXPECT_THROW(make_manager()->active_cohort_snapshot(), LocalCohortError);
+}
+
+TEST_F(ViewsTest, PublicationWaitsForAPinAndTheSnapshotKeepsDescribingItsRoot) {
+  auto content = small_distribution();
+  origin.publish(content);
+  const auto manager = make_manager();
+  manager->sync();
+  const auto snapshot = manager->active_cohort_snapshot();
+  EXPECT_EQ(snapshot.root_dir(), manager->active_data_dir());
+  EXPECT_EQ(snapshot, manager->active_cohort_snapshot());
+
+  origin.publish(content.file("extra.bin", "x", "reference"));
+  const auto other = make_manager();
+  std::future<SyncResult> publication;
+  {
+    ActiveCohortPin pin = manager->pin_active_cohort_snapshot();
+    publication = std::async(std::launch::async, [&] { return other->sync(); });
+    EXPECT_EQ(publication.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    EXPECT_TRUE(std::filesystem::exists(pin.snapshot().root_dir() + "/functions.json"));
+    pin.release();
+  }
+  publication.get();
+  EXPECT_NE(other->active_cohort_snapshot().root_dir(), snapshot.root_dir());
+  EXPECT_TRUE(std::filesystem::exists(snapshot.root_dir() + "/functions.json"));
+  try {
+    manager->active_cohort_snapshot();
+    ADD_FAILURE();
+  } catch (const StateError& failure) {
+    EXPECT_STREQ(failure.what(), "Pinned active cohort differs from the sync manager selection");
+  }
+}
+
+TEST_F(ViewsTest, ReadbackFindsASwappedRootAndLetsGoOfEverything) {
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  const std::string root = manager->active_data_dir();
+  ActiveCohortPin pin = manager->pin_active_cohort_snapshot();
+  std::filesystem::rename(root, root + "-aside");
+  std::filesystem::copy(root + "-aside", root, std::filesystem::copy_options::recursive);
+  EXPECT_THROW(pin.release(), OSError);
+  EXPECT_NO_THROW(manager->active_cohort_snapshot());
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync

@@ -1,0 +1,181 @@
+#include "cohort/cohort_stager.hpp"
+
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::files_below;
+using ::testing::IsEmpty;
+
+constexpr const char* FEATURE_A = "features/u1/signal_is/alpha__one__x__a.arrow";
+constexpr const char* FEATURE_B = "features/u1/signal_is/alpha__one__x__b.arrow";
+
+class StagingTest : public testing::SyncFixture {
+ public:
+  std::vector<std::string> roots_named(const std::string& part) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(data.path(".tidalcrest-cohorts"))) {
+      const std::string name = entry.path().filename().string();
+      if (name.find(part) != std::string::npos) names.push_back(name);
+    }
+    return names;
+  }
+};
+
+TEST_F(StagingTest, FailedStagingLeavesTheActiveCohortByteForByte) {
+  auto content = small_distribution();
+  origin.publish(content);
+  const auto manager = make_manager();
+  manager->sync();
+  const std::string root = manager->active_data_dir();
+  const auto before = files_below(root);
+
+  // The entry says another digest than the true one: no number of attempts can bring it.
+  origin.publish(content.file("extra.bin", "x", "reference", {{"sha256", std::string(64, '0')}}));
+  EXPECT_THROW(manager->sync(), IntegrityError);
+  EXPECT_EQ(manager->active_data_dir(), root);
+  EXPECT_EQ(files_below(root), before);
+  EXPECT_FALSE(data.has("sync-progress.json"));
+  EXPECT_EQ(make_manager()->active_data_dir(), root);
+
+  // The next attempt for the same identity starts from an empty root; a good version goes through.
+  EXPECT_THROW(manager->sync(), IntegrityError);
+  origin.publish(content.file("extra.bin", "x", "reference"));
+  manager->sync();
+  EXPECT_EQ(files_below(manager->active_data_dir()).at("extra.bin"), "x");
+}
+
+TEST_F(StagingTest, DiskSpaceIsTestedAgainstWhatIsToBeFetched) {
+  origin.publish(small_distribution());
+  std::int64_t free = 1000000000;
+  int calls = 0;
+  seams.free_bytes = [&](const std::string&) { return ++calls == 2 ? free : 1000000000; };
+  free = 10;
+  const auto manager = make_manager();
+  try {
+    manager->sync();
+    ADD_FAILURE();
+  } catch (const DiskSpaceError& failure) {
+    EXPECT_THAT(failure.what(), ::testing::MatchesRegex(
+                                    "Insufficient disk space: need [0-9]+ bytes, have 10 bytes available"));
+  }
+  EXPECT_THAT(origin.resources_asked("features/*"), IsEmpty());
+}
+
+TEST_F(StagingTest, RepairCopiesInOnlyWhatDiffersAndForcesTheSeedPairTogether) {
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  const std::string root = manager->active_data_dir();
+  const auto whole = files_below(root);
+  std::ofstream(root + "/" + FEATURE_A) << "damaged";
+  const auto untouched = std::filesystem::last_write_time(root + "/" + FEATURE_B);
+  origin.forget_requests();
+
+  const VerifyResult report = manager->verify();
+  EXPECT_THAT(report.corrupted_files, ElementsAre(FEATURE_A));
+  manager->repair({FEATURE_A, "no/such/member.bin"});
+  EXPECT_EQ(files_below(root), whole);
+  EXPECT_EQ(std::filesystem::last_write_time(root + "/" + FEATURE_B), untouched);
+  EXPECT_THAT(origin.resources_asked("features/*"), ElementsAre(FEATURE_A));
+  EXPECT_THAT(roots_named(".repair-"), IsEmpty());
+
+  std::filesystem::remove(root + "/shuffle_seed.enc");
+  EXPECT_THAT(manager->verify().missing_files, ElementsAre("shuffle_seed.enc"));
+  std::ofstream(root + "/shuffle_seed.enc") << std::string(60, 'x');
+  EXPECT_THAT(manager->verify().corrupted_files,
+              ElementsAre("shuffle_seed.enc", "shuffle_seed.enc.meta.json"));
+  manager->repair({"shuffle_seed.enc.meta.json"});
+  EXPECT_TRUE(manager->verify().valid);
+  EXPECT_THROW(manager->repair({"../outside"}), ManifestError);
+  EXPECT_EQ(files_below(root).at(FEATURE_B), whole.at(FEATURE_B));
+}
+
+TEST_F(StagingTest, ManagerOlderThanItsDirectoryAdoptsWhatIsSelected) {
+  auto content = small_distribution();
+  origin.publish(content);
+  const auto late = make_manager();
+  late->sync();
+  {
+    const auto other = make_manager();
+    origin.publish(content.file("extra.bin", "x", "reference"));
+    other->sync();
+  }
+  EXPECT_THROW(late->active_cohort_snapshot(), StateError);
+  origin.forget_requests();
+  late->sync();
+  EXPECT_THAT(origin.resources_asked(), ElementsAre("/data/manifest/version"));
+  EXPECT_EQ(late->active_cohort_snapshot().manifest_bytes(), origin.current().manifest_bytes);
+}
+
+TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWhereNot) {
+  origin.publish(small_distribution());
+  const std::string root = [&] {
+    const auto manager = make_manager();
+    manager->sync();
+    return manager->active_data_dir();
+  }();
+  const auto whole = files_below(root);
+  const std::string marker = root + "/left-by-hand";
+
+  for (const char* damaged : {"/functions.json", "/.cohort-manifest.json"}) {
+    SCOPED_TRACE(damaged);
+    std::ofstream(root + damaged) << "{}";
+    std::ofstream(marker) << "still here when the root was never cleared";
+    const auto manager = make_manager();
+    EXPECT_EQ(manager->get_manifest(), nullptr);
+    manager->sync();
+    EXPECT_TRUE(std::filesystem::exists(marker));
+    std::filesystem::remove(marker);
+    EXPECT_EQ(files_below(root), whole);
+  }
+  std::ofstream(root + "/.cohort-complete.json") << "{";
+  std::ofstream(marker) << "gone when the root was rebuilt";
+  const auto manager = make_manager();
+  manager->sync();
+  EXPECT_EQ(files_below(root), whole);
+  EXPECT_TRUE(manager->verify().valid);
+}
+
+TEST_F(StagingTest, LostSelectorIsWrittenAgainWithoutFetchingMembers) {
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  data.remove("manifest.json");
+  origin.forget_requests();
+  manager->sync();
+  EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
+  EXPECT_EQ(manager->active_cohort_snapshot().manifest_bytes(), origin.current().manifest_bytes);
+  EXPECT_TRUE(manager->verify().valid);
+}
+
+TEST_F(StagingTest, RuntimeModulesGetASnapshotOfTheirOwn) {
+  origin.publish(small_distribution().file("vault_modules/pricing-linux_x86_64.so", "machine code",
+                                           "vault_module", {{"platform", "linux_x86_64"}}));
+  const auto manager = make_manager();
+  manager->sync();
+  const auto members = files_below(manager->active_data_dir());
+  std::vector<std::string> snapshots;
+  for (const auto& [path, bytes] : members) {
+    if (path.starts_with("runtime_snapshots/pricing/")) snapshots.push_back(bytes);
+  }
+  EXPECT_THAT(snapshots, ElementsAre("machine code"));
+  EXPECT_TRUE(manager->verify().valid);
+}
+
+TEST_F(StagingTest, MatchingFilesOfAFlatDirectoryAreTakenOver) {
+  data.write(FEATURE_A, "feature a");
+  data.write(FEATURE_B, "another b");
+  data.write("signals_index.json", "not reused from a flat directory");
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
+  EXPECT_THAT(origin.resources_asked(FEATURE_B), ElementsAre(FEATURE_B));
+  EXPECT_THAT(origin.resources_asked("signals_index.json"), ElementsAre("signals_index.json"));
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync

@@ -1,0 +1,110 @@
+#include "cohort/salvage.hpp"
+
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::files_below;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+constexpr int FILES = 40;
+
+class SalvageTest : public testing::SyncFixture {
+ public:
+  static std::string path_of(int number) { return "reference/file" + std::to_string(number) + ".bin"; }
+  static origin::ManifestBuilder distribution() {
+    auto content = small_distribution();
+    for (int i = 0; i < FILES; ++i)
+      content.file(path_of(i), "content of file " + std::to_string(i), "reference");
+    return content;
+  }
+  // A sync that fails on one file after all others have arrived.
+  void fail_after_the_rest(origin::ManifestBuilder content) {
+    origin.publish(content.file("never.bin", "x", "reference", {{"sha256", std::string(64, '0')}}));
+    const auto manager = make_manager();
+    EXPECT_THROW(manager->sync(), IntegrityError);
+  }
+  std::vector<std::string> cohort_roots() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(data.path(".tidalcrest-cohorts"))) {
+      if (entry.is_directory()) names.push_back(entry.path().filename().string());
+    }
+    return names;
+  }
+};
+
+TEST_F(SalvageTest, NothingThatArrivedWholeIsFetchedTwiceAlsoUnderANewerManifest) {
+  fail_after_the_rest(distribution());
+  origin.forget_requests();
+  fail_after_the_rest(distribution().set("note", "another identity"));
+  EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
+
+  const std::string leftover =
+      data.path(".tidalcrest-cohorts/" + local_cohort::manifest_sha256(origin.current().manifest_bytes));
+  std::ofstream(leftover + "/" + path_of(3)) << "CONTENT of file 3";  // the right size and the wrong bytes
+  origin.publish(distribution().file(path_of(5), "content that is new", "reference"));
+  origin.forget_requests();
+  const auto manager = make_manager();
+  manager->sync();
+  EXPECT_THAT(origin.resources_asked("reference/*"), UnorderedElementsAre(path_of(3), path_of(5)));
+  EXPECT_THAT(origin.resources_asked("found_*"), IsEmpty());
+  EXPECT_TRUE(manager->verify().valid);
+  EXPECT_THAT(cohort_roots(), ElementsAre(local_cohort::manifest_sha256(origin.current().manifest_bytes)));
+}
+
+TEST_F(SalvageTest, FoundFilesTakenOverAreStillReportedAsNew) {
+  fail_after_the_rest(distribution());
+  origin.publish(distribution());
+  const auto manager = make_manager();
+  const SyncResult result = manager->sync();
+  EXPECT_EQ(result.found_pnl_paths_downloaded.size(), 2u);
+  EXPECT_THAT(origin.resources_asked("never.bin"), ::testing::SizeIs(::testing::Gt(0u)));
+}
+
+// Asks to stop once so many bytes have arrived.
+class StopAfter : public SyncProgress {
+ public:
+  explicit StopAfter(std::int64_t bytes) : _bytes(bytes) {}
+  void on_bytes(std::int64_t count) override { _bytes -= count; }
+  bool reached() const { return _bytes <= 0; }
+
+ private:
+  std::atomic<std::int64_t> _bytes;
+};
+
+TEST_F(SalvageTest, StagedPrefixIsResumedWhenTheDigestIsTheSame) {
+  auto content = small_distribution().file("long.bin", std::string(500000, 'z'), "reference");
+  origin.publish(content);
+  origin.fault("long.bin", {.kind = origin::Fault::Kind::STALL, .after = 200000, .seconds = 30});
+  {
+    const auto progress = std::make_shared<StopAfter>(100000);
+    SyncOptions one_at_a_time = options();
+    one_at_a_time.sync_max_concurrency = 1;
+    one_at_a_time.progress = progress;
+    SyncManager manager(one_at_a_time, seams);
+    const ScopedBackoffContext context({.stop_requested = [&] { return progress->reached(); }});
+    EXPECT_THROW(manager.sync(), SyncBackoffCancelled);
+  }
+  origin.clear_faults();
+  origin.publish(content.file("extra.bin", "x", "reference"));
+  origin.forget_requests();
+  const auto manager = make_manager();
+  manager->sync();
+  EXPECT_THAT(origin.ranges_asked("long.bin"), ElementsAre(::testing::MatchesRegex("bytes=[12][0-9]{5}-")));
+  EXPECT_TRUE(manager->verify().valid);
+}
+
+TEST_F(SalvageTest, RepairNeverTakesAForcedMemberFromALeftover) {
+  origin.publish(distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  origin.forget_requests();
+  manager->repair({path_of(1)});
+  EXPECT_THAT(origin.resources_asked("reference/*"), ElementsAre(path_of(1)));
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
