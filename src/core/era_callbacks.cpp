@@ -1,0 +1,39 @@
+#include "core/era_callbacks.hpp"
+
+#include <algorithm>
+
+#include "host/log.hpp"
+
+namespace tidalcrest::sync {
+
+void EraCallbacks::register_era_callback(EraCallback callback) {
+  const std::lock_guard guard(_era_callbacks_lock);
+  _era_callbacks.push_back(std::move(callback));
+}
+
+void EraCallbacks::unregister_era_callback(const EraCallback& callback) {
+  const std::lock_guard guard(_era_callbacks_lock);
+  const auto found =
+      std::find_if(_era_callbacks.begin(), _era_callbacks.end(),
+                   [&](const EraCallback& known) { return known.identity == callback.identity; });
+  if (found != _era_callbacks.end()) _era_callbacks.erase(found);
+}
+
+void EraCallbacks::_notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
+  std::vector<EraCallback> callbacks;
+  {
+    const std::lock_guard guard(_era_callbacks_lock);
+    callbacks = _era_callbacks;
+  }
+  for (const auto& callback : callbacks) {
+    try {
+      callback.call(event_type, era_number);
+    } catch (const std::exception& failure) {
+      log::emit(LogLevel::warning,
+                fmt::sprintf("Era callback failed (%s): %s", callback.label, failure.what()), nullptr,
+                log::exception_text(failure));
+    }
+  }
+}
+
+}  // namespace tidalcrest::sync

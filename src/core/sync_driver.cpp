@@ -1,0 +1,249 @@
+#include "core/sync_driver.hpp"
+
+#include <fmt/format.h>
+
+#include "artifacts/signals_index.hpp"
+#include "artifacts/vocabulary.hpp"
+#include "cohort/result_fields.hpp"
+#include "core/version_answer.hpp"
+#include "download/local_files.hpp"
+#include "host/integer.hpp"
+#include "host/json.hpp"
+#include "host/log.hpp"
+#include "host/text.hpp"
+#include "manifest/identity.hpp"
+#include "manifest/persistence.hpp"
+#include "manifest/sanitising.hpp"
+#include "rotation/exclusion.hpp"
+#include "siblings/distribution/pinned_root.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+std::string text_of(const std::optional<std::int64_t>& number) {
+  return number ? std::to_string(*number) : "None";
+}
+
+// The manifest's version and era as integers, both -1 when either does not convert.
+std::pair<std::int64_t, std::int64_t> local_version_and_era(const Manifest& manifest) {
+  try {
+    return {to_int(manifest.version()), to_int(manifest.era_number())};
+  } catch (const TypeError&) {
+    return {-1, -1};
+  } catch (const ValueError&) {
+    return {-1, -1};
+  }
+}
+
+}  // namespace
+
+SyncDriver::SyncDriver(std::string data_dir, std::string server_url, std::int64_t market_id,
+                       Collaborators collaborators, std::shared_ptr<SyncProgress> progress, Seams seams)
+    : _data_dir(std::move(data_dir)),
+      _server_url(std::move(server_url)),
+      _market_id(market_id),
+      _with(collaborators),
+      _progress(std::move(progress)),
+      _seams(std::move(seams)) {}
+
+SyncResult SyncDriver::sync() {
+  const WriterScope writer(_with.lock);
+  return _sync_with_manifest_refresh();
+}
+
+SyncResult SyncDriver::_sync_with_manifest_refresh() {
+  for (int restarts = 0;;) {
+    try {
+      return _sync_impl();
+    } catch (const ManifestSupersededError& failure) {
+      ++restarts;
+      log::warning(
+          "Manifest changed during sync; refreshing manifest and restarting download set (%d/%d): %s",
+          restarts, SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT, failure.what());
+      if (restarts >= SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT) throw;
+    }
+  }
+}
+
+SyncResult SyncDriver::_sync_impl() {
+  _progress->on_phase("checking");
+  _with.loader.adopt_selected_cohort();
+  _remove_sync_progress_json(_data_dir);
+  const VersionHints hints = _probe_version();
+  if (auto result = _try_fast_path(hints)) return *result;
+  return _full_sync();
+}
+
+SyncDriver::VersionHints SyncDriver::_probe_version() const {
+  VersionHints hints;
+  try {
+    const HttpResult answer = _with.http._http_get(_server_url + "/data/manifest/version");
+    if (answer.status == 401) throw AuthError("Authentication failed: HTTP 401");
+    if (answer.status == 200) _parse_version_answer(answer.body, hints);
+  } catch (const AuthError&) {
+    throw;
+  } catch (const ManifestError&) {
+    throw;
+  } catch (const SyncUnavailableError&) {
+    throw;
+  } catch (const SyncBackoffCancelled&) {
+    throw;  // a stop request is no failure of the check: it ends the sync
+  } catch (const std::exception& failure) {
+    log::warning("Manifest version check failed: %s", failure.what());
+  }
+  return hints;
+}
+
+// The hints are filled as far as the answer can be read.
+void SyncDriver::_parse_version_answer(const std::string& body, VersionHints& hints) const {
+  try {
+    const Document version_data = parse_json(body);
+    _require_manifest_market_identity(version_data, _market_id, "manifest version response");
+    const Document* version = find_member(version_data, "version");
+    hints.version = to_int(version != nullptr ? *version : Document());
+    const Document* era = find_member(version_data, "era_number");
+    if (era != nullptr && !era->is_null()) hints.era = to_int(*era);
+    if (const Document* hash = manifest_hash_hint(version_data)) hints.manifest_sha = *hash;
+  } catch (const ManifestError&) {
+    throw;
+  } catch (const std::exception& failure) {
+    log::debug("Manifest version response was not parseable: %s", failure.what());
+  }
+}
+
+std::optional<SyncResult> SyncDriver::_try_fast_path(const VersionHints& hints) {
+  const auto view = _with.active.get();
+  if (!view->manifest || !view->cohort) return std::nullopt;
+  if (_manifest_has_agent_bundle_declarations(*view->manifest)) return std::nullopt;
+  if (_manifest_has_retired_found_pnl_long_files(*view->manifest)) return std::nullopt;
+
+  const auto [local_version, local_era_number] = local_version_and_era(*view->manifest);
+  if (local_version != hints.version || hints.manifest_sha.is_null()) return std::nullopt;
+  if (!_manifest_hash_hint_matches_local_state(_data_dir, local_version, local_era_number,
+                                               hints.manifest_sha)) {
+    log::info("Manifest version matched but manifest hash changed; fetching full manifest");
+    return std::nullopt;
+  }
+  if (local_era_number != hints.era) {
+    throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}", local_era_number,
+                               text_of(hints.era)));
+  }
+  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
+  const bool force_new_rotation = _with.planner._feature_rotation_should_rotate(*view->manifest);
+  const PlannedRotation planned = _plan_within_budget(*view->manifest, free_bytes, force_new_rotation);
+  try {
+    return _prove_local_state(*view, planned, local_era_number);
+  } catch (const SyncError& failure) {  // era errors are sync errors too
+    log::warning("Manifest version matched but local metadata needs repair: %s", failure.what());
+    return std::nullopt;
+  }
+}
+
+SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedRotation& planned,
+                                          std::int64_t local_era_number) {
+  const Manifest& manifest = *view.manifest;
+  const RotationSelection& selection = planned.rotation_plan.selection;
+  auto local_vocabularies =
+      std::make_shared<const Vocabularies>(_validate_manifest_vocabulary_files(view.data_dir, manifest));
+  _with.shuffle_seed._validate_shuffle_seed_at_root(view.data_dir, *view.manifest_bytes);
+  _prove_active_members(view, selection);
+  _load_manifest_signals_index(view.data_dir, manifest);
+
+  ActiveView renewed = view;
+  renewed.vocabulary = local_vocabularies;
+  _with.active.set(std::make_shared<const ActiveView>(std::move(renewed)));
+
+  SyncResult result;
+  result.era_number = local_era_number;
+  _apply_signal_result_counts(result, manifest);
+  _apply_rotation_result_fields(result, selection);
+  _with.planner._complete_rotation_promotion(
+      planned.rotation_plan.candidate_state,
+      _existing_rotation_paths(view.data_dir, selection.active_relative_paths), manifest,
+      local_vocabularies.get());
+  _apply_manifest_counts(result, manifest);
+  _apply_vocabulary_metadata(result, *local_vocabularies);
+  _cleanup_sync_tmp_files(_data_dir);
+  return result;
+}
+
+void SyncDriver::_prove_active_members(const ActiveView& view, const RotationSelection& selection) const {
+  const client_manifest::PinnedRoot root(view.data_dir);
+  for (const auto& file_path : selection.active_relative_paths) {
+    const Document* file_info = find_member(view.manifest->files(), file_path);
+    if (file_info == nullptr || file_info->is_null()) {
+      throw SyncError("Active rotation path is missing from manifest: " + file_path);
+    }
+    if (_vocabulary_named_universe_from_path(file_path)) continue;
+    if (_manifest_file_is_sync_excluded(*file_info)) continue;
+    const Document* kind = find_member(*file_info, "kind");
+    const bool cache_allowed = kind == nullptr || *kind != "vault_module";
+    if (!_with.hash_cache._local_file_matches_manifest(root, file_path, *file_info, cache_allowed)) {
+      throw SyncError("Manifest version matched but local data files need repair");
+    }
+  }
+}
+
+SyncResult SyncDriver::_full_sync() {
+  HttpResult answer = _with.http._http_get(_server_url + "/data/manifest");
+  if (answer.status == 401) throw AuthError(fmt::format("Authentication failed: HTTP {}", answer.status));
+  if (answer.status != 200) throw SyncError(fmt::format("Failed to fetch manifest: HTTP {}", answer.status));
+  const auto body = std::make_shared<const std::string>(std::move(answer.body));
+
+  // Sanitised as it is built.
+  const auto server_manifest = std::make_shared<const Manifest>(
+      _parse_full_distribution_manifest_bytes(*body, "server manifest.json"));
+  _require_manifest_market_identity(*server_manifest, _market_id, "server manifest.json");
+
+  const auto view = _with.active.get();
+  if (view->manifest) _refuse_backward_steps(*view, *server_manifest, *body);
+
+  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
+  const bool same_manifest_version = view->manifest &&
+                                     view->manifest->version() == server_manifest->version() &&
+                                     view->manifest->era_number() == server_manifest->era_number() &&
+                                     view->manifest_bytes && *view->manifest_bytes == *body;
+  _progress->on_phase("planning");
+  const bool force_new_rotation =
+      !same_manifest_version || _with.planner._feature_rotation_should_rotate(*server_manifest);
+  const PlannedRotation planned = _plan_within_budget(*server_manifest, free_bytes, force_new_rotation);
+
+  SyncResult result;
+  result.era_number = to_int(server_manifest->era_number());
+  _apply_rotation_result_fields(result, planned.rotation_plan.selection);
+  _with.stager._stage_and_activate_local_cohort({.server_manifest = server_manifest,
+                                                 .served_manifest_bytes = body,
+                                                 .rotation_plan = planned.rotation_plan,
+                                                 .result = result});
+  return result;
+}
+
+void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
+                                        const std::string& body) const {
+  const Manifest& local = *view.manifest;
+  if (server_manifest.era_number() != local.era_number()) {
+    throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}",
+                               text::str(local.era_number()), text::str(server_manifest.era_number())));
+  }
+  const std::int64_t local_version = to_int(local.version());
+  const std::int64_t server_version = to_int(server_manifest.version());
+  if (server_version < local_version) {
+    throw SyncError(fmt::format("Refusing manifest downgrade: local version={}, server version={}",
+                                local_version, server_version));
+  }
+  if (server_version == local_version && view.manifest_bytes && *view.manifest_bytes != body) {
+    throw SyncError("Refusing same-version manifest with different exact identity");
+  }
+}
+
+PlannedRotation SyncDriver::_plan_within_budget(const Manifest& manifest, std::int64_t free_bytes,
+                                                bool force_new_rotation) {
+  PlannedRotation planned =
+      _with.planner._plan_feature_rotation_for_sync(manifest, free_bytes, force_new_rotation);
+  RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, free_bytes,
+                                                  /*enforce_default_cap=*/!planned.explicit_rotation_budget);
+  return planned;
+}
+
+}  // namespace tidalcrest::sync

@@ -1,0 +1,122 @@
+#include <sys/stat.h>
+
+#include "core/registry.hpp"
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+class ConstructionTest : public testing::SyncFixture {
+ public:
+  template <class Kind>
+  std::string refusal_of(const SyncOptions& options) {
+    try {
+      const SyncManager manager(options);
+    } catch (const Kind& failure) {
+      return failure.what();
+    }
+    ADD_FAILURE() << "was not refused";
+    return {};
+  }
+};
+
+TEST_F(ConstructionTest, RefusesBadArgumentsWithTheirOwnTexts) {
+  SyncOptions good = options();
+  SyncOptions bad = good;
+  bad.token.reset();
+  EXPECT_EQ(refusal_of<TypeError>(bad), "get_token must be callable, got NoneType");
+  bad = good;
+  bad.server_url = "";
+  EXPECT_EQ(refusal_of<ValueError>(bad), "server_url must not be empty");
+  bad.server_url = "http://example.com";
+  refusal_of<ValueError>(bad);
+  bad = good;
+  bad.data_dir = data.path("absent");
+  EXPECT_EQ(refusal_of<FileNotFoundError>(bad), "data_dir does not exist: " + data.path("absent"));
+  data.write("file", "x");
+  bad.data_dir = data.path("file");
+  EXPECT_EQ(refusal_of<ValueError>(bad), "data_dir is not a safe directory: " + data.path("file"));
+  bad = good;
+  bad.market_id = "zero";
+  EXPECT_EQ(refusal_of<ValueError>(bad), "market_id must be a positive integer, got 'zero'");
+  bad = good;
+  bad.sync_max_concurrency = 0;
+  EXPECT_EQ(refusal_of<ValueError>(bad), "invalid sync_max_concurrency: expected a positive integer");
+}
+
+TEST_F(ConstructionTest, OneManagerPerRealDirectory) {
+  std::filesystem::create_directory(data.path("real"));
+  std::filesystem::create_directory_symlink(data.path("real"), data.path("link"));
+  SyncOptions first = options();
+  first.data_dir = data.path("real");
+  SyncOptions second = first;
+  second.data_dir = data.path("link");
+  const auto manager = SyncManager::get_or_create(first);
+  EXPECT_EQ(SyncManager::get_or_create(second), manager);
+
+  second.sync_max_concurrency = "many";
+  EXPECT_THROW(SyncManager::get_or_create(second), ValueError);
+  second = first;
+  second.server_url = "https://other.example";
+  EXPECT_THROW(SyncManager::get_or_create(second), ValueError);
+  second = first;
+  second.market_id = 2;
+  try {
+    SyncManager::get_or_create(second);
+    ADD_FAILURE();
+  } catch (const ValueError& failure) {
+    EXPECT_EQ(std::string(failure.what()),
+              "SyncManager for '" + canonical_path(first.data_dir) +
+                  "' already exists with market_id=1, cannot reuse with market_id=2");
+  }
+  EXPECT_EQ(SyncManager::get_or_create(first), manager);
+  SyncManager::_evict(data.path("link"));
+  SyncManager::_evict(data.path("never"));
+  EXPECT_NE(SyncManager::get_or_create(first), manager);
+  SyncManager::_evict(first.data_dir);
+}
+
+TEST_F(ConstructionTest, NewestTokenWinsAndAbsentSuppliersStay) {
+  origin.publish(small_distribution());
+  SyncOptions first = options();
+  first.token = "stale";
+  const auto manager = SyncManager::get_or_create(first);
+  EXPECT_THROW(manager->sync(), AuthError);
+  SyncOptions second = options();
+  second.get_wallet_secret = nullptr;
+  SyncManager::get_or_create(second);
+  EXPECT_NO_THROW(manager->sync());
+  SyncManager::_evict(data.path());
+}
+
+TEST_F(ConstructionTest, ComesUpWithoutACohortWhateverLiesAtTheRoot) {
+  data.write(".consumer_count", "many");
+  data.write("manifest.json", R"({"era_number": 1, "market_id": 1, "files": {}})");
+  const auto manager = make_manager();
+  EXPECT_EQ(manager->get_manifest(), nullptr);
+  EXPECT_EQ(manager->active_data_dir(), data.path());
+  EXPECT_TRUE(log.has("warning: Failed to read consumer count: "));
+  EXPECT_TRUE(log.has(
+      "warning: Root manifest has no complete immutable local cohort; treating it as unverified legacy "
+      "state until sync: "));
+  data.write("manifest.json", "{");
+  EXPECT_THROW(make_manager(), ManifestError);
+}
+
+TEST_F(ConstructionTest, UnprovenCohortLeavesTheFlatView) {
+  origin.publish(small_distribution());
+  const std::string root = [&] {
+    const auto manager = make_manager();
+    manager->sync();
+    return manager->active_data_dir();
+  }();
+  std::ofstream(root + "/named_universes/u1/vocabulary.json") << "{}";
+  const auto manager = make_manager();
+  EXPECT_EQ(manager->get_manifest(), nullptr);
+  EXPECT_EQ(manager->active_data_dir(), data.path());
+  EXPECT_TRUE(
+      log.has("warning: Failed to load verified immutable local cohort; the first sync must repair it: "));
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync

@@ -1,0 +1,373 @@
+#include "core/lifecycle.hpp"
+
+#include <fmt/format.h>
+
+#include <thread>
+
+#include "cohort/cohort_loader.hpp"
+#include "core/registry.hpp"
+#include "siblings/distribution/lock.hpp"
+#include "siblings/telemetry/logging_style.hpp"
+#include "support/failure_text.hpp"
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using namespace std::chrono_literals;
+using origin::Fault;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+template <class Condition>
+bool eventually(Condition condition) {
+  for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(1ms);
+  return condition();
+}
+
+std::size_t entries_of(const char* directory) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(directory))
+    count += entry.path().empty() ? 0 : 1;
+  return count;
+}
+
+// Managers with real threads between a data directory and an origin.
+class LifecycleTest : public testing::SyncFixture {
+ public:
+  LifecycleTest() { seams = Seams::real(); }
+
+  std::shared_ptr<SyncManager> registered(double poll_interval = 0.01) {
+    auto wanted = options();
+    wanted.poll_interval_s = poll_interval;
+    return SyncManager::get_or_create(wanted);
+  }
+  bool is_registered() const {
+    auto& registry = Registry::of_this_process();
+    const std::lock_guard guard(registry._class_lock);
+    return registry._instances.contains(canonical_path(data.path()));
+  }
+  bool monitors() const { return !origin.requests("/market/1/era/current").empty(); }
+};
+
+TEST_F(LifecycleTest, SyncsByItselfFromTheFirstConsumerToTheLast) {
+  origin.publish(small_distribution());
+  auto manager = registered();
+  EXPECT_FALSE(manager->is_alive());
+  manager->acquire();
+  manager->acquire();
+  EXPECT_EQ(manager->consumer_count(), 2);
+  EXPECT_EQ(data.read(".consumer_count"), "2");
+  EXPECT_TRUE(eventually([&] { return manager->get_manifest() != nullptr; }));
+  origin.publish(small_distribution());
+  EXPECT_TRUE(eventually([&] { return manager->get_manifest()->version() == 2; }));
+  EXPECT_TRUE(eventually([&] { return monitors(); }));
+  EXPECT_EQ(testing::failure_of([&] { manager->start(); }), "StateError: SyncManager already running");
+
+  manager->release();
+  EXPECT_TRUE(manager->is_alive());
+  EXPECT_TRUE(is_registered());
+  manager->release();
+  EXPECT_FALSE(manager->is_alive());
+  EXPECT_FALSE(is_registered());
+  EXPECT_EQ(data.read(".consumer_count"), "0");
+  manager->release();
+  EXPECT_EQ(manager->consumer_count(), 0);
+  EXPECT_NE(registered(), manager);
+  SyncManager::_evict(data.path());
+}
+
+TEST_F(LifecycleTest, ReleasesNothingWithoutConsumersAndCountsThoseOfADeadProcess) {
+  data.write(".consumer_count", "1");
+  auto manager = registered();
+  manager->acquire();
+  manager->release();
+  EXPECT_TRUE(manager->is_alive()) << "the dead one never lets go";
+  EXPECT_TRUE(is_registered());
+  manager->stop();
+  manager->release();
+  EXPECT_FALSE(is_registered());
+}
+
+TEST_F(LifecycleTest, PollsWithoutFollowingTheEraAfterAPublicStart) {
+  auto wanted = options();
+  wanted.poll_interval_s = 0.01;
+  SyncManager manager(wanted, seams);
+  manager.stop();
+  manager.start();
+  EXPECT_EQ(testing::failure_of([&] { manager.start(); }), "StateError: SyncManager already running");
+  manager.acquire();
+  EXPECT_TRUE(eventually([&] { return origin.requests("/data/manifest/version").size() > 3; }));
+  EXPECT_FALSE(monitors());
+  manager.stop();
+  manager.stop();
+  EXPECT_FALSE(manager.is_alive());
+  manager.acquire();
+  EXPECT_TRUE(eventually([&] { return monitors(); })) << "a consumer's start after a stop has both threads";
+}
+
+TEST_F(LifecycleTest, RepairsAReportedFileInTheBackground) {
+  origin.publish(small_distribution());
+  auto wanted = options();
+  wanted.poll_interval_s = 600;
+  SyncManager manager(wanted, seams);
+  manager.sync();
+  manager.start();
+  const std::string member = manager.active_data_dir() + "/reference/calendar.bin";
+  std::ofstream(member) << "damaged!";
+  manager.report_corruption("reference/calendar.bin");
+  EXPECT_TRUE(eventually([&] {
+    return testing::files_below(manager.active_data_dir())["reference/calendar.bin"] == "calendar";
+  }));
+}
+
+// Whatever a thread of the manager waits for, a stop ends the wait.
+TEST_F(LifecycleTest, StopsSoonDuringEveryWait) {
+  struct Case {
+    const char* label;
+    std::function<void(LifecycleTest&)> arrange;
+    const char* waited_for;  // a request, or a log line
+  };
+  std::optional<DistributionLock> held;
+  const Case cases[] = {
+      {"the next poll", [](LifecycleTest&) {}, "/data/manifest/version"},
+      {"a server that is away",
+       [](LifecycleTest& test) {
+         test.origin.fault("*", {.kind = Fault::Kind::STATUS, .status = 503, .count = 0});
+       },
+       "/data/manifest/version"},
+      {"an answer",
+       [](LifecycleTest& test) {
+         test.origin.fault("/data/*", {.kind = Fault::Kind::DELAY, .seconds = 30, .count = 0});
+       },
+       "/data/manifest/version"},
+      {"a transfer",
+       [](LifecycleTest& test) {
+         test.origin.fault("features/*", {.kind = Fault::Kind::STALL, .after = 2, .seconds = 30, .count = 0});
+       },
+       "features/*"},
+      {"another process's lock",
+       [&held](LifecycleTest& test) {
+         held = acquire_distribution_lock(test.data.path(), /*exclusive=*/true);
+       },
+       "/data/manifest/version"},
+  };
+  origin.publish(small_distribution());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    origin.forget_requests();
+    auto wanted = options();
+    wanted.poll_interval_s = 600;
+    SyncManager manager(wanted, seams);
+    c.arrange(*this);
+    manager.acquire();
+    EXPECT_TRUE(eventually([&] { return !origin.requests(c.waited_for).empty(); }));
+    std::this_thread::sleep_for(50ms);
+    const auto before = std::chrono::steady_clock::now();
+    manager.release();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+    EXPECT_FALSE(manager.is_alive());
+    held.reset();
+    origin.clear_faults();
+    std::filesystem::remove_all(data.path(".tidalcrest-cohorts"));
+    data.remove("manifest.json");
+  }
+}
+
+TEST_F(LifecycleTest, LeavesNoThreadAndNoDescriptorBehind) {
+  origin.publish(small_distribution());
+  const auto run = [&] {
+    const testing::TempDir directory;
+    auto wanted = options();
+    wanted.data_dir = directory.path();
+    wanted.poll_interval_s = 0.005;
+    auto manager = std::make_unique<SyncManager>(wanted, seams);
+    manager->acquire();
+    EXPECT_TRUE(eventually([&] { return manager->get_manifest() != nullptr; }));
+    manager->report_corruption("reference/calendar.bin");
+    manager->_schedule_cleanup_old_eras();
+    manager.reset();  // a destructor stops what runs
+  };
+  run();  // what a process keeps for good is there now
+  const auto settled = [&](std::size_t threads, std::size_t descriptors) {
+    return eventually([&] {
+      return entries_of("/proc/self/task") <= threads && entries_of("/proc/self/fd") <= descriptors;
+    });
+  };
+  std::this_thread::sleep_for(100ms);
+  const std::size_t threads = entries_of("/proc/self/task");
+  const std::size_t descriptors = entries_of("/proc/self/fd");
+  for (int i = 0; i < 3; ++i) run();
+  EXPECT_TRUE(settled(threads, descriptors))
+      << entries_of("/proc/self/task") << " of " << threads << " threads, " << entries_of("/proc/self/fd")
+      << " of " << descriptors << " descriptors";
+}
+
+// The last reference goes with the release, on the era thread, inside a callback of the transition.
+TEST_F(LifecycleTest, MayBeReleasedForGoodFromAnEraCallback) {
+  origin.publish(small_distribution());
+  auto manager = registered();
+  manager->sync();
+  const std::weak_ptr<SyncManager> watched = manager;
+  Event killed, restarted;
+  SyncManager* const raw = manager.get();
+  int identity = 0;
+  manager->register_era_callback({.call =
+                                      [&, raw](const std::string& event_type, std::int64_t era_number) {
+                                        EXPECT_EQ(era_number, event_type == "kill" ? 1 : 2);
+                                        if (event_type == "kill") return killed.set();
+                                        raw->release();
+                                        restarted.set();
+                                      },
+                                  .identity = &identity});
+  manager->acquire();
+  manager.reset();
+  const auto before = std::chrono::steady_clock::now();
+  ASSERT_TRUE(eventually([&] { return monitors(); }));
+  origin.publish(small_distribution().era(2));
+  ASSERT_TRUE(killed.wait_for(5s));
+  ASSERT_TRUE(restarted.wait_for(5s)) << "nobody waits for itself";
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 8s);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_FALSE(is_registered());
+  EXPECT_TRUE(eventually([&] { return !data.has(".transition_lock"); }))
+      << "the transition ends all the same";
+}
+
+TEST_F(LifecycleTest, TellsSearchesOfEraZeroWithoutAManifest) {
+  origin.publish(small_distribution());
+  origin.set_era_state("closing");
+  origin.fault("/data/*",
+               {.kind = Fault::Kind::STATUS, .status = 404, .count = 0});  // the poll thread gets nothing
+  auto manager = registered();
+  Event killed;
+  int identity = 0;
+  manager->register_era_callback({.call =
+                                      [&](const std::string& event_type, std::int64_t era_number) {
+                                        EXPECT_EQ(event_type, "kill");
+                                        EXPECT_EQ(era_number, 0);
+                                        killed.set();
+                                      },
+                                  .identity = &identity});
+  manager->acquire();
+  EXPECT_TRUE(killed.wait_for(5s));
+  manager->release();
+}
+
+TEST_F(LifecycleTest, LetsAMonitorOutliveItsManager) {
+  origin.publish(small_distribution());
+  auto manager = make_manager();
+  EraThread era_thread(
+      origin.server_url(), [this] { return origin.token(); }, *manager, 0.01);
+  era_thread.start();
+  EXPECT_TRUE(eventually([&] { return monitors(); }));
+  manager.reset();
+  EXPECT_TRUE(eventually([&] { return !era_thread.is_alive(); }));
+}
+
+// The bounds of a stop, with threads that do not obey.
+class StopTest : public ::testing::Test {
+ public:
+  Lifecycle::Collaborators collaborators() {
+    return {.state = state,
+            .consumers = consumers,
+            .lock = lock,
+            .era_callbacks = std::make_shared<EraCallbacks>(),
+            .active = std::make_shared<ActiveViewHolder>(flat_view(data.path())),
+            .poll_loop = [this](const std::shared_ptr<const Event>& stop) { poll_loop(stop); },
+            .make_era_thread = [this](auto, auto) { return era_thread; }};
+  }
+  testing::LogCapture log;
+  testing::TempDir data;
+  ManagerState state;
+  ConsumerCount consumers{data.path()};
+  SyncLock lock{data.path()};
+  std::function<void(const std::shared_ptr<const Event>&)> poll_loop = [](const auto& stop) {
+    stop->wait_for(10s);
+  };
+  std::shared_ptr<EraMonitor> era_thread = std::make_shared<EraMonitor>(
+      EraMonitor::Options{.server_url = "https://api", .get_token = [] { return ""; }, .target = {}});
+  double slept = 0;
+  Seams seams = [this] {
+    Seams fake = Seams::real();
+    fake.sleep = [this](double seconds) { slept += seconds; };
+    return fake;
+  }();
+};
+
+TEST_F(StopTest, WaitsForATransitionForTenSecondsAndForASyncWithoutABound) {
+  Lifecycle lifecycle(data.path(), collaborators(), seams);
+  lifecycle.start();
+  state.enter_transition();
+  Event stopped;
+  lock._sync_lock().lock();
+  std::thread stopper([&] {
+    lifecycle.stop();
+    stopped.set();
+  });
+  EXPECT_FALSE(stopped.wait_for(50ms));
+  EXPECT_TRUE(state.running());
+  lock._sync_lock().unlock();
+  stopper.join();
+  EXPECT_NEAR(slept, 10.0, 1e-6);
+  EXPECT_FALSE(state.running());
+
+  // Inside the sync, or the transition, that would have to end first.
+  lifecycle.start();
+  lock._sync_lock().lock();
+  slept = 0;
+  lifecycle.stop();
+  lock._sync_lock().unlock();
+  EXPECT_EQ(slept, 0) << "the transition runs on this very thread";
+  EXPECT_FALSE(lifecycle.is_alive());
+  state.leave_transition();
+}
+
+TEST_F(StopTest, LeavesAPollThreadThatMissesItsJoinToEndByItself) {
+  Event leave;
+  std::atomic<int> running = 0;
+  std::atomic<int> revived = 0;
+  poll_loop = [&](const std::shared_ptr<const Event>& stop) {
+    ++running;
+    leave.wait_for(10s);
+    if (!stop->is_set()) ++revived;
+    --running;
+  };
+  Lifecycle lifecycle(data.path(), collaborators(), seams, {.transition_checks = 0, .poll_thread = 20ms});
+  lifecycle.start();
+  ASSERT_TRUE(eventually([&] { return running == 1; }));
+  lifecycle.stop();
+  EXPECT_FALSE(lifecycle.is_alive());
+  lifecycle.start();
+  ASSERT_TRUE(eventually([&] { return running == 2; }));
+  leave.set();
+  ASSERT_TRUE(eventually([&] { return running == 0; }));
+  EXPECT_EQ(revived, 1) << "the stop of the first run holds for its thread";
+  lifecycle.stop();
+}
+
+TEST_F(StopTest, ReportsAnEraThreadThatIsStartedAlready) {
+  class Surface : public logging_style::Module {
+   public:
+    void log_library_surface_event(const std::string& title, const std::string& level,
+                                   const logging_style::SurfaceEvent& event) override {
+      told =
+          fmt::format("{} {} {} {} {} {} {} {}", title, level, event.sub_service, event.component,
+                      event.metadata.dump(), event.source_function, event.source_file, event.source_line > 0);
+    }
+    std::string told;
+  };
+  const auto surface = std::make_shared<Surface>();
+  logging_style::module_seam().install(surface);
+  era_thread->start();
+  Lifecycle lifecycle(data.path(), collaborators(), seams);
+  EXPECT_EQ(testing::failure_of([&] { lifecycle.acquire(); }), "nothing");
+  logging_style::module_seam().install(nullptr);
+  EXPECT_EQ(surface->told,
+            "Era synchronization error sync state {\"reason\":\"era_thread_start_state\"} _start_internal "
+            "lifecycle.cpp true");
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync

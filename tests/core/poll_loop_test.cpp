@@ -1,0 +1,212 @@
+#include "core/poll_loop.hpp"
+
+#include <thread>
+#include <utility>
+
+#include "cohort/cohort_loader.hpp"
+#include "core/repair_queue.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
+#include "support/failure_text.hpp"
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using origin::Fault;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// A poll loop whose collaborators only note that they were called.
+class PollLoopTest : public ::testing::Test {
+ public:
+  std::vector<std::string> poll() {
+    events.clear();
+    loop._poll_once();
+    return events;
+  }
+
+  testing::LogCapture log;
+  testing::TempDir data;
+  ManagerState state;
+  SyncLock lock{data.path()};
+  std::vector<std::string> events;
+  std::function<void()> repair_queued_files = [] {};
+  std::function<bool()> needs_sync = [] { return true; };
+  std::function<void()> sync = [] {};
+  PollLoop loop{data.path(),
+                /*poll_interval=*/0.001,
+                {.state = state,
+                 .lock = lock,
+                 .repair_queued_files = [this] { repair_queued_files(); },
+                 .needs_sync =
+                     [this] {
+                       events.push_back("asked");
+                       return needs_sync();
+                     },
+                 .sync_with_manifest_refresh =
+                     [this] {
+                       EXPECT_TRUE(lock._sync_lock().held_by_this_thread());
+                       events.push_back("synced");
+                       sync();
+                     }}};
+};
+
+TEST_F(PollLoopTest, SyncsWhereThereIsNeedAndNothingElseIsUnderWay) {
+  EXPECT_THAT(poll(), ElementsAre("asked", "synced"));
+  needs_sync = [] { return false; };
+  EXPECT_THAT(poll(), ElementsAre("asked"));
+  needs_sync = [this] {
+    state.enter_transition();
+    return true;
+  };
+  EXPECT_THAT(poll(), ElementsAre("asked")) << "a transition began while the question waited";
+  EXPECT_THAT(poll(), IsEmpty());
+  state.leave_transition();
+  lock._sync_lock().lock();
+  EXPECT_THAT(poll(), IsEmpty());
+  lock._sync_lock().unlock();
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(PollLoopTest, LogsAFailedSyncAndLeavesTheLocksFree) {
+  sync = [] { throw EraError("another era"); };
+  poll();
+  needs_sync = []() -> bool { throw SyncUnavailableError("https://api/x", 3); };
+  poll();
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0], "warning: Poll once failed: another era");
+  EXPECT_THAT(lines[1], ::testing::StartsWith("warning: Poll once failed: TidalCrest data sync unavailable"));
+  const WriterScope both_are_free(lock);
+}
+
+TEST_F(PollLoopTest, EndsTheCycleOfAFailedRepairWithoutASync) {
+  repair_queued_files = [] { throw SyncError("no repair"); };
+  events.clear();
+  EXPECT_EQ(testing::failure_of([&] { loop._poll_once(); }), "SyncError: no repair");
+  EXPECT_THAT(events, IsEmpty());
+}
+
+TEST_F(PollLoopTest, SurvivesEveryCycleUntilItIsStopped) {
+  std::atomic<int> cycles = 0;
+  const auto stop = std::make_shared<Event>();
+  bool saw_stop = false;
+  repair_queued_files = [&, first = true]() mutable {
+    if (std::exchange(first, false)) throw SyncError("no repair");
+  };
+  sync = [&] {
+    if (++cycles < 5) throw RuntimeError("bad cycle");
+    stop->set();
+    // Seen by every wait of the sync.
+    saw_stop = sync_backoff::module_seam().current()->current_context().stop_requested();
+  };
+  loop._poll_loop(stop);
+  EXPECT_EQ(cycles, 5);
+  EXPECT_TRUE(log.has("warning: Poll loop iteration failed: no repair"));
+  EXPECT_TRUE(saw_stop);
+}
+
+class RepairQueueTest : public ::testing::Test {
+ public:
+  RepairQueueTest() { state.set_running(true); }
+  ~RepairQueueTest() override { wait_for_repairs(); }
+  void wait_for_repairs() const {
+    for (int i = 0; i < 5000 && queue.use_count() > 1; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+
+  testing::LogCapture log;
+  testing::TempDir data;
+  ManagerState state;
+  ActiveViewHolder active{flat_view(data.path())};
+  std::function<void(const std::vector<std::string>&)> repair;
+  const std::shared_ptr<RepairQueue> queue = std::make_shared<RepairQueue>(
+      data.path(), state, active, [this](const std::vector<std::string>& files) { repair(files); });
+};
+
+TEST_F(RepairQueueTest, RepairsOnAThreadOfItsOwnThatAStopReaches) {
+  Event started, ended;
+  std::vector<std::string> repaired;
+  repair = [&](const std::vector<std::string>& files) {
+    repaired = files;
+    started.set();
+    const auto context = sync_backoff::module_seam().current()->current_context();
+    while (!context.stop_requested()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ended.set();
+    throw SyncBackoffCancelled("stopped");
+  };
+  RepairQueue::report_corruption(queue, "a");
+  ASSERT_TRUE(started.wait_for(std::chrono::seconds(5)));
+  EXPECT_FALSE(ended.is_set());
+  EXPECT_NO_THROW(queue->_repair_queued_files()) << "the thread has taken what was queued";
+  state.stop_event()->set();
+  ASSERT_TRUE(ended.wait_for(std::chrono::seconds(5)));
+  wait_for_repairs();
+  EXPECT_THAT(repaired, ElementsAre("a"));
+  EXPECT_TRUE(log.has("warning: Background repair failed: stopped"));
+}
+
+TEST_F(RepairQueueTest, RefusesReportsThatNobodyCouldActOn) {
+  repair = [](const std::vector<std::string>&) {};
+  ActiveView view = *active.get();
+  view.manifest = std::make_shared<const Manifest>(
+      Document{{"era_number", 1}, {"market_id", 1}, {"files", {{"known", {{"kind", "feature"}}}}}});
+  active.set(std::make_shared<const ActiveView>(view));
+  EXPECT_EQ(testing::failure_of([&] { RepairQueue::report_corruption(queue, "unknown"); }),
+            "ValueError: File not in manifest: unknown");
+  EXPECT_EQ(testing::failure_of([&] { RepairQueue::report_corruption(queue, "known"); }), "nothing");
+  state.set_running(false);
+  EXPECT_EQ(testing::failure_of([&] { RepairQueue::report_corruption(queue, "known"); }),
+            "StateError: Sync thread is not running. Call start() or acquire() first.");
+}
+
+// The question as the poll loop asks it of a real server.
+class NeedsSyncTest : public testing::SyncFixture {};
+
+TEST_F(NeedsSyncTest, IsTrueOnEveryDoubt) {
+  origin.publish(small_distribution());
+  auto manager = make_manager();
+  EXPECT_TRUE(manager->needs_sync()) << "no manifest";
+  manager->sync();
+  EXPECT_FALSE(manager->needs_sync());
+
+  struct Case {
+    const char* label;
+    Fault fault;
+    const char* outcome;
+  };
+  const auto body = [](const char* text) { return Fault{.kind = Fault::Kind::BODY, .body = text}; };
+  const Case cases[] = {
+      {"no hash in the answer", body(R"({"version": 1, "market_id": 1})"), "false"},
+      {"a version that is equal by value", body(R"({"version": 1.0, "market_id": 1})"), "false"},
+      {"another version", body(R"({"version": 2, "market_id": 1})"), "true"},
+      {"a version of another type", body(R"({"version": "1", "market_id": 1})"), "true"},
+      {"no version", body(R"({"market_id": 1})"), "true"},
+      {"another hash", body(R"({"version": 1, "market_id": 1, "sha256": "00"})"), "true"},
+      {"status 304", {.kind = Fault::Kind::STATUS, .status = 304}, "true"},
+      {"status 404", {.kind = Fault::Kind::STATUS, .status = 404}, "true"},
+      {"another market", body(R"({"version": 1, "market_id": 2})"),
+       "ManifestError: manifest version response market_id must exactly match configured market_id=1"},
+      {"a status that says it will stay",
+       {.kind = Fault::Kind::STATUS, .status = 503, .body = R"({"retryable": false})"},
+       "SyncUnavailableError"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    origin.fault("/data/manifest/version", c.fault);
+    bool needed = false;
+    const std::string failure = testing::failure_of([&] { needed = manager->needs_sync(); });
+    EXPECT_THAT(failure == "nothing" ? (needed ? "true" : "false") : failure,
+                ::testing::StartsWith(c.outcome));
+    origin.clear_faults();
+  }
+  std::filesystem::remove(manager->active_data_dir() + "/features/u1/signal_is/alpha__one__x__a.arrow");
+  EXPECT_TRUE(manager->needs_sync()) << "a member is gone";
+  manager->sync();
+  EXPECT_FALSE(manager->needs_sync());
+  origin.publish(small_distribution().feature("u1", "signal_is", "alpha__one__x__c", "new"));
+  EXPECT_TRUE(manager->needs_sync());
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
