@@ -1,0 +1,85 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "origin/http_message.hpp"
+
+namespace tidalcrest::origin {
+
+/// What a plain client received; `code` is libcurl's verdict on the transfer.
+struct CurlResult {
+  CURLcode code = CURLE_OK;
+  long status = 0;
+  Headers headers;
+  std::string body;
+  std::string header(const std::string& name) const {
+    const auto* value = find_header(headers, name);
+    return value == nullptr ? "" : *value;
+  }
+};
+
+/// A plain client with one connection of its own.
+class CurlClient {
+ public:
+  CurlResult get(const std::string& url, const std::vector<std::string>& headers = {}) {
+    return send(url, headers);
+  }
+  CurlResult post(const std::string& url, const std::string& body,
+                  const std::vector<std::string>& headers = {}) {
+    return send(url, headers, &body);
+  }
+  /// The path is sent as it stands, dot segments included.
+  CurlResult get_as_is(const std::string& origin, const std::string& path) {
+    return send(origin, {}, nullptr, path.c_str());
+  }
+
+ private:
+  CurlResult send(const std::string& url, const std::vector<std::string>& headers,
+                  const std::string* post_body = nullptr, const char* target = nullptr) {
+    CurlResult result;
+    auto* handle = _handle.get();
+    curl_easy_reset(handle);
+    curl_slist* list = nullptr;
+    for (const auto& header : headers) list = curl_slist_append(list, header.c_str());
+    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, list);
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT, 60L);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &result.body);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &append);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &result.headers);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &add_header);
+    if (target != nullptr) curl_easy_setopt(handle, CURLOPT_REQUEST_TARGET, target);
+    if (post_body != nullptr) {
+      curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(post_body->size()));
+      curl_easy_setopt(handle, CURLOPT_POSTFIELDS, post_body->c_str());
+    }
+    result.code = curl_easy_perform(handle);
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &result.status);
+    curl_slist_free_all(list);
+    return result;
+  }
+
+  static std::size_t append(char* data, std::size_t size, std::size_t count, void* into) {
+    static_cast<std::string*>(into)->append(data, size * count);
+    return size * count;
+  }
+  static std::size_t add_header(char* data, std::size_t size, std::size_t count, void* into) {
+    const std::string line(data, size * count);
+    const auto colon = line.find(": ");
+    if (colon != std::string::npos) {
+      static_cast<Headers*>(into)->emplace(line.substr(0, colon),
+                                           line.substr(colon + 2, line.find_last_not_of("\r\n") - colon - 1));
+    }
+    return size * count;
+  }
+
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> _handle{curl_easy_init(), &curl_easy_cleanup};
+};
+
+}  // namespace tidalcrest::origin

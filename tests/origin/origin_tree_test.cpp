@@ -1,0 +1,225 @@
+#include "origin/origin_tree.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <set>
+
+#include "host/digest.hpp"
+#include "host/json.hpp"
+#include "host/text.hpp"
+#include "origin/disk.hpp"
+#include "origin/evolution.hpp"
+#include "origin/recipe.hpp"
+#include "origin/seed_sealing.hpp"
+#include "tidalcrest/sync/errors.hpp"
+
+namespace tidalcrest::origin {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+class OriginTreeTest : public testing::Test {
+ protected:
+  OriginTreeTest() {
+    auto name = (fs::temp_directory_path() / "origin-tree-XXXXXX").string();
+    root = ::mkdtemp(name.data());
+    recipe.number = 5;
+    recipe.universes = {"u1", "u2"};
+    recipe.features = 12;
+    recipe.feature_bytes = {1, 3000};
+    recipe.vault_modules = {"pricing"};
+  }
+  ~OriginTreeTest() override { fs::remove_all(root); }
+
+  OriginTree build(const std::string& name, const Recipe& made_from) const {
+    OriginState state;
+    state.number = made_from.number;
+    state.era_number = made_from.era_number;
+    state.data_url = "http://127.0.0.1:1";
+    auto tree = OriginTree::create(root / name, state);
+    tree.make_current(tree.add_release(build_from_recipe(made_from)).name);
+    return tree;
+  }
+
+  /// Path to digest of everything below a directory.
+  static std::map<std::string, std::string> digests(const fs::path& directory) {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+      if (!entry.is_regular_file()) continue;
+      found[entry.path().lexically_relative(directory)] = sync::sha256_hex(disk::read_text(entry.path()));
+    }
+    return found;
+  }
+
+  static std::map<std::string, std::string> files_of(const Release& release) {
+    std::map<std::string, std::string> found;
+    for (const auto& [path, entry] : release.manifest.at("files").get_ref<const Document::object_t&>()) {
+      found[path] = entry.at("sha256");
+    }
+    return found;
+  }
+
+  fs::path root;
+  Recipe recipe;
+};
+
+TEST(SeedSealing, AgreesWithTheVectors) {
+  const auto vectors =
+      sync::parse_json(disk::read_text(TIDALCREST_TEST_DATA "/shuffle_seed.json")).at("vectors");
+  std::size_t compared = 0;
+  for (const auto& vector : vectors) {
+    if (!vector.at("opens").get<bool>()) continue;
+    const auto sealed = from_hex(vector.at("ciphertext"));
+    EXPECT_EQ(seal_shuffle_seed(from_hex(vector.at("wallet_secret")), vector.at("market_id"),
+                                vector.at("era_number"), from_hex(vector.at("seed")), sealed.substr(0, 12)),
+              sealed);
+    ++compared;
+  }
+  EXPECT_GT(compared, 0u);
+}
+
+TEST_F(OriginTreeTest, TheSameRecipeGivesTheSameBytesAndAnotherNumberOthers) {
+  const auto first = digests(build("a", recipe).root());
+  EXPECT_EQ(first, digests(build("b", recipe).root()));
+  recipe.number = 6;
+  auto other = digests(build("c", recipe).root());
+  EXPECT_NE(first.at("token"), other.at("token"));
+  EXPECT_NE(first.at("api/m1-e1-v1/shuffle_seed.enc"), other.at("api/m1-e1-v1/shuffle_seed.enc"));
+  const auto feature = "releases/m1-e1-v1/features/u1/signal_is/momentum__fast__mean__w00000.arrow";
+  EXPECT_NE(first.at(feature), other.at(feature));
+}
+
+TEST_F(OriginTreeTest, EveryManifestEntryTellsTheTruthAboutItsFile) {
+  const auto tree = build("a", recipe);
+  const auto release = tree.release(tree.state().current);
+  std::map<std::string, std::size_t> kinds;
+  for (const auto& [path, entry] : release.manifest.at("files").get_ref<const Document::object_t&>()) {
+    const auto bytes = disk::read_text(release.directory / path);
+    EXPECT_EQ(entry.at("sha256"), sync::sha256_hex(bytes)) << path;
+    EXPECT_EQ(entry.at("size_bytes"), bytes.size()) << path;
+    ++kinds[entry.at("kind")];
+  }
+  EXPECT_EQ(kinds, (std::map<std::string, std::size_t>{{"feature", 48},
+                                                       {"found_signal_is_pnl", 20},
+                                                       {"found_strategy_is_epoch_pnl", 6},
+                                                       {"functions", 1},
+                                                       {"reference", 2},
+                                                       {"signals_index", 1},
+                                                       {"vault_module", 1},
+                                                       {"vocabulary", 2}}));
+  EXPECT_EQ(digests(release.directory).size(), release.manifest.at("files").size() + 1);
+  const auto answer = sync::parse_json(disk::read_text(tree.api_directory(release.name) / "version.json"));
+  EXPECT_EQ(answer.at("manifest_sha256"), sync::sha256_hex(release.manifest_bytes));
+  EXPECT_EQ(release.manifest.at("base_url"), "http://127.0.0.1:1/releases/m1-e1-v1");
+}
+
+TEST_F(OriginTreeTest, EvolvingChangesWhatItSaysAndNothingElse) {
+  const auto tree = build("a", recipe);
+  const auto before = tree.release(tree.state().current);
+  const auto evolved =
+      evolve(tree, recipe, {parse_amount("10%"), parse_amount("3"), parse_amount("5"), false});
+  EXPECT_THAT(evolved.changed, SizeIs(8));  // of 77 that are not made on their own
+  EXPECT_THAT(evolved.added, SizeIs(3));
+  EXPECT_THAT(evolved.removed, SizeIs(5));
+  EXPECT_EQ(tree.state().current, before.name);
+
+  const auto old_files = files_of(before);
+  const auto new_files = files_of(evolved.release);
+  std::set<std::string> expected(evolved.changed.begin(), evolved.changed.end()), differing, gone, fresh;
+  for (const auto& [path, digest] : old_files) {
+    if (new_files.count(path) == 0) {
+      gone.insert(path);
+    } else if (new_files.at(path) != digest) {
+      differing.insert(path);
+    }
+  }
+  for (const auto& [path, digest] : new_files) {
+    if (old_files.count(path) == 0) fresh.insert(path);
+  }
+  for (const char* universe : {"u1", "u2"}) {
+    expected.insert(std::string("named_universes/") + universe + "/vocabulary.json");
+  }
+  EXPECT_THAT(differing, testing::IsSubsetOf(expected));
+  EXPECT_THAT(evolved.changed, testing::IsSubsetOf(differing));
+  EXPECT_EQ(gone, std::set<std::string>(evolved.removed.begin(), evolved.removed.end()));
+  EXPECT_EQ(fresh, std::set<std::string>(evolved.added.begin(), evolved.added.end()));
+
+  struct stat kept {};
+  ASSERT_EQ(::stat((evolved.release.directory / "functions.json").c_str(), &kept), 0);
+  EXPECT_EQ(kept.st_nlink, 2u);
+  EXPECT_THROW(evolve(tree, recipe, {{}, {}, parse_amount("1000"), false}), sync::ValueError);
+}
+
+TEST_F(OriginTreeTest, TheNextEraRenewsOnlyWhatNamesTheEra) {
+  const auto tree = build("a", recipe);
+  const auto before = tree.release(tree.state().current);
+  tree.update_state([](OriginState& state) { state.era_state = "closing"; });
+  Evolution next;
+  next.next_era = true;
+  const auto evolved = evolve(tree, recipe, next);
+  tree.make_current(evolved.release.name);
+  EXPECT_EQ(evolved.release.name, "m1-e2-v1");
+  EXPECT_EQ(tree.state().era_number, 2);
+  EXPECT_EQ(tree.state().era_state, "active");
+  std::vector<std::string> differing;
+  const auto old_files = files_of(before);
+  for (const auto& [path, digest] : files_of(evolved.release)) {
+    if (old_files.at(path) != digest) differing.push_back(path);
+  }
+  EXPECT_THAT(differing, ElementsAre("functions.json", "named_universes/u1/vocabulary.json",
+                                     "named_universes/u2/vocabulary.json", "signals_index.json"));
+  EXPECT_NE(disk::read_text(tree.api_directory("m1-e2-v1") / "shuffle_seed.enc"),
+            disk::read_text(tree.api_directory("m1-e1-v1") / "shuffle_seed.enc"));
+}
+
+TEST_F(OriginTreeTest, AFolderBecomesARelease) {
+  const auto folder = root / "folder";
+  disk::write_text(folder / "features/u9/signal_is/a__b__c__d.arrow", "feature");
+  disk::write_text(folder / "found_signals/u9/s1/is/pnl.arrow", "pnl");
+  disk::write_text(folder / "notes.txt", "notes");
+  const auto tree = OriginTree::create(root / "t", {});
+  const auto release = tree.add_release(build_from_folder(folder));
+  const auto& files = release.manifest.at("files");
+  EXPECT_EQ(files.at("features/u9/signal_is/a__b__c__d.arrow").at("kind"), "feature");
+  EXPECT_EQ(files.at("found_signals/u9/s1/is/pnl.arrow").at("kind"), "found_signal_is_pnl");
+  EXPECT_EQ(files.at("notes.txt").at("kind"), "reference");
+  EXPECT_TRUE(files.contains("named_universes/u9/vocabulary.json"));
+  const auto index = sync::parse_strict_json(disk::read_text(release.directory / "signals_index.json"));
+  EXPECT_THAT(index.at("found_signals").at("s1").at("files"),
+              ElementsAre("found_signals/u9/s1/is/pnl.arrow"));
+}
+
+TEST(Recipe, IsReadStrictlyAndWrittenBack) {
+  const auto recipe = parse_recipe(R"({"features": 3, "feature_bytes": 10, "found_bytes": [1, 9]})");
+  EXPECT_EQ(recipe.features, 3u);
+  EXPECT_EQ(recipe.feature_bytes.most, 10u);
+  EXPECT_EQ(parse_recipe(sync::dump_json(recipe_document(recipe))).found_bytes.least, 1u);
+  struct Case {
+    const char* text;
+    const char* failure;
+  };
+  for (const auto& c :
+       {Case{"[]", "expected a JSON object"}, Case{R"({"fetures": 3})", "unknown key fetures"},
+        Case{R"({"features": -1})", "features: expected a number"},
+        Case{R"({"feature_bytes": [9, 1]})", "feature_bytes: expected a size"},
+        Case{R"({"universes": [1]})", "universes: expected a list of texts"}}) {
+    SCOPED_TRACE(c.text);
+    try {
+      parse_recipe(c.text);
+      ADD_FAILURE() << "accepted";
+    } catch (const sync::ValueError& failure) {
+      EXPECT_THAT(failure.what(), HasSubstr(c.failure));
+    }
+  }
+  for (const char* text : {"", "x", "5 %", "-1", "3x"})
+    EXPECT_THROW(parse_amount(text), sync::ValueError) << text;
+}
+
+}  // namespace
+}  // namespace tidalcrest::origin
