@@ -1,0 +1,26 @@
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "command_sync.hpp"
+#include "exit_code.hpp"
+
+int main(int argc, char** argv) {
+  using namespace tidalcrest::cli;
+  CLI::App app{
+      "Keeps a local data directory in step with a remote distribution: exact, verified, immutable."};
+  app.footer(
+      "Exit codes: 0 in step, 1 failed, 2 usage, 3 unavailable, 4 refused (downgrade, era, identity, "
+      "market),\n"
+      "5 disk space, 130 interrupted.");
+  app.require_subcommand(1);
+  int exit_code = EXIT_IN_STEP;
+  add_sync_command(app, exit_code);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& failure) {
+    return app.exit(failure) == 0 ? EXIT_IN_STEP : EXIT_USAGE;
+  }
+  // The answer counts only when it reached its reader, a full disk behind standard output included.
+  if (std::fflush(stdout) != 0 && exit_code == EXIT_IN_STEP) return EXIT_FAILED;
+  return exit_code;
+}
