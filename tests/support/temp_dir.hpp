@@ -1,11 +1,14 @@
 #pragma once
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <thread>
 
 namespace tidalcrest::sync::testing {
 
@@ -19,7 +22,16 @@ class TempDir {
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-  ~TempDir() { std::filesystem::remove_all(_path); }
+  /// Threads that end by themselves may still be making and removing files in it: tried again, for two
+  /// seconds.
+  ~TempDir() {
+    std::error_code failure;
+    for (int attempt = 0; attempt < 200; ++attempt) {
+      std::filesystem::remove_all(_path, failure);
+      if (!failure) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
 
   std::string path() const { return _path.string(); }
   std::string path(const std::string& name) const { return (_path / name).string(); }
