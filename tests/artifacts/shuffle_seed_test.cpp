@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "artifacts/network_fixture.hpp"
+#include "build_paths.hpp"
 #include "tidalcrest/sync/constants.hpp"
 
 namespace tidalcrest::sync {

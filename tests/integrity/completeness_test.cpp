@@ -2,6 +2,7 @@
 
 #include "artifacts/network_fixture.hpp"
 #include "artifacts/shuffle_seed.hpp"
+#include "build_paths.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "tidalcrest/sync/rotation.hpp"
 

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <set>
 
+#include "build_paths.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"

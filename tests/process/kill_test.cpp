@@ -6,6 +6,7 @@
 #include <chrono>
 #include <random>
 
+#include "build_paths.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {

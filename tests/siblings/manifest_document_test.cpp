@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fstream>
 
+#include "build_paths.hpp"
 #include "host/json.hpp"
 #include "support/failure_text.hpp"
 #include "tidalcrest/sync/errors.hpp"

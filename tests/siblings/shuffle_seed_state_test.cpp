@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "build_paths.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
 #include "support/failure_text.hpp"
