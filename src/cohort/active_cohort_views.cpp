@@ -8,11 +8,13 @@ namespace tidalcrest::sync {
 
 // In the order of acquisition, so that destruction lets go the other way round.
 struct ActiveCohortPin::Held {
-  explicit Held(HolderMutex& sync_lock, const std::string& data_dir)
-      : sync(sync_lock),
+  Held(std::shared_ptr<const void> owner, HolderMutex& sync_lock, const std::string& data_dir)
+      : owner(std::move(owner)),
+        sync(sync_lock),
         distribution(acquire_distribution_lock(data_dir, /*exclusive=*/false)),
         pin(local_cohort::pin_active_cohort(data_dir)) {}
 
+  std::shared_ptr<const void> owner;  // of the lock below; goes last
   std::unique_lock<HolderMutex> sync;
   DistributionLock distribution;
   local_cohort::Pin pin;
@@ -31,15 +33,15 @@ void ActiveCohortPin::release() {
   if (held) held->pin.root.assert_root_unchanged();
 }
 
-ActiveCohortPin ActiveCohortViews::pin_active_cohort_snapshot() const {
-  auto held = std::make_unique<ActiveCohortPin::Held>(_lock._sync_lock(), _data_dir);
+ActiveCohortPin ActiveCohortViews::pin_active_cohort_snapshot(std::shared_ptr<const void> owner) const {
+  auto held = std::make_unique<ActiveCohortPin::Held>(std::move(owner), _lock._sync_lock(), _data_dir);
   held->snapshot = std::make_unique<const VerifiedActiveCohortSnapshot>(
       _active_cohort_snapshot_locked(held->pin.selection.get()));
   return ActiveCohortPin(std::move(held));
 }
 
 VerifiedActiveCohortSnapshot ActiveCohortViews::active_cohort_snapshot() const {
-  ActiveCohortPin pin = pin_active_cohort_snapshot();
+  ActiveCohortPin pin = pin_active_cohort_snapshot(/*owner=*/nullptr);
   VerifiedActiveCohortSnapshot snapshot = pin.snapshot();
   pin.release();
   return snapshot;

@@ -18,7 +18,8 @@ class ActiveCohortViews {
   ActiveCohortViews(std::string data_dir, SyncLock& lock, const ActiveViewHolder& active)
       : _data_dir(std::move(data_dir)), _lock(lock), _active(active) {}
 
-  ActiveCohortPin pin_active_cohort_snapshot() const;
+  /// The pin shares `owner`, which keeps the locks alive that it lets go of.
+  ActiveCohortPin pin_active_cohort_snapshot(std::shared_ptr<const void> owner) const;
   /// One exact snapshot after a stable-selector readback; no lock is held after return.
   VerifiedActiveCohortSnapshot active_cohort_snapshot() const;
   /// The exact manifest-selected generation root.

@@ -101,7 +101,7 @@ CollectionReport SyncManager::collect_generations(std::int64_t keep, bool dry_ru
 }
 
 ActiveCohortPin SyncManager::pin_active_cohort_snapshot() const {
-  return _wiring->views.pin_active_cohort_snapshot();
+  return _wiring->views.pin_active_cohort_snapshot(_wiring);
 }
 
 VerifiedActiveCohortSnapshot SyncManager::active_cohort_snapshot() const {

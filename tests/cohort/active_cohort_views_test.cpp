@@ -1,7 +1,9 @@
 #include "cohort/active_cohort_views.hpp"
 
 #include <future>
+#include <optional>
 
+#include "cohort/cohort_loader.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -44,6 +46,26 @@ TEST_F(ViewsTest, PublicationWaitsForAPinAndTheSnapshotKeepsDescribingItsRoot) {
   } catch (const StateError& failure) {
     EXPECT_STREQ(failure.what(), "Pinned active cohort differs from the sync manager selection");
   }
+}
+
+TEST_F(ViewsTest, PinMayOutliveItsManager) {
+  origin.publish(small_distribution());
+  auto manager = make_manager();
+  manager->sync();
+  std::optional<ActiveCohortPin> pin = manager->pin_active_cohort_snapshot();
+  manager.reset();
+  EXPECT_TRUE(std::filesystem::exists(pin->snapshot().root_dir() + "/functions.json"));
+  pin.reset();  // the checkers see a lock that went with the manager
+  EXPECT_NO_THROW(make_manager()->sync());
+
+  // As the pin of a view that nobody else owns.
+  const auto lock = std::make_shared<SyncLock>(data.path());
+  const ActiveViewHolder active(load_cohort_pointer(data.path()));
+  const ActiveCohortViews views(data.path(), *lock, active);
+  pin = views.pin_active_cohort_snapshot(lock);
+  EXPECT_EQ(lock.use_count(), 2);
+  pin->release();
+  EXPECT_EQ(lock.use_count(), 1);
 }
 
 TEST_F(ViewsTest, ReadbackFindsASwappedRootAndLetsGoOfEverything) {
