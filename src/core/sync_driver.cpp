@@ -7,6 +7,7 @@
 #include "cohort/result_fields.hpp"
 #include "core/version_answer.hpp"
 #include "download/local_files.hpp"
+#include "host/equality.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
@@ -67,9 +68,9 @@ SyncResult SyncDriver::_sync_with_manifest_refresh() {
 }
 
 SyncResult SyncDriver::_sync_impl() {
+  _remove_sync_progress_json(_data_dir);  // a stale one never outlives the start of a sync
   _progress->on_phase("checking");
   _with.loader.adopt_selected_cohort();
-  _remove_sync_progress_json(_data_dir);
   const VersionHints hints = _probe_version();
   if (auto result = _try_fast_path(hints)) return *result;
   return _full_sync();
@@ -200,10 +201,10 @@ SyncResult SyncDriver::_full_sync() {
   if (view->manifest) _refuse_backward_steps(*view, *server_manifest, *body);
 
   const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
-  const bool same_manifest_version = view->manifest &&
-                                     view->manifest->version() == server_manifest->version() &&
-                                     view->manifest->era_number() == server_manifest->era_number() &&
-                                     view->manifest_bytes && *view->manifest_bytes == *body;
+  const bool same_manifest_version =
+      view->manifest && host_equal(view->manifest->version(), server_manifest->version()) &&
+      host_equal(view->manifest->era_number(), server_manifest->era_number()) && view->manifest_bytes &&
+      *view->manifest_bytes == *body;
   _progress->on_phase("planning");
   const bool force_new_rotation =
       !same_manifest_version || _with.planner._feature_rotation_should_rotate(*server_manifest);
@@ -222,7 +223,7 @@ SyncResult SyncDriver::_full_sync() {
 void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
                                         const std::string& body) const {
   const Manifest& local = *view.manifest;
-  if (server_manifest.era_number() != local.era_number()) {
+  if (!host_equal(server_manifest.era_number(), local.era_number())) {
     throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}",
                                text::str(local.era_number()), text::str(server_manifest.era_number())));
   }
