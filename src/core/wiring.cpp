@@ -1,5 +1,7 @@
 #include "core/wiring.hpp"
 
+#include "core/guarded_progress.hpp"
+
 namespace tidalcrest::sync {
 
 struct SyncManager::Wiring::Checked {
@@ -22,7 +24,7 @@ SyncManager::Wiring::Wiring(Checked checked, SyncOptions& options, Seams given_s
       market_id(checked.market_id),
       poll_interval(options.poll_interval_s),
       seams(std::move(given_seams)),
-      progress(options.progress ? options.progress : std::make_shared<SyncProgress>()),
+      progress(std::make_shared<GuardedProgress>(std::move(options.progress))),
       knobs(options.sync_http_transport, options.sync_http_chunk_bytes, options.sync_max_concurrency),
       hash_cache(data_dir),
       consumers(data_dir),

@@ -149,9 +149,24 @@ TEST_F(SyncDriverTest, RefusesWhatWouldMoveBackwardsOrAcross) {
   changed["version"] = 5;
   origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
   EXPECT_EQ(failure_of<SyncError>(*manager), "Refusing same-version manifest with different exact identity");
+  changed["era_number"] = true;  // the same era by value
+  origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
+  EXPECT_EQ(failure_of<SyncError>(*manager), "Refusing same-version manifest with different exact identity");
   origin.publish(content.era(2).version(6));
   EXPECT_EQ(failure_of<EraError>(*manager), "Era mismatch: local era_number=1, server era_number=2");
   EXPECT_EQ(testing::files_below(data.path()), published);
+}
+
+TEST_F(SyncDriverTest, ADisplayThatFailsFailsNoSync) {
+  class BrokenDisplay : public SyncProgress {
+   public:
+    void on_phase(const std::string&) override { throw std::runtime_error("no terminal"); }
+    void on_download_set(std::int64_t, std::int64_t) override { throw 1; }
+  };
+  origin.publish(small_distribution());
+  SyncOptions shown = options();
+  shown.progress = std::make_shared<BrokenDisplay>();
+  EXPECT_EQ(SyncManager(shown, seams).sync().features_downloaded, 3);
 }
 
 TEST_F(SyncDriverTest, DamagedLocalDataLeadsFromTheFastPathToARepair) {
