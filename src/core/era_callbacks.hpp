@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -11,7 +11,7 @@
 namespace tidalcrest::sync {
 
 /// The list of those who want to hear of a transition. `_era_callbacks_lock` guards the list alone and is
-/// never held while a callback runs, so a callback may register or unregister.
+/// never held while a callback runs, is copied or destroyed, so a callback may register or unregister.
 class EraCallbacks {
  public:
   /// The same callable can be registered twice.
@@ -23,7 +23,7 @@ class EraCallbacks {
 
  private:
   std::mutex _era_callbacks_lock;  // a leaf
-  std::vector<EraCallback> _era_callbacks;
+  std::vector<std::shared_ptr<const EraCallback>> _era_callbacks;
 };
 
 }  // namespace tidalcrest::sync

@@ -13,14 +13,12 @@ void ReentrantLock::lock() {
 }
 
 void ReentrantLock::unlock() {
-  {
-    const std::lock_guard guard(_mutex);
-    if (_depth == 0 || _holder != std::this_thread::get_id()) {
-      throw RuntimeError("cannot release un-acquired lock");
-    }
-    --_depth;
+  const std::lock_guard guard(_mutex);
+  if (_depth == 0 || _holder != std::this_thread::get_id()) {
+    throw RuntimeError("cannot release un-acquired lock");
   }
-  _free.notify_one();
+  --_depth;
+  _free.notify_one();  // under the lock: the next holder may destroy the mutex
 }
 
 }  // namespace tidalcrest::sync
