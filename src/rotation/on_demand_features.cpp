@@ -6,6 +6,7 @@
 #include "host/integer.hpp"
 #include "host/log.hpp"
 #include "host/text.hpp"
+#include "manifest/feature_paths.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -70,9 +71,10 @@ std::vector<std::string> OnDemandFeatures::_request_feature_files_for_sync_impl(
                           view->cohort->active_relative_paths.end());
   }
   bool cohort_change_required = view->cohort == nullptr;
+  const FeaturePaths features(manifest);
   for (const auto& name : wanted.names) {
-    for (const auto& path : _manifest_feature_prefetch_relative_paths(manifest, name, wanted.expression_type,
-                                                                      wanted.named_universe)) {
+    for (const auto& path : features._manifest_feature_prefetch_relative_paths(name, wanted.expression_type,
+                                                                               wanted.named_universe)) {
       if (!seen_relative_paths.insert(path).second) continue;
       resolved_relative_paths.push_back(path);
       if (!active_members.contains(path) || !_is_whole_member(*view, path)) cohort_change_required = true;
@@ -88,9 +90,11 @@ std::vector<std::string> OnDemandFeatures::_request_feature_files_for_sync_impl(
 }
 
 bool OnDemandFeatures::_is_whole_member(const ActiveView& view, const std::string& path) const {
+  const Document* file_info = view.manifest->file_entry(path);
+  if (file_info == nullptr) return false;
   try {
     const client_manifest::PinnedRoot root(view.data_dir);
-    return _with.hash_cache._local_file_matches_manifest(root, path, *view.manifest->file_entry(path));
+    return _with.hash_cache._local_file_matches_manifest(root, path, *file_info);
   } catch (const OSError&) {
     return false;  // no root, no member
   }
