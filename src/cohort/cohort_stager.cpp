@@ -7,6 +7,7 @@
 #include <set>
 #include <unordered_set>
 
+#include "artifacts/manifest_entry.hpp"
 #include "cohort/result_fields.hpp"
 #include "cohort/salvage.hpp"
 #include "cohort/staged_members.hpp"
@@ -44,8 +45,7 @@ std::set<std::string> normalised_paths(const std::vector<std::string>& paths) {
 }
 
 ManifestGeneration generation_of(const Manifest& manifest) {
-  ManifestGeneration generation;
-  if (manifest.base_url().is_string()) generation.base_url = manifest.base_url().get<std::string>();
+  ManifestGeneration generation = data_origin_of(manifest);
   generation.version = to_int(manifest.version());
   generation.era_number = to_int(manifest.era_number());
   return generation;
@@ -251,7 +251,7 @@ void StagingRun::publish() {
     repair_active_generation(_roots.candidate_root, _roots.active_root, _completion_paths,
                              _artifact_identities);
     // The members reach the disk before the record that vouches for them.
-    local_cohort::make_durable(_data_dir);
+    local_cohort::make_durable(_roots.active_root);
     local_cohort::complete_generation(_roots.active_root, _manifest_bytes, _completion);
     _selection = local_cohort::load_active_cohort(_data_dir, /*required=*/true);
   } else {

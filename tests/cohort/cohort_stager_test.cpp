@@ -1,5 +1,6 @@
 #include "cohort/cohort_stager.hpp"
 
+#include "siblings/runtime/modules.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -151,9 +152,33 @@ TEST_F(StagingTest, LostSelectorIsWrittenAgainWithoutFetchingMembers) {
   EXPECT_TRUE(manager->verify().valid);
 }
 
+TEST_F(StagingTest, LinkInPlaceOfTheSelectorSelectsNothingAndIsReplaced) {
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  const auto put_link = [&] {
+    data.remove("manifest.json");
+    data.write("elsewhere.json", origin.current().manifest_bytes + " ");
+    std::filesystem::create_symlink("elsewhere.json", data.path("manifest.json"));
+  };
+  put_link();
+  EXPECT_THROW(manager->active_cohort_snapshot(), LocalCohortError);
+  origin.forget_requests();
+  manager->sync();
+  EXPECT_FALSE(std::filesystem::is_symlink(data.path("manifest.json")));
+  EXPECT_EQ(data.read("elsewhere.json"), origin.current().manifest_bytes + " ");
+
+  put_link();
+  const auto late = make_manager();
+  EXPECT_EQ(late->get_manifest(), nullptr);
+  late->sync();
+  EXPECT_TRUE(late->verify().valid);
+  EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
+}
+
 TEST_F(StagingTest, RuntimeModulesGetASnapshotOfTheirOwn) {
-  origin.publish(small_distribution().file("vault_modules/pricing-linux_x86_64.so", "machine code",
-                                           "vault_module", {{"platform", "linux_x86_64"}}));
+  origin.publish(small_distribution().file("vault_modules/pricing-" + CURRENT_PLATFORM + ".so",
+                                           "machine code", "vault_module", {{"platform", CURRENT_PLATFORM}}));
   const auto manager = make_manager();
   manager->sync();
   const auto members = files_below(manager->active_data_dir());

@@ -157,7 +157,9 @@ TEST_F(LocalCohortTest, ASelectorWithoutAGenerationAndACorruptOneDiffer) {
   EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
   dir.remove("manifest.json");
   testing::fs::create_symlink(root + "/" + COHORT_MANIFEST_FILE, dir.path("manifest.json"));
-  EXPECT_THROW(load_active_cohort(dir.path(), false), OSError);
+  EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
+  EXPECT_THROW(pin_active_cohort(dir.path()), LocalCohortError);
+  EXPECT_EQ(read_selector_bytes(dir.path()), std::nullopt);
 }
 
 TEST_F(LocalCohortTest, FlushesEverythingBeforeTheSelectorMoves) {

@@ -28,9 +28,9 @@ constexpr mode_t GENERATION_MODE = 0777;  // the user's umask decides
 // distribution lock, which readers keep away, so even one turn is rare.
 constexpr int PIN_ATTEMPTS = 16;
 
-void flush_file_system(const PinnedRoot& base) {
-  if (disk_calls().flush_file_system(base.descriptor()) != 0) {
-    throw_os_error(errno, "flush of the file system of " + base.path());
+void flush_file_system(const PinnedRoot& root) {
+  if (disk_calls().flush_file_system(root.descriptor()) != 0) {
+    throw_os_error(errno, "flush of the file system of " + root.path());
   }
 }
 
@@ -49,15 +49,31 @@ bool is_same_directory_still(const PinnedRoot& root) {
   }
 }
 
+// Runs one look at the selector. A link, a directory or a special file in its place selects no cohort; a disk
+// that fails stays an `OSError`.
+template <class Look>
+auto look_at_selector(const Look& look) {
+  try {
+    return look();
+  } catch (const FileNotFoundError&) {
+    throw;
+  } catch (const OSError& failure) {
+    if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;
+    throw LocalCohortError(failure.what());
+  }
+}
+
 // One try to pin what the selector names; absent when the selector or the generation moved meanwhile.
 std::optional<Pin> try_pin(const PinnedRoot& base) {
-  const auto selector_before = base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL);
-  const std::string manifest_bytes = base.read_regular_file(SELECTOR_FILE, SELECTOR_LABEL);
+  const auto stat_selector = [&] { return base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL); };
+  const auto selector_before = look_at_selector(stat_selector);
+  const std::string manifest_bytes =
+      look_at_selector([&] { return base.read_regular_file(SELECTOR_FILE, SELECTOR_LABEL); });
   LoadedGeneration generation = load_generation(base, manifest_bytes);
   lock_opened_file(generation.root.descriptor(), /*exclusive=*/false,
                    "the generation " + generation.root.path());
   if (!is_same_directory_still(generation.root)) return std::nullopt;
-  if (base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL) != selector_before) return std::nullopt;
+  if (look_at_selector(stat_selector) != selector_before) return std::nullopt;
   return Pin(std::move(generation.selection), std::move(generation.root));
 }
 
@@ -104,13 +120,13 @@ void complete_generation(const std::string& root, const std::string& manifest_by
   generation.assert_root_unchanged();
 }
 
-void make_durable(const std::string& data_dir) { flush_file_system(PinnedRoot(data_dir)); }
+void make_durable(const std::string& root) { flush_file_system(PinnedRoot(root)); }
 
 std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
                                                   const std::string& manifest_bytes) {
   const PinnedRoot base(data_dir);
   const LoadedGeneration published = load_generation(base, manifest_bytes);
-  flush_file_system(base);
+  flush_file_system(published.root);
   base.write_atomic(SELECTOR_FILE, manifest_bytes, /*allow_replace=*/true);
   flush_directory_after_commit(base);
   return load_active_cohort(data_dir, /*required=*/true);
@@ -118,14 +134,20 @@ std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
 
 std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir, bool required) {
   const PinnedRoot base(data_dir);
-  const auto manifest_bytes = base.read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL);
+  const auto manifest_bytes =
+      look_at_selector([&] { return base.read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL); });
   if (manifest_bytes) return load_generation(base, *manifest_bytes).selection;
   if (required) throw LocalCohortError("no local cohort is selected in " + base.path());
   return nullptr;
 }
 
 std::optional<std::string> read_selector_bytes(const std::string& data_dir) {
-  return PinnedRoot(data_dir).read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL);
+  try {
+    return PinnedRoot(data_dir).read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL);
+  } catch (const OSError& failure) {
+    if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;
+    return std::nullopt;
+  }
 }
 
 Pin::Pin(std::shared_ptr<const Selection> selection, PinnedRoot root)

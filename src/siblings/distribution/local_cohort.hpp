@@ -41,8 +41,8 @@ std::string create_generation_root(const std::string& data_dir, const std::strin
 /// Writes the manifest and completion files; the root counts as complete afterwards.
 void complete_generation(const std::string& root, const std::string& manifest_bytes,
                          const CompletionRecord& completion);
-/// Brings all that was written below the data directory to the disk: one flush of its file system.
-void make_durable(const std::string& data_dir);
+/// Brings all that was written below a generation root to the disk: one flush of its file system.
+void make_durable(const std::string& root);
 /// Makes the generation durable, then replaces the selector: the commit point. Gives the selection as it
 /// reads back. `LocalCohortError` when the generation is not complete, and then nothing was touched.
 std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
@@ -51,7 +51,8 @@ std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
 /// `required`. `LocalCohortError` for a selector without a complete generation, `ManifestJsonError` for a
 /// corrupt one. While a selection of the same exact bytes is still alive it is given again, not parsed anew.
 std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir, bool required);
-/// The exact bytes of the selector, whole generation or not; absent when there is no selector.
+/// The exact bytes of the selector, whole generation or not; absent when there is no selector, or something
+/// other than a regular file in its place: the next publication replaces that, unless it is a directory.
 std::optional<std::string> read_selector_bytes(const std::string& data_dir);
 
 /// Keeps the selected root readable until it is destroyed: a shared lock on the generation, which a collector
