@@ -1,6 +1,8 @@
 #include "cohort/salvage.hpp"
 
 #include <optional>
+#include <string_view>
+#include <unordered_set>
 
 #include "host/json.hpp"
 #include "host/local_path.hpp"
@@ -22,26 +24,61 @@ using local_cohort::CohortRootKind;
 
 constexpr const char* STAGING_SUFFIX = ".tmp";
 
+// Each one asked costs the reading of its manifest. Rotation brings features back, so the last one alone is
+// too few; generations pile up where nobody collects them, so all are too many.
+constexpr std::size_t MOST_GENERATIONS_ASKED = 8;
+
+using Paths = std::unordered_set<std::string_view>;
+
 struct Source {
   PinnedRoot root;
   std::string relative_path;
-  bool expendable = false;        // unfinished: members are moved out, and the root goes
-  std::optional<Document> files;  // what its manifest declares; absent when that is not known
+  bool expendable = false;           // unfinished: members are moved out, and the root goes
+  std::optional<Paths> same_digest;  // wanted paths that it declared as we do; absent when that is not known
+
+  // Without a declaration a member may still turn out to be the right one, but a prefix stays unknown.
+  bool may_hold_member(const std::string& path) const { return !same_digest || same_digest->contains(path); }
+  bool may_hold_prefix(const std::string& path) const {
+    return expendable && same_digest && same_digest->contains(path);
+  }
 };
 
-// The declarations that a staging was for. It keeps its manifest beside its members from the start.
-std::optional<Document> declared_files(const PinnedRoot& root) {
+bool declares_same_digest(const Document& earlier_files, const FileToDownload& file) {
+  const Document* earlier = find_member(earlier_files, file.file_path);
+  const Document* earlier_digest = earlier != nullptr ? find_member(*earlier, "sha256") : nullptr;
+  const Document* digest = find_member(*file.file_info, "sha256");
+  return earlier_digest != nullptr && digest != nullptr && *earlier_digest == *digest;
+}
+
+// Compared with the declarations that the root was staged for: it keeps its manifest beside its members from
+// the start.
+std::optional<Paths> paths_of_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
   try {
     const auto bytes = root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE,
                                                          "manifest of an earlier staging");
     if (!bytes) return std::nullopt;
-    Document manifest = _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
-    const auto files = manifest.find("files");
-    return files != manifest.end() ? std::optional<Document>(std::move(*files)) : std::nullopt;
+    const Document manifest =
+        _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
+    const Document* files = find_member(manifest, "files");
+    if (files == nullptr) return std::nullopt;
+    Paths paths;
+    for (const auto& file : wanted) {
+      if (declares_same_digest(*files, file)) paths.insert(file.file_path);
+    }
+    return paths;
   } catch (const std::exception& failure) {
     log::debug("No declarations for the leftover %s: %s", root.path(), failure.what());
     return std::nullopt;
   }
+}
+
+// What may be taken over: forced members are fetched anew, and a file without an entry cannot be proven.
+FilesToDownload wanted_files(const FilesToDownload& files, const std::set<std::string>& forced_paths) {
+  FilesToDownload wanted;
+  for (const auto& file : files) {
+    if (file.file_info != nullptr && !forced_paths.contains(file.file_path)) wanted.push_back(file);
+  }
+  return wanted;
 }
 
 class Salvage {
@@ -50,19 +87,29 @@ class Salvage {
       : _candidate_root(roots.candidate_root), _hash_cache(hash_cache) {
     const auto selector = local_cohort::read_selector_bytes(data_dir);
     const std::string selected = selector ? local_cohort::generation_relative_root(*selector) : std::string();
+    std::size_t generations = 0;
     for (const auto& root : local_cohort::list_cohort_roots(data_dir)) {
       if (root.path == absolute_path(roots.candidate_root) || root.path == absolute_path(roots.active_root))
         continue;
-      add_source(root,
-                 /*expendable=*/root.kind != CohortRootKind::complete && root.relative_path != selected);
+      const bool expendable = root.kind != CohortRootKind::complete && root.relative_path != selected;
+      if (expendable || generations++ < MOST_GENERATIONS_ASKED) add_source(root, expendable);
     }
   }
 
   bool empty() const noexcept { return _sources.empty(); }
 
+  // `wanted` outlives this object.
+  void learn_declarations(const FilesToDownload& wanted) {
+    if (wanted.empty()) return;
+    parallel_in_order(_sources.size(), usable_cores(), [&](std::size_t i) {
+      _sources[i].same_digest = paths_of_same_digest(_sources[i].root, wanted);
+    });
+  }
+
   // Whether the candidate root now holds this member. Safe on several threads for distinct paths.
   bool take_whole_member(const FileToDownload& file) const {
     for (const auto& source : _sources) {
+      if (!source.may_hold_member(file.file_path)) continue;
       if (!_hash_cache._local_file_matches_manifest(source.root, file.file_path, *file.file_info,
                                                     /*cache_allowed=*/false)) {
         continue;
@@ -76,7 +123,7 @@ class Salvage {
   void take_prefix(const FileToDownload& file) const {
     const std::string staging_path = file.file_path + STAGING_SUFFIX;
     for (const auto& source : _sources) {
-      if (!source.expendable || !declares_same_digest(source, file)) continue;
+      if (!source.may_hold_prefix(file.file_path)) continue;
       try {
         source.root.stat_regular_file(staging_path, "staged prefix of an earlier attempt");
         return take(source, staging_path);
@@ -100,19 +147,10 @@ class Salvage {
  private:
   void add_source(const CohortRoot& root, bool expendable) {
     try {
-      PinnedRoot pinned(root.path);
-      auto files = expendable ? declared_files(pinned) : std::nullopt;
-      _sources.push_back({std::move(pinned), root.relative_path, expendable, std::move(files)});
+      _sources.push_back({PinnedRoot(root.path), root.relative_path, expendable, std::nullopt});
     } catch (const OSError& failure) {
       log::debug("The leftover %s cannot be opened: %s", root.path, failure.what());
     }
-  }
-
-  static bool declares_same_digest(const Source& source, const FileToDownload& file) {
-    const Document* earlier = source.files ? find_member(*source.files, file.file_path) : nullptr;
-    const Document* earlier_digest = earlier != nullptr ? find_member(*earlier, "sha256") : nullptr;
-    const Document* digest = find_member(*file.file_info, "sha256");
-    return earlier_digest != nullptr && digest != nullptr && *earlier_digest == *digest;
   }
 
   void take(const Source& source, const std::string& path) const {
@@ -131,23 +169,25 @@ class Salvage {
 void salvage_earlier_attempts(const std::string& data_dir, const StagingRoots& roots,
                               const std::set<std::string>& forced_paths, HashCache& hash_cache,
                               const StopCheck& stop_check, SelectedMembers& members) {
-  const Salvage salvage(data_dir, roots, hash_cache);
+  Salvage salvage(data_dir, roots, hash_cache);
   if (salvage.empty()) return;
-  FilesToDownload& files = members.files_to_download;
-  std::vector<char> taken(files.size(), 0);  // bytes, so that several threads can write
-  parallel_in_order(files.size(), usable_cores(), [&](std::size_t i) {
-    if (files[i].file_info == nullptr || forced_paths.contains(files[i].file_path)) return;
+  const FilesToDownload wanted = wanted_files(members.files_to_download, forced_paths);
+  salvage.learn_declarations(wanted);
+  std::vector<char> taken(wanted.size(), 0);  // bytes, so that several threads can write
+  parallel_in_order(wanted.size(), usable_cores(), [&](std::size_t i) {
     stop_check();
-    taken[i] = salvage.take_whole_member(files[i]) ? 1 : 0;
+    taken[i] = salvage.take_whole_member(wanted[i]) ? 1 : 0;
   });
-  FilesToDownload remaining;
-  for (std::size_t i = 0; i < files.size(); ++i) {
-    if (taken[i] != 0) continue;
-    if (files[i].file_info != nullptr && !forced_paths.contains(files[i].file_path))
-      salvage.take_prefix(files[i]);
-    remaining.push_back(std::move(files[i]));
+  Paths whole;
+  for (std::size_t i = 0; i < wanted.size(); ++i) {
+    if (taken[i] != 0) {
+      whole.insert(wanted[i].file_path);
+    } else {
+      salvage.take_prefix(wanted[i]);
+    }
   }
-  files = std::move(remaining);
+  std::erase_if(members.files_to_download,
+                [&](const FileToDownload& file) { return whole.contains(file.file_path); });
   salvage.remove_expendable_roots(data_dir);
 }
 
