@@ -40,9 +40,11 @@ void check_declared_identity(const Document* file_info, const client_manifest::F
   const std::string expected_sha = text_member(*file_info, "sha256");
   if (expected_sha.empty()) return;
   const Document* expected_size = find_member(*file_info, "size_bytes");
-  const bool size_differs =
-      expected_size != nullptr && !expected_size->is_null() && to_int(*expected_size) != identity.size_bytes;
-  if (identity.sha256 != expected_sha || size_differs) {
+  const auto size_differs = [&] {
+    return expected_size != nullptr && !expected_size->is_null() &&
+           to_int(*expected_size) != identity.size_bytes;
+  };
+  if (identity.sha256 != expected_sha || size_differs()) {
     throw IntegrityError("Candidate cohort identity mismatch: " + path);
   }
 }
@@ -132,20 +134,18 @@ DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::s
     if (!module_name || module_name->empty()) continue;
     // Measured and copied in the kernel: a module may be large, and nothing needs it in memory.
     const auto source = candidate.identify_regular_file(source_path, "candidate runtime extension source");
-    const Document* declared_size = find_member(file_info, "size_bytes");
-    auto [snapshot_path, mapping] =
-        extension_snapshot::snapshot_record(*module_name, source_path, text_member(file_info, "sha256"),
-                                            declared_size != nullptr ? *declared_size : Document());
-    const auto matches = [&mapping](const client_manifest::FileIdentity& measured) {
-      return measured.size_bytes == to_int(mapping.at("size_bytes")) &&
-             measured.sha256 == text::str(mapping.at("source_sha256"));
+    const Document* size_member = find_member(file_info, "size_bytes");
+    const Document declared_size = size_member != nullptr ? *size_member : Document();
+    const std::string declared_sha = text_member(file_info, "sha256");
+    const auto require_declared = [&](const client_manifest::FileIdentity& measured) {
+      if (measured.size_bytes == to_int(declared_size) && measured.sha256 == declared_sha) return;
+      throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
     };
-    if (!matches(source))
-      throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
+    require_declared(source);
+    auto [snapshot_path, mapping] =
+        extension_snapshot::snapshot_record(*module_name, source_path, declared_sha, declared_size);
     candidate.copy_regular_file(source_path, candidate, snapshot_path);
-    if (!matches(candidate.identify_regular_file(snapshot_path, "candidate runtime extension snapshot"))) {
-      throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
-    }
+    require_declared(candidate.identify_regular_file(snapshot_path, "candidate runtime extension snapshot"));
     derived.emplace_back(std::move(snapshot_path), std::move(mapping));
   }
   candidate.assert_root_unchanged();
@@ -192,7 +192,7 @@ void repair_active_generation(const std::string& candidate_root, const std::stri
     const auto recorded = artifact_identities.find(path);
     const auto expected =
         recorded != artifact_identities.end() ? recorded->second : measured(candidate, path, SEED_LABEL);
-    if (!is_already_right(active, path, expected)) candidate.copy_regular_file(path, active, path);
+    if (!is_already_right(active, path, expected)) candidate.copy_regular_file_atomically(path, active, path);
   }
 }
 

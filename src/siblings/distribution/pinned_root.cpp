@@ -70,6 +70,16 @@ int create_new_file(int directory, const std::string& path, const std::string& w
   return open_beneath(place.directory, place.name, FLAGS);
 }
 
+void copy_by_rename(const OpenedFile& source, const std::string& what, int target_directory,
+                    const std::string& target_path, const std::string& target_what) {
+  const MemberPlace place =
+      locate_member(target_directory, target_path, MissingDirectories::create, target_what);
+  TemporaryFile copy(place.directory, target_what);
+  copy_contents(source.descriptor.get(), copy.descriptor(), source.status.st_size,
+                fmt::format("{} to {}", what, target_what));
+  copy.place(place.name, /*allow_replace=*/true);
+}
+
 }  // namespace
 
 // --- UpdatableFile ---
@@ -227,12 +237,16 @@ void PinnedRoot::copy_regular_file(const std::string& path, const PinnedRoot& ta
     return;
   }
   if (errno != EEXIST) throw_open_failure(errno, target_what);
-  const MemberPlace place =
-      locate_member(target.descriptor(), target_path, MissingDirectories::refuse, target_what);
-  TemporaryFile copy(place.directory, target_what);
-  copy_contents(source.descriptor.get(), copy.descriptor(), source.status.st_size,
-                fmt::format("{} to {}", what, target_what));
-  copy.place(place.name, /*allow_replace=*/true);
+  copy_by_rename(source, what, target.descriptor(), target_path, target_what);
+}
+
+void PinnedRoot::copy_regular_file_atomically(const std::string& path, const PinnedRoot& target,
+                                              const std::string& target_path) const {
+  check_member_path(path);
+  check_member_path(target_path);
+  const std::string what = display_path(path);
+  const OpenedFile source = open_regular(descriptor(), path, O_RDONLY, what);
+  copy_by_rename(source, what, target.descriptor(), target_path, target.display_path(target_path));
 }
 
 void PinnedRoot::assert_root_unchanged() const {

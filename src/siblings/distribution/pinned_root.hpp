@@ -92,6 +92,9 @@ class PinnedRoot {
   /// one is replaced by rename.
   void copy_regular_file(const std::string& path, const PinnedRoot& target,
                          const std::string& target_path) const;
+  /// The same for a root that may have readers: a new name, too, appears by rename and whole.
+  void copy_regular_file_atomically(const std::string& path, const PinnedRoot& target,
+                                    const std::string& target_path) const;
   /// Fails (`OSError`) when the root's path no longer names the pinned directory.
   void assert_root_unchanged() const;
 
