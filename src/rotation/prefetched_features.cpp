@@ -1,6 +1,7 @@
 #include "rotation/prefetched_features.hpp"
 
 #include "download/local_files.hpp"
+#include "host/equality.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
 #include "rotation/catalog.hpp"
@@ -60,11 +61,13 @@ std::set<std::string> PrefetchedFeatures::_read_prefetched_feature_relative_path
   } catch (const ValueError&) {  // bad JSON is one
     return {};
   }
+  static const Document absent;
   const Document* version = find_member(payload, "schema_version");
   const Document* era = find_member(payload, "era_number");
   const Document* recorded = find_member(payload, "paths");
-  if (version == nullptr || *version != PREFETCHED_FEATURES_VERSION) return {};
-  if (era == nullptr || *era != era_document(_manifest_era_number_or_none(manifest))) return {};
+  if (!payload.is_object() || version == nullptr) return {};
+  if (!host_equal(*version, PREFETCHED_FEATURES_VERSION)) return {};
+  if (!host_equal(era ? *era : absent, era_document(_manifest_era_number_or_none(manifest)))) return {};
   std::vector<std::string> paths;
   if (recorded != nullptr && recorded->is_array()) {
     for (const auto& path : *recorded) paths.push_back(text::str(path));

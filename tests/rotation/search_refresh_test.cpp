@@ -66,6 +66,16 @@ TEST_F(SearchRefreshTest, EachConsumerHearsItsUniverseLimitedToTheActiveFiles) {
   EXPECT_EQ(second->heard.size(), 1u);
 }
 
+TEST_F(SearchRefreshTest, WithoutAManifestTheActivePathsTellWhatIsHeld) {
+  const ActiveViewHolder flat{
+      std::make_shared<const ActiveView>(ActiveView{nullptr, "", nullptr, nullptr, nullptr})};
+  SearchConsumers of_flat_directory(flat);
+  const auto consumer = std::make_shared<Consumer>("u2");
+  of_flat_directory.register_rotation_search_consumer(consumer);
+  of_flat_directory.refresh_running_searches_for_rotation(state, &both);
+  EXPECT_THAT(consumer->heard, ElementsAre(R"(["b"])"));
+}
+
 TEST_F(SearchRefreshTest, AVocabularyIsAskedForOnlyWhereItIsWanted) {
   EXPECT_THAT(consumers._rotation_search_refresh_payloads(state, nullptr), IsEmpty());
   registered()->refreshes = false;

@@ -29,6 +29,13 @@ TEST(FunctionsVocabulary, CompletesAVocabularyAndLetsItsOwnEntriesWin) {
                             "reductions": null, "aggregations": ["own"], "functions": {"f": 1}})"));
 }
 
+TEST(FunctionsVocabulary, ComparesNumbersByValue) {
+  const Document merged =
+      merge(R"({"functions": [true, {"w": 1}, 2, 0.5]})",
+            R"({"era_number": 7.0, "named_universe": "u1", "functions": [1.0, {"w": 1.0}]})");
+  EXPECT_EQ(dump_json(merged.at("functions")), R"([1.0, {"w": 1.0}, 2, 0.5])");
+}
+
 TEST(FunctionsVocabulary, RefusesAVocabularyOfAnotherEraOrUniverse) {
   EXPECT_EQ(failure_of([] { merge("{}", R"({"era_number": 8, "named_universe": "u1"})"); }),
             "ValueError: vocabulary era_number=8 does not match expected 7");

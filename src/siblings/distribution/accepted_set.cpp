@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "host/digest.hpp"
+#include "host/equality.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
 #include "manifest/sanitising.hpp"
@@ -70,7 +71,7 @@ void check_identity(const Document& index, const Document& manifest, const char*
   static const Document none;
   const Document* found = find_member(index, key);
   const Document* expected = find_member(manifest, key);
-  if (found == nullptr || expected == nullptr || *found != *expected) {
+  if (found == nullptr || expected == nullptr || !host_equal(*found, *expected)) {
     throw ValueError(fmt::format("signals_index {}={} does not match manifest {}={}", key,
                                  text::repr(found ? *found : none), key,
                                  text::repr(expected ? *expected : none)));

@@ -25,9 +25,26 @@ std::string universe_of(const Document& vocabulary) {
                                                       : std::string();
 }
 
+// Without a manifest nothing but its place tells what a file is: "features/{universe}/.../{name}.arrow".
+FeatureNames features_by_place(const std::string& universe,
+                               const std::unordered_set<std::string>& active_relative_paths) {
+  static constexpr std::string_view directory = "features/";
+  FeatureNames names;
+  for (const auto& path : active_relative_paths) {
+    if (!path.starts_with(directory)) continue;
+    const auto slash = path.find('/', directory.size());
+    ArtifactDescriptor artifact;
+    if (slash != std::string::npos)
+      artifact.named_universe = path.substr(directory.size(), slash - directory.size());
+    if (universe.empty() || serves_named_universe(artifact, universe)) names.insert(feature_name_of(path));
+  }
+  return names;
+}
+
 FeatureNames held_features(const std::string& universe,
                            const std::unordered_set<std::string>& active_relative_paths,
                            const Artifacts& manifest_artifacts) {
+  if (manifest_artifacts.empty()) return features_by_place(universe, active_relative_paths);
   FeatureNames names;
   for (const auto& artifact : manifest_artifacts) {
     if (artifact->artifact_kind != "feature") continue;

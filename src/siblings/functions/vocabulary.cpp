@@ -4,6 +4,8 @@
 
 #include <unordered_set>
 
+#include "host/equality.hpp"
+#include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -16,7 +18,7 @@ constexpr const char* MERGED_SECTIONS[] = {"rotations", "filtrations", "reductio
 
 void require_member(const Document& vocabulary, const char* key, const Document& expected) {
   const Document* found = find_member(vocabulary, key);
-  if (found == nullptr || *found != expected) {
+  if (found == nullptr || !host_equal(*found, expected)) {
     throw ValueError(fmt::format("vocabulary {}={} does not match expected {}", key,
                                  found == nullptr ? "None" : text::repr(*found), text::repr(expected)));
   }
@@ -26,8 +28,23 @@ void add_missing_members(Document& section, const Document& added) {
   for (const auto& [name, value] : added.get_ref<const Document::object_t&>()) section.emplace(name, value);
 }
 
+// Equal values get equal texts: true, 1 and 1.0 are one number.
+Document with_one_form_of_numbers(const Document& value) {
+  if (value.is_boolean()) return value.get<bool>() ? 1 : 0;
+  if (value.is_number_float()) {
+    const auto whole = try_int(value);
+    return whole && host_equal(value, *whole) ? Document(*whole) : value;
+  }
+  if (!value.is_structured()) return value;
+  Document copy = value;
+  for (Document& item : copy) item = with_one_form_of_numbers(item);
+  return copy;
+}
+
 void add_missing_items(Document& section, const Document& added) {
-  const auto identity = [](const Document& item) { return dump_json(item, {.sort_keys = true}); };
+  const auto identity = [](const Document& item) {
+    return dump_json(with_one_form_of_numbers(item), {.sort_keys = true});
+  };
   std::unordered_set<std::string> known;
   for (const Document& item : section) known.insert(identity(item));
   for (const Document& item : added) {
