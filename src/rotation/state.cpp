@@ -24,8 +24,6 @@ std::optional<Document> read_state_payload(const std::string& data_dir) {
         data_dir, FEATURE_ROTATION_STATE_FILENAME, "feature rotation state");
     if (!bytes) return std::nullopt;
     return parse_strict_json(*bytes);
-  } catch (const FileNotFoundError&) {
-    return std::nullopt;  // not even a data directory
   } catch (const std::exception& failure) {
     throw FeatureRotationStateError(fmt::format("invalid feature rotation state at {}: {}",
                                                 feature_rotation_state_path(data_dir), failure.what()));

@@ -87,6 +87,11 @@ TEST_F(RotationStatusTest, OfAnEmptyDirectory) {
       R"("missing_active_path_count": 0, "selected_feature_count": 0, "skipped_feature_count": 0}})");
 }
 
+TEST_F(RotationStatusTest, ADirectoryThatIsNotThereYetHasTheStatusOfAnEmptyOne) {
+  EXPECT_EQ(feature_rotation_status_payload(data.path("not/yet"), hourly),
+            feature_rotation_status_payload(data.path(), hourly));
+}
+
 TEST_F(RotationStatusTest, ComparesStateManifestAndDisk) {
   data.write("manifest.json", MANIFEST);
   write_state({"universe_masks/m", "features/u1/signal_is/a.arrow", "departed"});

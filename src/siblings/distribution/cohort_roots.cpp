@@ -71,12 +71,12 @@ std::vector<CohortRoot> list_cohort_roots(const std::string& data_dir) {
   const std::string cohorts = join_path(absolute_path(data_dir), COHORTS_DIRECTORY);
   std::vector<CohortRoot> roots;
   std::error_code failure;
-  fs::directory_iterator entries(cohorts, failure);
+  fs::directory_iterator entry(cohorts, failure);
   if (failure == std::errc::no_such_file_or_directory) return roots;
-  if (failure) throw_os_error(failure.value(), cohorts);
-  for (const auto& entry : entries) {
-    if (auto root = root_at(cohorts, entry.path().filename().string())) roots.push_back(std::move(*root));
+  for (const fs::directory_iterator end; !failure && entry != end; entry.increment(failure)) {
+    if (auto root = root_at(cohorts, entry->path().filename().string())) roots.push_back(std::move(*root));
   }
+  if (failure) throw_os_error(failure.value(), cohorts);
   std::sort(roots.begin(), roots.end(), [](const CohortRoot& a, const CohortRoot& b) {
     return a.changed_ns != b.changed_ns ? a.changed_ns > b.changed_ns : a.name < b.name;
   });

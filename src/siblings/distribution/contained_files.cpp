@@ -54,7 +54,11 @@ std::string read_contained_regular_file(const std::string& root, const std::stri
 std::optional<std::string> read_contained_regular_file_if_present(const std::string& root,
                                                                   const std::string& path,
                                                                   const std::string& label) {
-  return PinnedRoot(root).read_regular_file_if_present(path, label);
+  try {
+    return read_contained_regular_file(root, path, label);
+  } catch (const FileNotFoundError&) {  // a missing root holds no such file either
+    return std::nullopt;
+  }
 }
 
 std::string write_contained_regular_file(const std::string& root, const std::string& path,

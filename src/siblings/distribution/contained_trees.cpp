@@ -98,12 +98,10 @@ class Sweep {
 
   /// `prefix` is empty for the root itself, else it ends in a slash.
   void walk(int directory, const std::string& prefix) {
-    try {
+    _attempt([&] {
       for (const Entry& entry : list_directory(directory, _root.display_path(prefix)))
         _visit(directory, prefix, entry);
-    } catch (const OSError&) {
-      _remember_failure();
-    }
+    });
   }
   void rethrow_first_failure() const {
     if (_first_failure) std::rethrow_exception(_first_failure);
@@ -115,23 +113,31 @@ class Sweep {
       const std::string path = prefix + entry.name;
       if (skips_directory(path)) return;
       const Descriptor opened = open_entry_directory(directory, entry.name);
-      if (opened) walk(opened.get(), path + "/");
+      if (opened) {
+        walk(opened.get(), path + "/");
+      } else if (!means_wrong_or_missing_file(errno)) {  // it may be gone, or a link by now
+        _attempt([&] { throw_os_error(errno, _root.display_path(path)); });
+      }
     } else if (entry.kind == EntryKind::regular && selects_name(entry.name)) {
       const std::string path = prefix + entry.name;
       if (!preserves(path)) _remove(directory, entry.name, path);
     }
   }
   void _remove(int directory, const std::string& name, const std::string& path) {
-    try {
+    _attempt([&] {
       if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) {
         throw_os_error(errno, _root.display_path(path));
       }
-    } catch (const OSError&) {
-      _remember_failure();
-    }
+    });
   }
-  void _remember_failure() noexcept {
-    if (!_first_failure) _first_failure = std::current_exception();
+  // A failure ends its step, not the sweep.
+  template <class Step>
+  void _attempt(const Step& step) {
+    try {
+      step();
+    } catch (const OSError&) {
+      if (!_first_failure) _first_failure = std::current_exception();
+    }
   }
 
   const PinnedRoot& _root;
