@@ -34,6 +34,12 @@ Document read_transitions(const std::string& data_dir) {
   }
 }
 
+void drop_oldest(Document& transitions) {
+  if (transitions.size() <= KEPT_TRANSITIONS) return;
+  const auto surplus = static_cast<std::ptrdiff_t>(transitions.size() - KEPT_TRANSITIONS);
+  transitions.erase(transitions.begin(), transitions.begin() + surplus);
+}
+
 class JsonFileTracker final : public SearchTracker {
  public:
   JsonFileTracker(std::string data_dir, Document agent_id)
@@ -48,7 +54,7 @@ class JsonFileTracker final : public SearchTracker {
         {{"previous_era_number", previous_era_number ? Document(*previous_era_number) : Document()},
          {"new_era_number", new_era_number},
          {"at", wall_seconds()}});
-    while (transitions.size() > KEPT_TRANSITIONS) transitions.erase(transitions.begin());
+    drop_oldest(transitions);
     const Document document = {{"schema_version", 1},
                                {"agent_id", _agent_id},
                                {"era_number", new_era_number},
