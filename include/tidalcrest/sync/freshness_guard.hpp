@@ -6,7 +6,7 @@
 
 namespace tidalcrest::sync {
 
-/// Told of every file that a download put into the data directory itself.
+/// Told of every file that a download put into the data directory itself, under the locks of the sync.
 class RuntimeFreshnessGuard {
  public:
   virtual ~RuntimeFreshnessGuard() = default;

@@ -23,8 +23,8 @@ struct LogRecord {
 using LogSink = std::function<void(const LogRecord&)>;
 
 /// Replaces the sink of the process; an empty function restores the default, which writes one line per
-/// record of level info or above to standard error. Thread-safe. The sink may be called on any thread, at
-/// any time, without a lock of this system held; what it throws is dropped.
+/// record of level info or above to standard error. Thread-safe. The sink may be called on any thread, also
+/// under the locks of a sync, so it must not wait for a manager; what it throws is dropped.
 void set_log_sink(LogSink sink);
 
 /// Lowest level that the default sink writes (info at start). Thread-safe.

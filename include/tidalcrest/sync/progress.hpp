@@ -5,8 +5,8 @@
 
 namespace tidalcrest::sync {
 
-/// Told how a running sync gets on, for a display. Called on download workers, several at once; what it
-/// throws is dropped. Every member has an empty default.
+/// Told how a running sync gets on, for a display. Called on download workers, several at once, and under the
+/// locks of the sync: it must not wait for the manager. What it throws is dropped. Every default is empty.
 class SyncProgress {
  public:
   virtual ~SyncProgress() = default;

@@ -9,7 +9,7 @@
 namespace tidalcrest::sync {
 
 /// A running search that wants to hear of new data. Called without any lock of the consumer list, so it may
-/// register or unregister from inside the call.
+/// register or unregister from inside the call; under the locks of a sync, so it must not start or stop one.
 class RotationSearchConsumer {
  public:
   virtual ~RotationSearchConsumer() = default;
