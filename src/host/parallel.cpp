@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -51,11 +52,15 @@ void parallel_in_order(std::size_t count, std::size_t workers, const std::functi
   Run run{.count = count, .work = work, .mutex = {}, .failed_index = count, .failure = nullptr};
   std::vector<std::jthread> helpers;
   const std::size_t extra = std::min(workers, count) > 0 ? std::min(workers, count) - 1 : 0;
-  for (std::size_t i = 0; i < extra; ++i) {
-    helpers.emplace_back([&run] {
-      set_thread_name("tc-sync-proof");
-      run.work_through();
-    });
+  try {
+    for (std::size_t i = 0; i < extra; ++i) {
+      helpers.emplace_back([&run] {
+        set_thread_name("tc-sync-proof");
+        run.work_through();
+      });
+    }
+  } catch (const std::system_error&) {
+    // No thread to be had: those that started, and the caller's, do all of it.
   }
   run.work_through();
   helpers.clear();  // joins
