@@ -11,10 +11,10 @@ void run(const std::string& name, const std::function<void()>& body) {
   try {
     body();
   } catch (const std::exception& failure) {
-    log::emit(LogLevel::error, fmt::sprintf("Thread %s failed: %s", name, failure.what()), nullptr,
+    log::emit(LogLevel::error, log::message("Thread %s failed: %s", name, failure.what()), nullptr,
               log::exception_text(failure));
   } catch (...) {
-    log::emit(LogLevel::error, fmt::sprintf("Thread %s failed", name));
+    log::emit(LogLevel::error, log::message("Thread %s failed", name));
   }
 }
 
