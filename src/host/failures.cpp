@@ -25,19 +25,8 @@ std::string failure_type_name(const std::exception& failure) {
 }
 
 void throw_os_error(int error_number, const std::string& what) {
-  switch (error_number) {
-    case ENOENT:
-      throw FileNotFoundError(os_text(error_number, what), error_number);
-    case ECONNREFUSED:
-    case ECONNRESET:
-    case ECONNABORTED:
-    case EPIPE:
-      throw ConnectionError(os_text(error_number, what), error_number);
-    case ETIMEDOUT:
-      throw TimeoutError(os_text(error_number, what), error_number);
-    default:
-      throw OSError(os_text(error_number, what), error_number);
-  }
+  if (error_number == ENOENT) throw FileNotFoundError(os_text(error_number, what), error_number);
+  throw OSError(os_text(error_number, what), error_number);
 }
 
 }  // namespace tidalcrest::sync

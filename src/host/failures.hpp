@@ -11,9 +11,9 @@ namespace tidalcrest::sync {
 /// nearest host kind.
 std::string failure_type_name(const std::exception& failure);
 
-/// The host kind for an `errno` value: `FileNotFoundError` for ENOENT, `ConnectionError` and
-/// `TimeoutError` for the network numbers, `OSError` otherwise. The text reads
-/// "{what}: {operating-system text}".
+/// The host kind for the `errno` value of a local operation: `FileNotFoundError` for ENOENT, `OSError`
+/// otherwise. A remote file system may give the network's numbers too; they are no failure of a request,
+/// which would be repeated. The text reads "{what}: {operating-system text}".
 [[noreturn]] void throw_os_error(int error_number, const std::string& what);
 
 }  // namespace tidalcrest::sync

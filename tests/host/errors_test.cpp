@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "host/failures.hpp"
+#include "host/log.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -29,6 +32,23 @@ TEST(Failures, AreCaughtByEveryHandlerOfTheirFamily) {
   EXPECT_TRUE(caught_as<ValueError>(ManifestJsonError("x")));
   EXPECT_STREQ(unavailable.type_name(), "SyncUnavailableError");
   EXPECT_THROW(throw_os_error(ENOENT, "x"), FileNotFoundError);
+}
+
+TEST(Failures, OfALocalOperationAreNoneOfTheNetwork) {
+  for (const int error_number : {ECONNRESET, EPIPE, ETIMEDOUT}) {
+    try {
+      throw_os_error(error_number, "x");
+    } catch (const OSError& failure) {
+      EXPECT_STREQ(failure.type_name(), "OSError");
+      EXPECT_EQ(failure.error_number(), error_number);
+    }
+  }
+}
+
+TEST(LogMessage, StandsAsItIsWhereItsFormatDoesNotFit) {
+  EXPECT_EQ(log::message("%s has %d", std::string("a"), 1), "a has 1");
+  EXPECT_EQ(log::message("%s failed", 1), "%s failed");
+  EXPECT_EQ(log::message("%d failed"), "%d failed");
 }
 
 TEST(Failures, KeepTheirCause) {
