@@ -22,6 +22,7 @@ namespace tidalcrest::sync {
 namespace {
 
 constexpr std::size_t CAPTURE_LIMIT_BYTES = 1 << 20;
+constexpr const char* DEFAULT_SEARCH_PATH = "/bin:/usr/bin";  // of a host without PATH
 constexpr int STOP_CHECK_MILLISECONDS = 100;
 constexpr int END_CHECK_MILLISECONDS = 2;  // between the end of the output and the end of the child
 
@@ -54,6 +55,14 @@ struct Pipe {
   }
 };
 
+// A second descriptor of the same file, clear of the standard three: those the child gets anew, one after
+// the other, and a host may have closed its own.
+int above_standard(int number) {
+  const int copy = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (copy < 0) throw_os_error(errno, "descriptor for a child process");
+  return copy;
+}
+
 class SpawnSettings {
  public:
   SpawnSettings(int output, int error) {
@@ -61,6 +70,8 @@ class SpawnSettings {
     posix_spawn_file_actions_addopen(&_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&_actions, output, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&_actions, error, STDERR_FILENO);
+    // What the host opened without close-on-exec (a lock, a socket) must not live on in a child.
+    posix_spawn_file_actions_addclosefrom_np(&_actions, STDERR_FILENO + 1);
     // The host may block signals or ignore a broken pipe; the child starts with neither.
     posix_spawnattr_init(&_attributes);
     sigset_t none;
@@ -94,6 +105,13 @@ class SpawnSettings {
   posix_spawnattr_t _attributes{};
 };
 
+pid_t start(const ChildCommand& command, const Pipe& output, const Pipe& error) {
+  const Descriptor child_output(
+      above_standard(command.output_descriptor.value_or(output.write_end.number())));
+  const Descriptor child_error(above_standard(error.write_end.number()));
+  return SpawnSettings(child_output.number(), child_error.number()).spawn(command.arguments);
+}
+
 // A started child. Until it has been waited for, its id belongs to nobody else, so it can be ended by id.
 class Child {
  public:
@@ -114,6 +132,7 @@ class Child {
   }
   bool has_ended() noexcept { return _ended(WNOHANG); }
   int exit_code() const noexcept { return _exit_code; }
+  bool exit_code_is_lost() const noexcept { return _exit_code_is_lost; }
 
  private:
   bool _ended(int options) noexcept {
@@ -122,13 +141,15 @@ class Child {
     const pid_t ended = waitpid(_pid, &status, options);
     if (ended == 0 || (ended < 0 && errno == EINTR)) return false;
     _pid = -1;
-    // A host that reaps every child itself leaves no status behind.
+    // A host that ignores SIGCHLD, or waits for every child itself, leaves no status behind.
+    _exit_code_is_lost = ended < 0;
     _exit_code = ended < 0 ? -1 : WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
     return true;
   }
 
   pid_t _pid;
   int _exit_code = 0;
+  bool _exit_code_is_lost = false;
 };
 
 // Takes what is there; gives false at the end.
@@ -149,8 +170,7 @@ ChildResult run_child(const ChildCommand& command) {
   Pipe error;
   if (!command.output_descriptor) output.open();
   error.open();
-  const int output_target = command.output_descriptor.value_or(output.write_end.number());
-  Child child(SpawnSettings(output_target, error.write_end.number()).spawn(command.arguments));
+  Child child(start(command, output, error));
   output.write_end.reset();
   error.write_end.reset();
 
@@ -174,13 +194,13 @@ ChildResult run_child(const ChildCommand& command) {
     if (waited[1].revents != 0 && !drain(error.read_end, result.standard_error)) error.read_end.reset();
   }
   result.exit_code = child.exit_code();
+  result.exit_code_is_lost = child.exit_code_is_lost();
   return result;
 }
 
 std::optional<std::string> find_executable(const std::string& name) {
   const char* const search_path = std::getenv("PATH");
-  if (search_path == nullptr) return std::nullopt;
-  for (const auto& directory : text::split(search_path, ":")) {
+  for (const auto& directory : text::split(search_path != nullptr ? search_path : DEFAULT_SEARCH_PATH, ":")) {
     const std::string candidate = (directory.empty() ? "." : directory) + "/" + name;
     struct stat found {};
     if (::stat(candidate.c_str(), &found) == 0 && S_ISREG(found.st_mode) &&

@@ -16,14 +16,16 @@ struct ChildCommand {
 };
 
 struct ChildResult {
-  int exit_code = 0;  ///< minus the signal number when a signal ended the child
+  int exit_code = 0;               ///< minus the signal number when a signal ended the child
+  bool exit_code_is_lost = false;  ///< the host reaps every child itself; `exit_code` is -1 then
   std::string standard_output;
   std::string standard_error;  ///< both are cut at 1 MiB
   bool stopped = false;        ///< `stop_requested` ended the child
 };
 
-/// Runs one program without a shell, standard input empty, and waits until it has ended. Throws `OSError`
-/// when it cannot be started. No child is left behind on any way out.
+/// Runs one program without a shell, standard input empty, and waits until it has ended. The child gets no
+/// descriptor of this process but its output. Throws `OSError` when it cannot be started. No child is left
+/// behind on any way out.
 ChildResult run_child(const ChildCommand& command);
 
 /// The first executable regular file named `name` on the search path; absent when there is none.

@@ -1,0 +1,62 @@
+#include "host/child_process.hpp"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "host/scope_exit.hpp"
+#include "support/temp_dir.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+ChildResult run_script(const std::string& script, std::optional<int> output_descriptor = {}) {
+  return run_child(
+      {.arguments = {"sh", "-c", script}, .output_descriptor = output_descriptor, .stop_requested = {}});
+}
+
+TEST(ChildProcess, TellsHowItEnded) {
+  const ChildResult ended = run_script("echo out; echo err >&2; exit 7");
+  EXPECT_EQ(ended.standard_output, "out\n");
+  EXPECT_EQ(ended.standard_error, "err\n");
+  EXPECT_EQ(ended.exit_code, 7);
+  EXPECT_EQ(run_script("kill -9 $$").exit_code, -9);
+}
+
+TEST(ChildProcess, GetsNoDescriptorOfItsHost) {
+  constexpr int LEFT_OPEN = 90;
+  ASSERT_EQ(dup2(STDERR_FILENO, LEFT_OPEN), LEFT_OPEN);  // not close-on-exec
+  const ScopeExit closed([] { close(LEFT_OPEN); });
+  EXPECT_EQ(run_script("(: >&90) 2>/dev/null && echo inherited").standard_output, "");
+}
+
+TEST(ChildProcess, KeepsItsOutputsApartWhereTheHostHasClosedItsOwn) {
+  testing::TempDir dir;
+  const int saved_input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 60);
+  const int saved_output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 60);
+  close(STDIN_FILENO);
+  close(STDOUT_FILENO);
+  const ScopeExit restored([&] {
+    dup2(saved_input, STDIN_FILENO);
+    dup2(saved_output, STDOUT_FILENO);
+    close(saved_input);
+    close(saved_output);
+  });
+  const int file = open(dir.path("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(file, STDIN_FILENO);
+  EXPECT_EQ(run_script("echo out; echo err >&2", file).standard_error, "err\n");
+  close(file);
+  EXPECT_EQ(dir.read("out"), "out\n");
+}
+
+TEST(ChildProcess, IsWaitedForAlsoWhereTheHostReapsEveryChild) {
+  const auto before = signal(SIGCHLD, SIG_IGN);
+  const ScopeExit restored([&] { signal(SIGCHLD, before); });
+  const ChildResult ended = run_script("echo out; exit 7");
+  EXPECT_EQ(ended.standard_output, "out\n");
+  EXPECT_TRUE(ended.exit_code_is_lost);
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
