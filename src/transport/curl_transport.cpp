@@ -1,5 +1,6 @@
 #include "transport/curl_transport.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 
 #include "host/child_process.hpp"
@@ -58,10 +60,22 @@ bool has_authorization(const Request& request) {
                      [](const auto& item) { return is_header_name(item.first, "authorization"); });
 }
 
+// What curl itself tells of its end, for a host that takes the exit code away: why it failed, and the status
+// that it writes out last.
+int exit_code_told(const ChildResult& completed) {
+  static const std::regex failure_form("curl: \\(([0-9]{1,3})\\)");
+  std::smatch match;
+  if (std::regex_search(completed.standard_error, match, failure_form)) return std::stoi(match[1].str());
+  const bool has_status =
+      !completed.standard_output.empty() || completed.standard_error.find(STATUS_MARKER) != std::string::npos;
+  return has_status ? 0 : completed.exit_code;
+}
+
 ChildResult run_command(ChildCommand command) {
   command.stop_requested = _sync_backoff_stop_requested;
   ChildResult completed = run_child(command);
   if (completed.stopped) throw_stop_requested();
+  if (completed.exit_code_is_lost) completed.exit_code = exit_code_told(completed);
   return completed;
 }
 
@@ -89,6 +103,7 @@ void hand_over_file(const std::string& path, BodySink& sink) {
   while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) || file.gcount() > 0) {
     sink.write({piece.data(), static_cast<std::size_t>(file.gcount())});
   }
+  if (file.bad()) throw_os_error(EIO, path);
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -110,6 +125,29 @@ int write_error_of(int descriptor) {
   struct stat file {};
   if (fstat(descriptor, &file) != 0 || pwrite(descriptor, "", 1, file.st_size) < 0) return errno;
   return ftruncate(descriptor, file.st_size) != 0 ? errno : 0;
+}
+
+// A full disk is no fault of the network, and no repetition mends it.
+[[noreturn]] void throw_unwritable(int descriptor, const std::string& detail) {
+  const int why = write_error_of(descriptor);
+  if (why != 0) throw_os_error(why, detail);
+  throw OSError(detail);
+}
+
+[[noreturn]] void throw_unwritable(const std::string& path, const std::string& detail) {
+  const client_manifest::UpdatableFile file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), path);
+  if (file.descriptor() < 0) throw_os_error(errno, detail);
+  throw_unwritable(file.descriptor(), detail);
+}
+
+// Runs what touches the local disk: its failures are none of the network's.
+template <class Operation>
+auto locally(const Operation& operation) {
+  try {
+    return operation();
+  } catch (...) {
+    throw LocalFailure{std::current_exception()};
+  }
 }
 
 }  // namespace
@@ -204,9 +242,9 @@ std::vector<std::string> _curl_command(const std::string& curl, const Request& r
 HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink& sink) {
   const auto curl = _find_curl_binary();
   if (!curl) throw URLError(NO_CURL);
-  const TemporaryDirectory directory;
-  const std::string header_path = directory.file("headers.txt");
-  const std::string body_path = directory.file("body.bin");
+  const auto directory = locally([] { return std::make_unique<const TemporaryDirectory>(); });
+  const std::string header_path = directory->file("headers.txt");
+  const std::string body_path = directory->file("body.bin");
   const ChildResult completed = _run_curl_command(_curl_command(
       *curl, request, timeout_seconds, {"-D", header_path, "-o", body_path, "-w", "%{http_code}"}));
 
@@ -214,18 +252,19 @@ HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink&
   HttpHead head{_curl_status_from_stdout(completed.standard_output, headers_text),
                 _parse_curl_headers(headers_text)};
   if (completed.exit_code != 0 && !is_error_status(head.status)) {
-    throw URLError(exit_detail(text::utf8_with_replacement(completed.standard_error), completed.exit_code));
+    const std::string detail =
+        exit_detail(text::utf8_with_replacement(completed.standard_error), completed.exit_code);
+    if (completed.exit_code == CURL_WRITE_ERROR) locally([&] { throw_unwritable(body_path, detail); });
+    throw URLError(detail);
   }
   if (is_error_status(head.status)) {
     throw HTTPError(request.full_url, head.status, fmt::format("HTTP {}", head.status), head.headers,
                     file_text_or_empty(body_path));
   }
-  try {
+  locally([&] {
     sink.begin(head.status, head.headers);
     hand_over_file(body_path, sink);
-  } catch (...) {
-    throw LocalFailure{std::current_exception()};
-  }
+  });
   return head;
 }
 
@@ -248,12 +287,7 @@ HttpHead _curl_download_to_file(const Request& request, client_manifest::Updatab
   if (completed.exit_code != 0 && !is_error_status(status)) {
     const std::string detail =
         exit_detail(std::regex_replace(error_text, status_line_form, ""), completed.exit_code);
-    // A full disk is no fault of the network, and no repetition mends it.
-    if (completed.exit_code == CURL_WRITE_ERROR) {
-      const int why = write_error_of(file.descriptor());
-      if (why != 0) throw_os_error(why, detail);
-      throw OSError(detail);
-    }
+    if (completed.exit_code == CURL_WRITE_ERROR) throw_unwritable(file.descriptor(), detail);
     throw ConnectionError(detail);
   }
   return {status, {}};

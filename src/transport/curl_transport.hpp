@@ -33,8 +33,8 @@ std::vector<std::string> _curl_command(const std::string& curl, const Request& r
                                        const std::vector<std::string>& output_options);
 
 /// One answer, its body handed to `sink` once it is complete. Throws `HTTPError` for 400 and above,
-/// `URLError` when curl failed otherwise or is not there, `LocalFailure` for what the sink throws and for a
-/// stop request.
+/// `URLError` when curl failed otherwise or is not there, `LocalFailure` for what the sink throws, for a
+/// temporary volume that takes nothing more and for a stop request.
 HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink& sink);
 /// The body goes from curl straight into `file` at its current offset, whatever the status and also when the
 /// transfer fails; no headers are collected. Throws `ConnectionError` when curl failed without an HTTP error

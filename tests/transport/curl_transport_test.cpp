@@ -1,11 +1,13 @@
 #include "transport/curl_transport.hpp"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <atomic>
 #include <filesystem>
 
+#include "host/scope_exit.hpp"
 #include "origin/scripted_server.hpp"
 #include "support/failure_text.hpp"
 #include "support/temp_dir.hpp"
@@ -166,6 +168,34 @@ TEST_F(CurlTransport, AFullDiskIsNoNetworkFailure) {
   EXPECT_EQ(failure_of([&] { _curl_download_to_file(DATA_FILE, file, 2.0); }),
             "OSError: curl: (23) Failure writing output");
   EXPECT_EQ(dir.read("f"), "part");  // as curl left it
+}
+
+TEST_F(CurlTransport, AFullTemporaryVolumeEndsTheRequest) {
+  HttpClient client(seams);
+  CollectingSink sink;
+  const auto requested = [&] {
+    return failure_of([&] { client._http_get_public_to(DATA_FILE.full_url, 0, -1, "curl", sink); });
+  };
+  fake_curl("echo 'curl: (23) Failure writing output' >&2; printf 200; exit 23");
+  EXPECT_EQ(requested(), "OSError: curl: (23) Failure writing output");
+  const std::string before = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
+  setenv("TMPDIR", "/proc", 1);  // a directory that takes no file
+  EXPECT_THAT(requested(), ::testing::HasSubstr("temporary directory /proc/tidalcrest-curl-"));
+  before.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", before.c_str(), 1);
+  EXPECT_TRUE(backoff.waits().empty());
+}
+
+TEST_F(CurlTransport, KnowsHowCurlEndedWhereTheHostReapsEveryChild) {
+  const auto signal_before = signal(SIGCHLD, SIG_IGN);
+  const ScopeExit restored([&] { signal(SIGCHLD, signal_before); });
+  auto file = open_file(dir.path("f"));
+  const auto downloaded = [&] { return failure_of([&] { _curl_download_to_file(DATA_FILE, file, 2.0); }); };
+  fake_curl("printf whole; printf '\nTIDALCREST_HTTP_STATUS:200\n' >&2");
+  EXPECT_EQ(_curl_download_to_file(DATA_FILE, file, 2.0).status, 200);
+  fake_curl("printf 'curl: (18) cut short\n\nTIDALCREST_HTTP_STATUS:200\n' >&2; exit 18");
+  EXPECT_EQ(downloaded(), "ConnectionError: curl: (18) cut short");
+  fake_curl("kill -9 $$");
+  EXPECT_EQ(downloaded(), "ConnectionError: curl exited with status -1");
 }
 
 TEST_F(CurlTransport, AStopRequestEndsTheChild) {
