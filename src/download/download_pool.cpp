@@ -16,8 +16,8 @@ DownloadPool::DownloadPool(std::size_t tasks, std::size_t workers, Task task)
         _work();
       });
     }
-  } catch (const std::system_error&) {
-    // The machine gives no more threads: fewer workers bring the same files.
+  } catch (...) {
+    // The machine has nothing for one more thread: fewer workers bring the same files.
     if (_workers.empty()) throw;
   }
 }
