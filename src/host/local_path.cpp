@@ -8,6 +8,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/failures.hpp"
 #include "host/text.hpp"
 
 namespace tidalcrest::sync {
@@ -25,6 +26,13 @@ std::optional<std::string> home_of(const std::string& user) {
                                    : getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found);
   if (failure != 0 || found == nullptr || found->pw_dir == nullptr) return std::nullopt;
   return found->pw_dir;
+}
+
+std::string working_directory() {
+  std::error_code failure;
+  const auto path = std::filesystem::current_path(failure);
+  if (failure) throw_os_error(failure.value(), "working directory");
+  return path.string();
 }
 
 // Two leading separators are kept as two, as POSIX leaves their meaning to the system; three are one again.
@@ -49,8 +57,7 @@ std::string expand_home(const std::string& path) {
 }
 
 std::string absolute_path(const std::string& path) {
-  const std::string full =
-      path.starts_with('/') ? path : join_path(std::filesystem::current_path().string(), path);
+  const std::string full = path.starts_with('/') ? path : join_path(working_directory(), path);
   std::vector<std::string> kept;
   for (auto& segment : text::split(full, "/")) {
     if (segment.empty() || segment == ".") continue;
