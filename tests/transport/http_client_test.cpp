@@ -1,6 +1,10 @@
 #include "transport/http_client.hpp"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -230,6 +234,48 @@ TEST_F(HttpClientTest, SilenceIsATimeout) {
   silent.delay_seconds = 30;
   server.script("/waits", {silent});
   EXPECT_THROW(client._open_request({url("/waits"), {}}, 0.2), TimeoutError);
+}
+
+// Sends a byte every 50 ms to whoever connects, until that one has had enough.
+class TricklingServer {
+ public:
+  TricklingServer() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(_listener, reinterpret_cast<sockaddr*>(&address), size);
+    listen(_listener, 1);
+    getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &size);
+    _port = ntohs(address.sin_port);
+    _thread = std::jthread([this] { _serve(); });
+  }
+  ~TricklingServer() {
+    shutdown(_listener, SHUT_RDWR);
+    _thread.join();
+    close(_listener);
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(_port) + "/"; }
+
+ private:
+  void _serve() const {
+    const int connection = accept(_listener, nullptr, nullptr);
+    std::string piece = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n";
+    for (int sent = 0; sent < 200 && send(connection, piece.data(), piece.size(), MSG_NOSIGNAL) > 0; ++sent) {
+      piece = "x";
+      poll(nullptr, 0, 50);
+    }
+    close(connection);
+  }
+
+  const int _listener;
+  int _port = 0;
+  std::jthread _thread;
+};
+
+TEST_F(HttpClientTest, ATrickleIsATimeout) {
+  const TricklingServer trickling;
+  EXPECT_THROW(client._open_request({trickling.url(), {}}, 1.0), TimeoutError);
 }
 
 TEST_F(HttpClientTest, NamesNetworkFailuresByTheirKind) {
