@@ -18,8 +18,11 @@ bool with_whole(const Document& value, Use use) {
   return use(value.get<std::int64_t>());
 }
 
+constexpr double LOWEST_WHOLE = -9223372036854775808.0;  // -2^63
+constexpr double WHOLE_LIMIT = 18446744073709551616.0;   // 2^64
+
 bool float_equals_whole(double a, const Document& whole) {
-  if (std::trunc(a) != a || a < -0x1p63 || a >= 0x1p64) return false;
+  if (std::trunc(a) != a || a < LOWEST_WHOLE || a >= WHOLE_LIMIT) return false;
   return with_whole(whole, [a](auto b) {
     return a < 0 ? std::cmp_equal(static_cast<std::int64_t>(a), b)
                  : std::cmp_equal(static_cast<std::uint64_t>(a), b);

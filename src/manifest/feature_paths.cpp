@@ -139,7 +139,8 @@ std::optional<std::string> FeaturePaths::_manifest_feature_relative_path(
 std::vector<std::string> FeaturePaths::_manifest_feature_companion_relative_paths(
     const std::string& relative_path) const {
   const auto family = family_of(relative_path);
-  const auto members = family ? _by_family.find(*family) : _by_family.end();
+  if (!family) return {};
+  const auto members = _by_family.find(*family);
   if (members == _by_family.end()) return {};
   std::vector<std::string> companions;
   for (const std::string_view path : members->second) {
