@@ -63,11 +63,7 @@ void CohortLoader::verify_at_start() {
 }
 
 void CohortLoader::adopt_selected_cohort() {
-  const auto view = _active.get();
-  const auto selected_bytes = local_cohort::read_selector_bytes(_data_dir);
-  const bool in_step =
-      view->cohort ? selected_bytes && *view->manifest_bytes == *selected_bytes : !selected_bytes.has_value();
-  if (in_step) return;
+  if (_is_in_step(*_active.get())) return;
   try {
     // The publisher's state first: the proof brings it in line with the manifest and may write it back, and
     // an older one must not go over it.
@@ -77,6 +73,19 @@ void CohortLoader::adopt_selected_cohort() {
     throw;  // a stop request says nothing about the cohort
   } catch (const std::exception& failure) {
     _fall_back_to_flat_view(failure);
+  }
+}
+
+// The same manifest alone does not say it: a repair, a rotation or an on-demand feature under the live
+// manifest moves only the completion record.
+bool CohortLoader::_is_in_step(const ActiveView& view) const {
+  const auto selected_bytes = local_cohort::read_selector_bytes(_data_dir);
+  if (!view.cohort) return !selected_bytes.has_value();
+  if (!selected_bytes || *view.manifest_bytes != *selected_bytes) return false;
+  try {
+    return local_cohort::load_active_cohort(_data_dir, /*required=*/true) == view.cohort;
+  } catch (const LocalCohortError&) {
+    return true;  // damaged since: whoever goes on proves and mends it
   }
 }
 

@@ -29,13 +29,14 @@ class CohortLoader {
   /// to the flat view for any failure. Nothing to do in the flat state.
   void verify_at_start();
 
-  /// Before a writer goes on: another process may have published since. When the selector names another
-  /// cohort than the view, adopts that one, proven as at construction, or the flat view when the proof fails
-  /// or nothing is selected any more.
-  /// The caller holds the sync lock and the exclusive distribution lock.
+  /// Before a writer goes on: another process may have published since, or changed the members of the live
+  /// cohort. When the disk shows another cohort than the view, adopts that one, proven as at construction, or
+  /// the flat view when the proof fails or nothing is selected any more. The caller holds the sync lock and
+  /// the exclusive distribution lock.
   void adopt_selected_cohort();
 
  private:
+  bool _is_in_step(const ActiveView& view) const;
   void _prove_selected_cohort();
   void _fall_back_to_flat_view(const std::exception& failure);
 

@@ -111,6 +111,20 @@ TEST_F(StagingTest, ManagerOlderThanItsDirectoryAdoptsWhatIsSelected) {
   EXPECT_EQ(late->active_cohort_snapshot().manifest_bytes(), origin.current().manifest_bytes);
 }
 
+TEST_F(StagingTest, MembersThatAnotherManagerAddedToTheLiveCohortStay) {
+  data.write("rotation-settings.json", R"({"feature_budget_gb": 0})");
+  origin.publish(small_distribution());
+  const auto first = make_manager();
+  first->sync();
+  const auto second = make_manager();
+  first->repair({FEATURE_A});
+  second->repair({FEATURE_B});
+  const auto members = local_cohort::load_active_cohort(data.path(), true)->active_relative_paths;
+  EXPECT_THAT(members, ::testing::IsSupersetOf({FEATURE_A, FEATURE_B}));
+  EXPECT_THAT(load_feature_rotation_state(data.path())->active_relative_paths,
+              ::testing::IsSupersetOf({FEATURE_A, FEATURE_B}));
+}
+
 TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWhereNot) {
   origin.publish(small_distribution());
   const std::string root = [&] {
