@@ -316,6 +316,7 @@ void EraTransition::trigger_era_transition(const Document& new_era_number, const
   }
   if (!superseded_era_number) return;
   try {
+    const WriterScope writer(_with.lock);  // by now another process may stage; its files are no orphans
     _cleanup_sync_tmp_files(_data_dir);
   } catch (const std::exception& failure) {
     log::debug("Failed to clean superseded tmp files: %s", failure.what());
