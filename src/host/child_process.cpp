@@ -1,9 +1,7 @@
 #include "host/child_process.hpp"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,10 +11,10 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "host/child_launch.hpp"
+#include "host/descriptor.hpp"
 #include "host/failures.hpp"
 #include "host/text.hpp"
-
-extern char** environ;
 
 namespace tidalcrest::sync {
 namespace {
@@ -26,90 +24,15 @@ constexpr const char* DEFAULT_SEARCH_PATH = "/bin:/usr/bin";  // of a host witho
 constexpr int STOP_CHECK_MILLISECONDS = 100;
 constexpr int END_CHECK_MILLISECONDS = 2;  // between the end of the output and the end of the child
 
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int number) noexcept : _number(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { reset(); }
-  int number() const noexcept { return _number; }
-  void reset(int number = -1) noexcept {
-    if (_number >= 0) ::close(_number);
-    _number = number;
-  }
-
- private:
-  int _number = -1;
-};
-
-// A pipe whose ends no other child inherits.
-struct Pipe {
-  Descriptor read_end;
-  Descriptor write_end;
-  void open() {
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw_os_error(errno, "pipe");
-    read_end.reset(ends[0]);
-    write_end.reset(ends[1]);
-  }
-};
-
-// A second descriptor of the same file, clear of the standard three: those the child gets anew, one after
-// the other, and a host may have closed its own.
-int above_standard(int number) {
-  const int copy = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (copy < 0) throw_os_error(errno, "descriptor for a child process");
-  return copy;
-}
-
-class SpawnSettings {
- public:
-  SpawnSettings(int output, int error) {
-    posix_spawn_file_actions_init(&_actions);
-    posix_spawn_file_actions_addopen(&_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&_actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&_actions, error, STDERR_FILENO);
-    // What the host opened without close-on-exec (a lock, a socket) must not live on in a child.
-    posix_spawn_file_actions_addclosefrom_np(&_actions, STDERR_FILENO + 1);
-    // The host may block signals or ignore a broken pipe; the child starts with neither.
-    posix_spawnattr_init(&_attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&_attributes, &none);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigdefault(&_attributes, &defaults);
-    posix_spawnattr_setflags(&_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  }
-  SpawnSettings(const SpawnSettings&) = delete;
-  SpawnSettings& operator=(const SpawnSettings&) = delete;
-  ~SpawnSettings() {
-    posix_spawnattr_destroy(&_attributes);
-    posix_spawn_file_actions_destroy(&_actions);
-  }
-
-  pid_t spawn(const std::vector<std::string>& arguments) const {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    const int failed = posix_spawnp(&pid, argv[0], &_actions, &_attributes, argv.data(), environ);
-    if (failed != 0) throw_os_error(failed, "start of " + arguments.front());
-    return pid;
-  }
-
- private:
-  posix_spawn_file_actions_t _actions{};
-  posix_spawnattr_t _attributes{};
-};
-
 pid_t start(const ChildCommand& command, const Pipe& output, const Pipe& error) {
-  const Descriptor child_output(
-      above_standard(command.output_descriptor.value_or(output.write_end.number())));
-  const Descriptor child_error(above_standard(error.write_end.number()));
-  return SpawnSettings(child_output.number(), child_error.number()).spawn(command.arguments);
+  auto arguments = command.arguments;
+  if (arguments.front().find('/') == std::string::npos) {
+    auto program = find_executable(arguments.front());
+    if (!program) throw_os_error(ENOENT, "start of " + arguments.front());
+    arguments.front() = *std::move(program);
+  }
+  return launch_child(arguments, command.output_descriptor.value_or(output.write_end.get()),
+                      error.write_end.get());
 }
 
 // A started child. Until it has been waited for, its id belongs to nobody else, so it can be ended by id.
@@ -155,7 +78,7 @@ class Child {
 // Takes what is there; gives false at the end.
 bool drain(const Descriptor& from, std::string& into) {
   std::array<char, 16384> buffer{};
-  const ssize_t count = ::read(from.number(), buffer.data(), buffer.size());
+  const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
   if (count < 0) return errno == EINTR || errno == EAGAIN;
   const auto room = CAPTURE_LIMIT_BYTES - into.size();
   into.append(buffer.data(), std::min(static_cast<std::size_t>(count), room));
@@ -167,18 +90,17 @@ bool drain(const Descriptor& from, std::string& into) {
 ChildResult run_child(const ChildCommand& command) {
   if (command.arguments.empty()) throw OSError("start of a child process: no program named");
   Pipe output;
-  Pipe error;
-  if (!command.output_descriptor) output.open();
-  error.open();
+  if (!command.output_descriptor) output = open_pipe();
+  Pipe error = open_pipe();
   Child child(start(command, output, error));
   output.write_end.reset();
   error.write_end.reset();
 
   ChildResult result;
-  while (output.read_end.number() >= 0 || error.read_end.number() >= 0 || !child.has_ended()) {
+  while (output.read_end.get() >= 0 || error.read_end.get() >= 0 || !child.has_ended()) {
     // poll passes over negative descriptors; with none left it is the pause between two looks at the child.
-    std::array<pollfd, 2> waited{pollfd{output.read_end.number(), POLLIN, 0},
-                                 pollfd{error.read_end.number(), POLLIN, 0}};
+    std::array<pollfd, 2> waited{pollfd{output.read_end.get(), POLLIN, 0},
+                                 pollfd{error.read_end.get(), POLLIN, 0}};
     const bool has_output = waited[0].fd >= 0 || waited[1].fd >= 0;
     const int pause = has_output ? STOP_CHECK_MILLISECONDS : END_CHECK_MILLISECONDS;
     if (poll(waited.data(), waited.size(), pause) < 0 && errno != EINTR) {

@@ -25,7 +25,7 @@ struct ChildResult {
 
 /// Runs one program without a shell, standard input empty, and waits until it has ended. The child gets no
 /// descriptor of this process but its output. Throws `OSError` when it cannot be started. No child is left
-/// behind on any way out.
+/// behind on any way out, the death of this process included.
 ChildResult run_child(const ChildCommand& command);
 
 /// The first executable regular file named `name` on the search path; absent when there is none.

@@ -2,11 +2,16 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "host/scope_exit.hpp"
 #include "support/temp_dir.hpp"
+#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -22,6 +27,35 @@ TEST(ChildProcess, TellsHowItEnded) {
   EXPECT_EQ(ended.standard_error, "err\n");
   EXPECT_EQ(ended.exit_code, 7);
   EXPECT_EQ(run_script("kill -9 $$").exit_code, -9);
+}
+
+TEST(ChildProcess, ThatCannotBeStartedIsAFailure) {
+  testing::TempDir dir;
+  dir.write("text", "no program");
+  const auto run = [](const std::string& program) {
+    run_child({.arguments = {program}, .output_descriptor = {}, .stop_requested = {}});
+  };
+  EXPECT_THROW(run("no-such-program-anywhere"), FileNotFoundError);
+  EXPECT_THROW(run(dir.path("text")), OSError);
+}
+
+TEST(ChildProcess, DiesWithItsHost) {
+  testing::TempDir dir;
+  const pid_t host = fork();
+  if (host == 0) {
+    run_script("echo $$ > '" + dir.path("child") + "'; kill -9 $PPID; exec sleep 60");
+    _exit(0);
+  }
+  waitpid(host, nullptr, 0);
+  const pid_t child = std::stoi(dir.read("child"));
+  const auto runs = [&] {
+    std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+    std::string number, name, state;
+    return stat >> number >> name >> state && state != "Z";
+  };
+  for (int looks = 0; looks < 500 && runs(); ++looks) poll(nullptr, 0, 10);
+  EXPECT_FALSE(runs());
+  kill(child, SIGKILL);
 }
 
 TEST(ChildProcess, GetsNoDescriptorOfItsHost) {

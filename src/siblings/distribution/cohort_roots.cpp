@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <optional>
 
+#include "host/descriptor.hpp"
 #include "host/failures.hpp"
 #include "host/local_path.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
-#include "siblings/distribution/descriptor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 
 namespace tidalcrest::sync::local_cohort {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "siblings/distribution/descriptor.hpp"
+#include "host/descriptor.hpp"
 
 /// The one place where a relative path becomes a descriptor. Nothing here follows a symbolic link or climbs
 /// out of the directory that it starts from.

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "siblings/distribution/descriptor.hpp"
+#include "host/descriptor.hpp"
 
 namespace tidalcrest::sync {
 

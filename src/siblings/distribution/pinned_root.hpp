@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "siblings/distribution/descriptor.hpp"
+#include "host/descriptor.hpp"
 
 namespace tidalcrest::sync::client_manifest {
 
