@@ -83,8 +83,10 @@ bool set_standard_descriptors(const Launch& launch) noexcept {
 }
 
 [[noreturn]] void become(const Launch& launch) noexcept {
-  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == launch.parent &&
-      set_standard_descriptors(launch)) {
+  // The parent may be gone before the request for its death signal is; a system that refuses it has none.
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != launch.parent) ::_exit(NOT_STARTED_EXIT_CODE);
+  if (set_standard_descriptors(launch)) {
     close_others_on_exec();
     reset_signals();
     ::execve(launch.argv[0], launch.argv, environ);
