@@ -82,6 +82,7 @@ bool CohortLoader::_is_in_step(const ActiveView& view) const {
   const auto selected_bytes = local_cohort::read_selector_bytes(_data_dir);
   if (!view.cohort) return !selected_bytes.has_value();
   if (!selected_bytes || *view.manifest_bytes != *selected_bytes) return false;
+  if (local_cohort::has_same_record(*view.cohort)) return true;
   try {
     return local_cohort::load_active_cohort(_data_dir, /*required=*/true) == view.cohort;
   } catch (const LocalCohortError&) {

@@ -15,6 +15,8 @@ namespace {
 
 using client_manifest::PinnedRoot;
 
+constexpr const char* COMPLETION_LABEL = "local cohort completion record";
+
 /// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
 /// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
 struct Parsed {
@@ -85,15 +87,17 @@ auto look_at_generation(const std::string& root_dir, const Look& look) {
 struct GenerationFiles {
   PinnedRoot root;
   std::string manifest_bytes;
+  client_manifest::FileStat completion_stat;
   std::string completion_bytes;
 };
 
 GenerationFiles read_generation_files(const PinnedRoot& base, const std::string& relative_root) {
   PinnedRoot root(base, relative_root);
   std::string manifest_bytes = root.read_regular_file(COHORT_MANIFEST_FILE, "local cohort manifest");
-  std::string completion_bytes =
-      root.read_regular_file(COHORT_COMPLETION_FILE, "local cohort completion record");
-  return {std::move(root), std::move(manifest_bytes), std::move(completion_bytes)};
+  // Before the reading: a record that is replaced in between must not pass for the one that was read.
+  const auto completion_stat = root.stat_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
+  std::string completion_bytes = root.read_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
+  return {std::move(root), std::move(manifest_bytes), completion_stat, std::move(completion_bytes)};
 }
 
 CompletedMembers parse_completion(const std::string& completion_bytes, const Selection& selection,
@@ -127,6 +131,7 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
     return {known.selection, std::move(files.root)};
   }
   selection->manifest_bytes = std::move(files.manifest_bytes);
+  selection->completion_stat = files.completion_stat;
   CompletedMembers members = parse_completion(files.completion_bytes, *selection,
                                               relative_root.substr(relative_root.rfind('/') + 1));
   selection->active_relative_paths = std::move(members.active_relative_paths);

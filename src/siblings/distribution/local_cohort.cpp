@@ -150,6 +150,16 @@ std::optional<std::string> read_selector_bytes(const std::string& data_dir) {
   }
 }
 
+bool has_same_record(const Selection& selection) {
+  try {
+    return PinnedRoot(selection.root_dir)
+               .stat_regular_file(COHORT_COMPLETION_FILE, "local cohort completion record") ==
+           selection.completion_stat;
+  } catch (const OSError&) {
+    return false;
+  }
+}
+
 Pin::Pin(std::shared_ptr<const Selection> selection, PinnedRoot root)
     : selection(std::move(selection)), root(std::move(root)) {}
 

@@ -31,6 +31,7 @@ struct Selection {
   std::vector<std::string> active_relative_paths;
   std::shared_ptr<const Document> manifest;  ///< the parsed manifest bytes
   std::shared_ptr<const ArtifactIdentities> artifact_identities;
+  client_manifest::FileStat completion_stat;  ///< of the record that was read
 };
 
 std::string manifest_sha256(const std::string& manifest_bytes);
@@ -54,6 +55,10 @@ std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir,
 /// The exact bytes of the selector, whole generation or not; absent when there is no selector, or something
 /// other than a regular file in its place: the next publication replaces that, unless it is a directory.
 std::optional<std::string> read_selector_bytes(const std::string& data_dir);
+
+/// Whether the generation still has the completion record that was read. One stat; false says only that a
+/// look is due.
+bool has_same_record(const Selection& selection);
 
 /// Keeps the selected root readable until it is destroyed: a shared lock on the generation, which a collector
 /// of old generations respects. Move-only.
