@@ -1,10 +1,12 @@
 #include "transport/in_process_client.hpp"
 
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "transport/transfer.hpp"
@@ -63,6 +65,7 @@ class InProcessClient::Pool {
   Handle _take() {
     {
       const std::lock_guard lock(_mutex);
+      _leave_to_parent();
       if (!_idle.empty()) {
         Handle warm = std::move(_idle.back());
         _idle.pop_back();
@@ -81,8 +84,17 @@ class InProcessClient::Pool {
     if (_idle.size() < IDLE_HANDLE_LIMIT) _idle.push_back(std::move(handle));
   }
 
-  std::mutex _mutex;  // guards `_idle`
+  // A forked child shares its parent's connections: used or closed by both, they would carry the one's
+  // answers to the other.
+  void _leave_to_parent() noexcept {
+    if (std::exchange(_owner, ::getpid()) == ::getpid()) return;
+    for (auto& handle : _idle) static_cast<void>(handle.release());
+    _idle.clear();
+  }
+
+  std::mutex _mutex;  // guards the two members below
   std::vector<Handle> _idle;
+  pid_t _owner = ::getpid();
 };
 
 InProcessClient::InProcessClient() {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -334,6 +335,19 @@ TEST_F(HttpClientTest, OneStreamingAttemptTurnsFailuresIntoConnectionErrors) {
   server.serve("/f", std::string(100000, 'x'));
   sink.fail_after = 10;
   EXPECT_EQ(failure_of([&] { stream("/f"); }), "OSError: no space left");
+}
+
+TEST_F(HttpClientTest, AForkedChildLeavesTheConnectionsToItsParent) {
+  server.serve("/f", "0123456789");
+  client._http_get_public(url("/f"));
+  const pid_t child = fork();
+  if (child == 0) _exit(client._http_get_public(url("/f")).body == "0123456789" ? 0 : 1);
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(server.connections_opened(), 2u);
+  EXPECT_EQ(client._http_get_public(url("/f")).body, "0123456789");
+  EXPECT_EQ(server.connections_opened(), 2u);
 }
 
 TEST_F(HttpClientTest, ServesManyThreadsAtOnce) {
