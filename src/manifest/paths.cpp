@@ -60,9 +60,8 @@ std::string _manifest_file_url(const std::string& server_url, const std::string&
   validate_public_base(base);
   if (!_manifest_base_url_uses_public_download(server_url, base)) {
     throw ManifestError(
-        "Manifest base_url must point to the public data origin; the authenticated API /data/files route is "
-        "not a "
-        "data origin");
+        "Manifest base_url must point to the public data origin; "
+        "the authenticated API /data/files route is not a data origin");
   }
   return without_trailing_slashes(base) + "/" + relative_path;
 }

@@ -109,24 +109,21 @@ Document _sync_backoff_wait_guidance(const std::string& surface, const std::stri
   };
   if (surface == "http_request" && network_reasons.contains(normalized_reason)) {
     return guidance(
-        "Transient network/SSL error while downloading sync data; TidalCrest will retry after backoff. Large "
-        "files "
-        "use ranged requests so a failed read retries only the current range.",
+        "Transient network/SSL error while downloading sync data; TidalCrest will retry after backoff. "
+        "Large files use ranged requests so a failed read retries only the current range.",
         "wait_for_retry; if this repeats, check network/proxy/SSL access to the data host and confirm "
         "sync_http_chunk_bytes is 67108864 or lower on unstable links");
   }
   if (normalized_reason == "partial_transfer") {
     return guidance(
-        "Sync received fewer bytes than the manifest size for this file; TidalCrest will retry or resume the "
-        "staged "
-        "partial download.",
+        "Sync received fewer bytes than the manifest size for this file; "
+        "TidalCrest will retry or resume the staged partial download.",
         "wait_for_retry; if this repeats, check network stability and remote object availability");
   }
   if (normalized_reason == "integrityerror") {
     return guidance(
-        "Downloaded bytes did not match the manifest size or checksum; TidalCrest will retry before exposing "
-        "the "
-        "file.",
+        "Downloaded bytes did not match the manifest size or checksum; "
+        "TidalCrest will retry before exposing the file.",
         "wait_for_retry; if this repeats, refresh the manifest and check the remote object");
   }
   if (normalized_reason == "syncunavailableerror") {

@@ -15,15 +15,13 @@ struct Wording {
 
 constexpr std::array WORDINGS = {
     Wording{"reauthenticate",
-            "reauthenticate; the data service refuses the present credentials, and sync goes on by itself "
-            "once new "
-            "ones are supplied"},
+            "reauthenticate; the data service refuses the present credentials, "
+            "and sync goes on by itself once new ones are supplied"},
     Wording{"contact_tidalcrest",
             "contact_tidalcrest; the data service reports a fault that only its operators can mend"},
     Wording{"retry_later",
-            "wait_for_retry; sync repeats by itself after a backoff wait; if this lasts, check network "
-            "access to the "
-            "data service"},
+            "wait_for_retry; sync repeats by itself after a backoff wait; "
+            "if this lasts, check network access to the data service"},
 };
 
 class BuiltIn final : public Module {
