@@ -84,6 +84,32 @@ void StagedFile::drop() {
   _set_size(0);
 }
 
+void StagedFile::keep_end_with(std::int64_t size, const std::string& sha256) {
+  const std::int64_t start = _size - size;
+  Sha256 hash_of_end;
+  _read_from(start, [&](std::int64_t, std::string_view bytes) { hash_of_end.update(bytes); });
+  if (hash_of_end.hexdigest() != sha256) return;
+  _read_from(start, [&](std::int64_t offset, std::string_view bytes) {
+    _file.seek(offset - start);
+    _file.write(bytes);
+  });
+  _file.truncate(size);
+  _hash = hash_of_end;
+  _write_back_from = 0;
+  _set_size(size);
+}
+
+template <class Use>
+void StagedFile::_read_from(std::int64_t offset, Use&& use) {
+  const auto block = std::make_unique_for_overwrite<char[]>(READ_BACK_BLOCK_BYTES);
+  for (_file.seek(offset);; _file.seek(offset)) {
+    const std::size_t count = _file.read(block.get(), READ_BACK_BLOCK_BYTES);
+    if (count == 0) return;
+    use(offset, std::string_view(block.get(), count));
+    offset += static_cast<std::int64_t>(count);
+  }
+}
+
 void StagedFile::_set_size(std::int64_t size) noexcept {
   _size = size;
   _report.now_staged(size);

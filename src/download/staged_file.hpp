@@ -41,6 +41,8 @@ class StagedFile {
   [[nodiscard]] bool rewind();
   /// Empties the file.
   void drop();
+  /// Takes away what precedes the last `size` bytes, if these have the digest.
+  void keep_end_with(std::int64_t size, const std::string& sha256);
 
   void flush() { _file.flush(); }
   void close() { _file.close(); }
@@ -50,6 +52,9 @@ class StagedFile {
   client_manifest::UpdatableFile& file() noexcept { return _file; }
 
  private:
+  // Calls `use` with the bytes from `offset` to the end, block by block.
+  template <class Use>
+  void _read_from(std::int64_t offset, Use&& use);
   void _set_size(std::int64_t size) noexcept;
   void _start_write_back() noexcept;
 

@@ -372,6 +372,24 @@ TEST_F(FileDownloaderTest, KeepsStagedBytesWhenAStopIsRequested) {
   EXPECT_EQ(ranges_asked(path), (Ranges{"", "bytes=12-"}));
 }
 
+TEST_F(FileDownloaderTest, KeepsTheWholeAnswerBehindABrokenOne) {
+  // curl, told to write to its standard output, leaves there what an answer brought that it then repeated.
+  testing::TempDir bin;
+  bin.write("curl",
+            "#!/bin/sh\ncat \"$(dirname \"$0\")/answer\"\nprintf '\\nTIDALCREST_HTTP_STATUS:200\\n' >&2\n");
+  std::filesystem::permissions(bin.path("curl"), std::filesystem::perms::owner_all);
+  bin.write("answer", "error text" + LARGE);
+  const std::string search_path = getenv("PATH");
+  setenv("PATH", (bin.path() + ":" + search_path).c_str(), 1);
+  const ScopeExit restore([&] { setenv("PATH", search_path.c_str(), 1); });
+  knobs.set("curl", nullptr, nullptr);
+  options.generation.base_url = "https://data.tidalcrest.example";
+  download("a.bin", entry_for(LARGE));
+  EXPECT_EQ(data.read("a.bin"), LARGE);
+  EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(LARGE.size()));
+  EXPECT_THAT(backoff.waits(), IsEmpty());
+}
+
 TEST_F(FileDownloaderTest, NeverRepeatsALocalFailure) {
   const auto boundary_failure = [&](const std::string& path) {
     return failure_of([&] { download(path, entry_for(SMALL)); });
