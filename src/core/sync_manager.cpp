@@ -169,6 +169,14 @@ void SyncManager::_set_sync_runtime_knobs(const Document& sync_http_transport,
   _wiring->knobs.set(sync_http_transport, sync_http_chunk_bytes, sync_max_concurrency);
 }
 
+std::shared_ptr<RuntimeFreshnessGuard> SyncManager::runtime_freshness_guard() const {
+  return _wiring->freshness_guard.get();
+}
+
+void SyncManager::set_runtime_freshness_guard(std::shared_ptr<RuntimeFreshnessGuard> guard) {
+  _wiring->freshness_guard.set(std::move(guard));
+}
+
 void SyncManager::register_era_callback(EraCallback callback) {
   _wiring->era_callbacks.register_era_callback(std::move(callback));
 }

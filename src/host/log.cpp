@@ -64,7 +64,8 @@ namespace log {
 void emit(LogLevel level, const std::string& message, const Document* extra,
           const std::string& exception_text) noexcept {
   try {
-    (*current_sink())(LogRecord{level, message, extra, exception_text});
+    const auto exception = exception_text.empty() ? nullptr : std::current_exception();
+    (*current_sink())(LogRecord{level, message, extra, exception_text, exception});
   } catch (...) {
     // A slow or failing sink must not fail the operation that speaks of itself.
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -18,6 +19,7 @@ struct LogRecord {
   std::string message;              ///< already formatted
   const Document* extra = nullptr;  ///< structured attachment, valid during the call only
   std::string exception_text;       ///< "{type}: {message}" and its causes; empty when none was asked for
+  std::exception_ptr exception;     ///< what that text is about; null when none was asked for
 };
 
 using LogSink = std::function<void(const LogRecord&)>;

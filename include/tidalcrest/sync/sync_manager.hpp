@@ -182,6 +182,10 @@ class SyncManager {
                                const Document& sync_http_chunk_bytes = nullptr,
                                const Document& sync_max_concurrency = nullptr);
 
+  /// The guard that downloads tell; null for none. Thread-safe.
+  std::shared_ptr<RuntimeFreshnessGuard> runtime_freshness_guard() const;
+  void set_runtime_freshness_guard(std::shared_ptr<RuntimeFreshnessGuard> guard);
+
   void register_era_callback(EraCallback callback);
   void unregister_era_callback(const EraCallback& callback);
   void _notify_era_callbacks(const std::string& event_type, std::int64_t era_number);
