@@ -3,4 +3,5 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build/release/bench/manifest_bench
+/usr/bin/python3 bench/python_face.py
 exec python3 bench/run.py "$@"

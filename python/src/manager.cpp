@@ -1,5 +1,6 @@
 #include "arguments.hpp"
 #include "bindings.hpp"
+#include "callbacks.hpp"
 #include "documents.hpp"
 #include "manager_arguments.hpp"
 #include "manager_class.hpp"

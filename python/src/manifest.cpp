@@ -26,6 +26,10 @@ class DocumentView {
     }
     return to_python(found->second);
   }
+  py::object first_key() const {
+    if (_members.empty()) return py::none();
+    return text_to_python(_members.begin()->first);
+  }
   py::list keys() const {
     py::list names(_members.size());
     Py_ssize_t index = 0;
@@ -112,6 +116,7 @@ void bind_manifest(py::module_& module) {
       .def("__len__", &DocumentView::size)
       .def("__contains__", &DocumentView::contains)
       .def("__getitem__", &DocumentView::member)
+      .def("first_key", &DocumentView::first_key)
       .def("keys", &DocumentView::keys);
 
   py::class_<Manifest, std::shared_ptr<Manifest>>(module, "Manifest", py::dynamic_attr(),

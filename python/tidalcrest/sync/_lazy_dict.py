@@ -14,8 +14,8 @@ class LazyDict(dict):
         super().__init__()
         self._view = view
         # Never empty while it stands for something: the JSON encoder looks at a dict's own size first.
-        for key in view.keys()[:1]:
-            self[key]
+        if len(view) > 0:
+            self[view.first_key()]
 
     def _fill(self):
         if self._view is None:
