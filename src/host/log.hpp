@@ -9,8 +9,8 @@
 
 namespace tidalcrest::sync::log {
 
-/// Hands one record to the sink. Never throws. With an `exception_text` the record tells of the exception that
-/// is being handled.
+/// Hands one record to the sink. Never throws. With an `exception_text` the record tells of the exception
+/// that is being handled.
 void emit(LogLevel level, const std::string& message, const Document* extra = nullptr,
           const std::string& exception_text = {}) noexcept;
 
