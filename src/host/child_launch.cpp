@@ -31,6 +31,7 @@ struct Launch {
   int error;
   int failure_report;  // takes the error number when there is no program to go over to
   pid_t parent;
+  bool ends_with_caller;
 };
 
 // Blocks every signal of this thread for its lifetime.
@@ -83,9 +84,11 @@ bool set_standard_descriptors(const Launch& launch) noexcept {
 }
 
 [[noreturn]] void become(const Launch& launch) noexcept {
-  // The parent may be gone before the request for its death signal is; a system that refuses it has none.
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != launch.parent) ::_exit(NOT_STARTED_EXIT_CODE);
+  if (launch.ends_with_caller) {
+    // The parent may die before it is asked for a death signal; a system that refuses it has none.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != launch.parent) ::_exit(NOT_STARTED_EXIT_CODE);
+  }
   if (set_standard_descriptors(launch)) {
     close_others_on_exec();
     reset_signals();
@@ -126,7 +129,7 @@ Pipe open_pipe() {
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-pid_t launch_child(const std::vector<std::string>& arguments, int output, int error) {
+pid_t launch_child(const std::vector<std::string>& arguments, int output, int error, bool ends_with_caller) {
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -135,7 +138,8 @@ pid_t launch_child(const std::vector<std::string>& arguments, int output, int er
   Pipe report = open_pipe();
   Descriptor child_report = above_standard(report.write_end.get());
   report.write_end.reset();
-  const Launch launch{argv.data(), child_output.get(), child_error.get(), child_report.get(), ::getpid()};
+  const Launch launch{argv.data(),        child_output.get(), child_error.get(),
+                      child_report.get(), ::getpid(),         ends_with_caller};
   pid_t pid = -1;
   int failure = 0;
   {

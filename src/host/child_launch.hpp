@@ -18,8 +18,9 @@ Pipe open_pipe();
 
 /// Starts the program at the path `arguments[0]`: standard input empty, its output on the two descriptors, no
 /// other descriptor of this process, no signal blocked, a broken pipe not
-/// ignored. The child dies with the thread that started it, whatever ends that one: what it writes may belong
-/// to a later process by then. The caller waits for it. Throws `OSError` when it cannot be started.
-pid_t launch_child(const std::vector<std::string>& arguments, int output, int error);
+/// ignored. With `ends_with_caller` the child dies with the thread that started it, whatever ends that one:
+/// what it writes may belong to a later process by then. The caller waits for it. Throws `OSError` when it
+/// cannot be started.
+pid_t launch_child(const std::vector<std::string>& arguments, int output, int error, bool ends_with_caller);
 
 }  // namespace tidalcrest::sync

@@ -13,6 +13,8 @@ struct ChildCommand {
   std::optional<int> output_descriptor;
   /// Asked about ten times a second on the calling thread; true ends the child. Empty means never.
   std::function<bool()> stop_requested;
+  /// Whether the child dies with this process. False for work that must not be left half done.
+  bool ends_with_caller = true;
 };
 
 struct ChildResult {
@@ -25,7 +27,7 @@ struct ChildResult {
 
 /// Runs one program without a shell, standard input empty, and waits until it has ended. The child gets no
 /// descriptor of this process but its output. Throws `OSError` when it cannot be started. No child is left
-/// behind on any way out, the death of this process included.
+/// behind on any way out.
 ChildResult run_child(const ChildCommand& command);
 
 /// The first executable regular file named `name` on the search path; absent when there is none.

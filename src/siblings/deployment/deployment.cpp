@@ -97,9 +97,10 @@ class BuiltIn final : public Module {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::duration<double>(settings.installer_timeout_seconds);
     ChildCommand command{
-        .arguments = settings.installer_command, .output_descriptor = {}, .stop_requested = [deadline] {
-          return std::chrono::steady_clock::now() >= deadline;
-        }};
+        .arguments = settings.installer_command,
+        .output_descriptor = {},
+        .stop_requested = [deadline] { return std::chrono::steady_clock::now() >= deadline; },
+        .ends_with_caller = false};
     command.arguments.push_back(wheel.path);
     const ChildResult ended = run_child(command);
     if (ended.stopped) {
