@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/registry.hpp"
 #include "host/event.hpp"
 #include "object_ref.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -29,7 +30,7 @@ struct StopAtExit {
 
 std::atomic<bool> is_stopping{false};
 std::atomic<bool> is_closed{false};
-std::atomic<bool> is_forked_child{false};
+std::atomic<unsigned> forks{0};      // between the process that loaded the module and this one
 std::atomic<int> threads_inside{0};  // callbacks of other threads that hold the GIL or wait for it
 std::atomic<std::thread::id> exit_thread{};
 thread_local int depth_inside = 0;
@@ -50,6 +51,12 @@ void stop_all(const std::vector<StopAtExit>& entries) {
       // The process ends; the others are stopped all the same.
     }
   }
+}
+
+// Destroying it would touch what belongs to the parent.
+template <class Value>
+void left_behind(Value value) {
+  new Value(std::move(value));
 }
 
 // On a thread of its own, so that one that does not come to an end does not keep the process.
@@ -99,7 +106,9 @@ Unlocked::~Unlocked() {
 
 bool stopping() noexcept { return is_stopping; }
 
-bool in_forked_child() noexcept { return is_forked_child; }
+MadeHere::MadeHere() noexcept : _forks(forks) {}
+
+bool MadeHere::is_here() const noexcept { return _forks == forks; }
 
 void stop_at_exit(std::weak_ptr<void> owner, std::function<void()> stop) {
   auto& entries = to_stop();
@@ -108,7 +117,6 @@ void stop_at_exit(std::weak_ptr<void> owner, std::function<void()> stop) {
 }
 
 void shut_down() {
-  if (in_forked_child()) return;
   exit_thread = std::this_thread::get_id();
   is_stopping = true;
   if (!to_stop().empty()) stop_all_with_patience();
@@ -117,10 +125,13 @@ void shut_down() {
 }
 
 void after_fork_in_child() noexcept {
-  is_forked_child = true;
+  ++forks;
   threads_inside = depth_inside;
-  new std::vector<StopAtExit>(
-      std::exchange(to_stop(), {}));  // kept: their destruction would touch the parent's
+  left_behind(std::exchange(to_stop(), {}));
+  auto& registry = Registry::of_this_process();
+  if (!registry._class_lock.try_lock()) return;  // another thread of the parent was at work on it
+  left_behind(std::exchange(registry._instances, {}));
+  registry._class_lock.unlock();
 }
 
 }  // namespace tidalcrest::sync::python

@@ -43,9 +43,16 @@ class Unlocked {
 
 /// Whether the interpreter is on its way out: calls that are under way should end soon.
 bool stopping() noexcept;
-/// Whether this process is a fork of the one that loaded the module. Threads and locks of the parent are not
-/// to be touched here.
-bool in_forked_child() noexcept;
+/// Notes the process that something is made in. In a fork of it, the threads and locks that belong to it are
+/// the parent's, and it is left as it is, for good.
+class MadeHere {
+ public:
+  MadeHere() noexcept;
+  bool is_here() const noexcept;
+
+ private:
+  unsigned _forks;
+};
 
 /// What has to stop before the interpreter goes. `stop` is called without the GIL, and not at all once
 /// `owner` is gone. Needs the GIL.
@@ -54,7 +61,8 @@ void stop_at_exit(std::weak_ptr<void> owner, std::function<void()> stop);
 /// Called once at exit, with the GIL: stops all that `stop_at_exit` names, for a bounded time, and closes the
 /// door.
 void shut_down();
-/// Called in the child of a fork, with the GIL.
+/// Called in the child of a fork, with the GIL: forgets what the parent has, so that the child may begin
+/// anew.
 void after_fork_in_child() noexcept;
 
 }  // namespace tidalcrest::sync::python

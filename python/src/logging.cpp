@@ -33,7 +33,6 @@ void deliver(const LogRecord& record) {
 // A handler that raises is the host's affair: it is reported there, and the operation that spoke goes on. An
 // interrupt that came while it ran is kept for later.
 void write_record(const LogRecord& record) {
-  if (in_forked_child()) return;
   const Locked locked;
   try {
     deliver(record);

@@ -112,7 +112,8 @@ void bind_main_job(ManagerClass& manager) {
           },
           py::arg("corrupted_files"), "Re-download members through the complete-cohort staging boundary.")
       .def(
-          "pin_active_cohort_snapshot", [](const py::object& self) { return PinScope(shared(self)); },
+          "pin_active_cohort_snapshot",
+          [](const py::object& self) { return PinScope(self.cast<ManagerHolder>()); },
           "Hold the writer lock order while consumers read one exact cohort. A context manager.")
       .def("active_cohort_snapshot", waiting(&SyncManager::active_cohort_snapshot),
            "Return one exact snapshot after a stable-selector readback.")

@@ -30,7 +30,7 @@ void note_python_runs() noexcept { ++runs; }
 
 unsigned long long python_runs() noexcept { return runs; }
 
-bool no_more_python() noexcept { return in_forked_child() || stopping(); }
+bool no_more_python() noexcept { return stopping(); }
 
 py::object loaded_module(const char* name) {
   const auto table = py::reinterpret_borrow<py::dict>(PyImport_GetModuleDict());

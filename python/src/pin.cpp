@@ -10,12 +10,16 @@ namespace tidalcrest::sync::python {
 
 PinScope::~PinScope() {
   if (!_pin) return;
+  if (!_made.is_here() || stopping()) {  // the locks belong to another process, or go with this one
+    new ActiveCohortPin(std::move(*_pin));
+    return;
+  }
   const Unlocked unlocked;
   _pin.reset();
 }
 
 py::object PinScope::enter() {
-  _pin.emplace(without_gil([this] { return _manager->pin_active_cohort_snapshot(); }));
+  _pin.emplace(without_gil([this] { return _manager.get()->pin_active_cohort_snapshot(); }));
   return to_python(_pin->snapshot());
 }
 

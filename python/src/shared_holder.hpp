@@ -24,7 +24,7 @@ class SharedHolder {
   SharedHolder& operator=(SharedHolder&&) noexcept = default;
   ~SharedHolder() {
     if (!_held) return;
-    if (in_forked_child() || stopping()) {
+    if (!_made.is_here() || stopping()) {
       new std::shared_ptr<Held>(std::move(_held));
       return;
     }
@@ -36,6 +36,7 @@ class SharedHolder {
 
  private:
   std::shared_ptr<Held> _held;
+  MadeHere _made;
 };
 
 }  // namespace tidalcrest::sync::python

@@ -93,6 +93,32 @@ def test_a_fork_that_does_not_use_the_manager(python):
     assert (code, out, err) == (0, "1\n", "")
 
 
+def test_a_forked_worker_begins_anew(python):
+    code, out, err = python("""
+        import multiprocessing
+        manager = tc.SyncManager.get_or_create(data_dir, **options)
+        manager.sync()
+        pinned = manager.pin_active_cohort_snapshot()
+        def work():
+            own = tc.SyncManager.get_or_create(data_dir, **options)
+            assert own is not manager
+            own.acquire()
+            found = len(own.request_for_sync())
+            print(found, flush=True)
+            own.release() if found else None
+        with pinned:
+            child = multiprocessing.get_context("fork").Process(target=lambda: print("beside a pin", flush=True))
+            child.start()
+            child.join(20)
+        child = multiprocessing.get_context("fork").Process(target=work)
+        child.start()
+        child.join(20)
+        assert child.exitcode == 0, child.exitcode
+        assert manager.verify().valid
+    """)
+    assert (code, out, err) == (0, "beside a pin\n5\n", "")
+
+
 def test_ctrl_c_ends_a_wait(python, origin):
     origin.fault("/data/manifest* status=503 count=all")
     process = python.start("""

@@ -5,7 +5,7 @@ Obtain a manager with `SyncManager.get_or_create`, call `sync`, and read below `
 `acquire` it and let it poll by itself.
 """
 
-from . import _native  # noqa: I001  (the other modules use it)
+from . import _logging, _native  # logging first: at exit it is to end after this module
 from ._errors import (DiskSpaceError, EraError, FeatureRotationStateError, IntegrityError, ManifestError,
                       ManifestSupersededError, PermanentDownloadError, StateError, SyncError, SyncUnavailableError)
 from ._native import (DEFAULT_SHUFFLE_KEY_GENERATION, RETIRED_SHUFFLE_KEY_GENERATION_ERA_ONLY_V1,
