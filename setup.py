@@ -20,7 +20,7 @@ class CMakeBuild(build_ext):
     def build_extension(self, extension):
         build = os.environ.get("TIDALCREST_BUILD_DIR") or self._build()
         target = Path(self.build_lib).resolve() / "installed"
-        self._cmake("--install", build, "--component", "python", "--prefix", target)
+        self._cmake("--install", build, "--strip", "--component", "python", "--prefix", target)
         (package,) = target.glob("lib/python*/site-packages/tidalcrest")
         destination = Path(self.get_ext_fullpath("tidalcrest.sync._native")).resolve().parent
         self.copy_tree(str(package / "sync"), str(destination))
