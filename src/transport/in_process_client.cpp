@@ -60,6 +60,9 @@ class InProcessClient::Pool {
   };
 
   Pool() { _idle.reserve(IDLE_HANDLE_LIMIT); }
+  Pool(const Pool&) = delete;
+  Pool& operator=(const Pool&) = delete;
+  ~Pool() { _leave_to_parent(); }
 
  private:
   Handle _take() {
