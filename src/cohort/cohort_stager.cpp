@@ -32,9 +32,9 @@ using shuffle_seed_state::SHUFFLE_SEED_METADATA_FILE;
 // The stop signal belongs to the calling thread; the workers of the local proof ask it through this copy.
 StopCheck stop_check_of_this_thread() {
   auto module = sync_backoff::module_seam().current();
-  auto stop_requested = module->current_context().stop_requested;
-  return [module, stop_requested] {
-    if (stop_requested && stop_requested()) module->raise_cancelled();
+  auto context = module->current_context();
+  return [module, context] {
+    if (sync_backoff::is_stop_requested(context)) sync_backoff::cancel(*module);
   };
 }
 

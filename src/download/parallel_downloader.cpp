@@ -32,15 +32,8 @@ bool is_superseded(const std::exception_ptr& failure) {
 // The calling thread's context for its workers: a wait there also ends when the call is given up.
 BackoffContext worker_backoff_context(std::shared_ptr<const std::atomic<bool>> cancel_event) {
   BackoffContext context = _current_sync_backoff_context();
-  context.stop_requested = [cancel_event = std::move(cancel_event),
-                            parent_stop_requested = std::move(context.stop_requested)] {
-    if (*cancel_event) return true;
-    if (!parent_stop_requested) return false;
-    try {
-      return parent_stop_requested();
-    } catch (const std::exception&) {
-      return false;
-    }
+  context.stop_requested = [cancel_event = std::move(cancel_event), parent = context] {
+    return *cancel_event || sync_backoff::is_stop_requested(parent);
   };
   return context;
 }
@@ -68,7 +61,7 @@ std::vector<std::string> paths_of(const std::vector<std::size_t>& indices, const
 
 // Small files may never wait for anything, and a stop must not run through all of them first.
 void end_if_asked_to_stop() {
-  if (_sync_backoff_stop_requested()) sync_backoff::module_seam().current()->raise_cancelled();
+  if (_sync_backoff_stop_requested()) sync_backoff::cancel(*sync_backoff::module_seam().current());
 }
 
 }  // namespace

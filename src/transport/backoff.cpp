@@ -65,13 +65,7 @@ std::string _sync_backoff_surface(const std::string& default_surface) {
 }
 
 bool _sync_backoff_stop_requested() {
-  const auto stop_requested = _current_sync_backoff_context().stop_requested;
-  if (!stop_requested) return false;
-  try {
-    return stop_requested();
-  } catch (const std::exception&) {
-    return false;
-  }
+  return sync_backoff::is_stop_requested(_current_sync_backoff_context());
 }
 
 double _backoff_delay_seconds(std::int64_t attempt_index) {
@@ -104,10 +98,7 @@ Document _emit_sync_backoff_wait(const std::string& default_surface, std::int64_
 
 void _sleep_for_sync_backoff(double wait_seconds, const Seams& seams) {
   const auto module = sync_backoff::module_seam().current();
-  if (module->sleep(wait_seconds, seams.sleep, _sync_backoff_stop_requested)) return;
-  module->raise_cancelled();
-  // A host module that only returned; going on would repeat without a wait.
-  throw SyncBackoffCancelled("a stop was requested during a backoff wait");
+  if (!module->sleep(wait_seconds, seams.sleep, _sync_backoff_stop_requested)) sync_backoff::cancel(*module);
 }
 
 }  // namespace tidalcrest::sync

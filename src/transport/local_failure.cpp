@@ -7,8 +7,7 @@ namespace tidalcrest::sync {
 
 void throw_stop_requested() {
   try {
-    sync_backoff::module_seam().current()->raise_cancelled();
-    throw SyncBackoffCancelled("a stop was requested during a transfer");  // a host module that only returned
+    sync_backoff::cancel(*sync_backoff::module_seam().current());
   } catch (...) {
     throw LocalFailure{std::current_exception()};
   }

@@ -39,10 +39,11 @@ void lock_opened_file(int descriptor, bool exclusive, const std::string& what) {
 
   log::debug("waiting for %s", what);
   const auto started = Clock::now();
-  const auto stop_requested = sync_backoff::module_seam().current()->current_context().stop_requested;
+  const auto module = sync_backoff::module_seam().current();
+  const auto context = module->current_context();
   auto pause = FIRST_PAUSE;
   do {
-    if (stop_requested && stop_requested()) sync_backoff::module_seam().current()->raise_cancelled();
+    if (sync_backoff::is_stop_requested(context)) sync_backoff::cancel(*module);
     std::this_thread::sleep_for(pause);
     pause = std::min(pause * 2, LONGEST_PAUSE);
   } while (!try_lock(descriptor, operation, what));

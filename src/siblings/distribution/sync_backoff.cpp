@@ -79,6 +79,21 @@ ModuleSeam<Module>& module_seam() {
   return *seam;
 }
 
+bool is_stop_requested(const BackoffContext& context) {
+  if (!context.stop_requested) return false;
+  try {
+    return context.stop_requested();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void cancel(Module& module) {
+  module.raise_cancelled();
+  // Going on would repeat without a wait.
+  throw SyncBackoffCancelled("a stop was requested");
+}
+
 }  // namespace sync_backoff
 
 ScopedBackoffContext::ScopedBackoffContext(BackoffContext context)

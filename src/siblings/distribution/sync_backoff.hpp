@@ -23,7 +23,7 @@ class Module {
   virtual bool sleep(double wait_seconds, const std::function<void(double)>& sleep,
                      const std::function<bool()>& stop_requested) = 0;
   /// Throws the exception that callers let pass: `SyncBackoffCancelled`, or the host's own.
-  [[noreturn]] virtual void raise_cancelled() = 0;
+  virtual void raise_cancelled() = 0;
   /// The event map with `event_type` "sync_backoff_wait". `attempt` is one-based.
   virtual Document sync_backoff_event_fields(const std::string& surface, std::int64_t attempt,
                                              double wait_seconds, const std::string& reason,
@@ -35,5 +35,11 @@ class Module {
 };
 
 ModuleSeam<Module>& module_seam();
+
+/// Whether the context asks to stop. A signal that fails asks for nothing.
+bool is_stop_requested(const BackoffContext& context);
+/// Throws the module's cancelled exception; a plain `SyncBackoffCancelled` where a host's module only
+/// returned.
+[[noreturn]] void cancel(Module& module);
 
 }  // namespace tidalcrest::sync::sync_backoff
