@@ -4,6 +4,7 @@
 #include "bindings.hpp"
 #include "blocking_call.hpp"
 #include "callbacks.hpp"
+#include "collectable.hpp"
 #include "documents.hpp"
 #include "manager_side.hpp"
 #include "shared_holder.hpp"
@@ -47,9 +48,12 @@ py::object optional_text(const std::optional<std::string>& text) {
 }  // namespace
 
 void bind_era_thread(py::module_& module) {
-  py::class_<EraThread, Holder>(module, "EraThread", py::dynamic_attr(),
-                                "Monitors the era of a manager's market on a background thread, and runs a "
-                                "transition on it when an era closes or another one opens.")
+  py::class_<EraThread, Holder> thread(
+      module, "EraThread", py::dynamic_attr(),
+      "Monitors the era of a manager's market on a background thread, and runs a "
+      "transition on it when an era closes or another one opens.");
+  hide_dying_from_collector(thread);
+  thread
       .def(py::init(&constructed), py::arg("server_url"), py::arg("get_token"), py::arg("sync_manager"),
            py::arg("era_poll_interval_s") = ERA_POLL_INTERVAL_SECONDS,
            py::arg("kill_searches_fn") = py::none(), py::arg("restart_searches_fn") = py::none(),
@@ -69,7 +73,13 @@ void bind_era_thread(py::module_& module) {
             without_gil([held = self.cast<Holder>().shared()] { held->stop(); });
           },
           "Waits up to 10 seconds for the thread. No effect when it is not started.")
-      .def("is_alive", &EraThread::is_alive, "Whether the thread runs.")
+      .def(
+          "is_alive",
+          [](const EraThread& self) {
+            const Unlocked unlocked;
+            return self.is_alive();
+          },
+          "Whether the thread runs.")
       .def_property_readonly("_last_known_era_number", remembering([](const EraMemory& memory) {
                                return to_python(memory.last_known_era_number);
                              }),

@@ -1,6 +1,7 @@
 #include "arguments.hpp"
 #include "bindings.hpp"
 #include "callbacks.hpp"
+#include "collectable.hpp"
 #include "documents.hpp"
 #include "manager_arguments.hpp"
 #include "manager_class.hpp"
@@ -228,6 +229,7 @@ void bind_lifecycle(ManagerClass& manager) {
 void bind_manager(py::module_& module) {
   ManagerClass manager(module, "SyncManager", py::dynamic_attr(),
                        "Data synchronization manager with background polling and IPC.");
+  hide_dying_from_collector(manager);
   bind_construction(manager);
   bind_manager_state(manager);
   bind_main_job(manager);

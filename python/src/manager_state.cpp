@@ -59,7 +59,13 @@ void bind_manager_state(ManagerClass& manager) {
           },
           "Return the current human-readable sync status, if any.")
       .def("consumer_count", &SyncManager::consumer_count, "Return the current number of active consumers.")
-      .def("is_alive", &SyncManager::is_alive, "Health check returning thread responsiveness.")
+      .def(
+          "is_alive",
+          [](const SyncManager& self) {
+            const Unlocked unlocked;  // a start asks siblings under the same lock
+            return self.is_alive();
+          },
+          "Health check returning thread responsiveness.")
       .def(
           "needs_sync",
           [](const py::object& self) {

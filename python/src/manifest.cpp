@@ -5,6 +5,7 @@
 #include <array>
 
 #include "bindings.hpp"
+#include "collectable.hpp"
 #include "documents.hpp"
 
 namespace tidalcrest::sync::python {
@@ -119,8 +120,10 @@ void bind_manifest(py::module_& module) {
       .def("first_key", &DocumentView::first_key)
       .def("keys", &DocumentView::keys);
 
-  py::class_<Manifest, std::shared_ptr<Manifest>>(module, "Manifest", py::dynamic_attr(),
-                                                  "In-memory representation of the server manifest.")
+  py::class_<Manifest, std::shared_ptr<Manifest>> manifest(
+      module, "Manifest", py::dynamic_attr(), "In-memory representation of the server manifest.");
+  hide_dying_from_collector(manifest);
+  manifest
       .def(py::init(&manifest_of), py::arg("data"),
            "Sanitises and validates a parsed manifest document. Raises ManifestError.")
       .def_static("from_dict", &manifest_of, py::arg("data"), "The same as construction.")

@@ -20,12 +20,12 @@ int drop_as_pending_call(void*) {
 }
 
 void release(PyObject* object) noexcept {
-  auto* const entry = new Released{object, released.load()};
-  while (!released.compare_exchange_weak(entry->next, entry)) {
-  }
+  Released* below = released.load();
+  auto* const entry = new Released{object, below};
+  while (!released.compare_exchange_weak(below, entry)) entry->next = below;
   // The first entry asks for attention; should the interpreter's queue be full, the next call into the module
   // or out of it does the work.
-  if (entry->next == nullptr && !stopping()) Py_AddPendingCall(drop_as_pending_call, nullptr);
+  if (below == nullptr && !stopping()) Py_AddPendingCall(drop_as_pending_call, nullptr);
 }
 
 }  // namespace

@@ -119,6 +119,51 @@ def test_a_forked_worker_begins_anew(python):
     assert (code, out, err) == (0, "beside a pin\n5\n", "")
 
 
+def test_questions_while_another_thread_starts_the_manager(python):
+    code, out, err = python("""
+        import types
+        module = sys.modules["tidalcrest.security.transport"] = types.ModuleType("transport")
+        module.validate_bearer_transport_url = lambda address: time.sleep(0.05)
+        manager = tc.SyncManager(data_dir, **options)
+        for _ in range(5):
+            starter = threading.Thread(target=manager.acquire)
+            starter.start()
+            while starter.is_alive():
+                manager.is_alive(), manager.status(), manager.consumer_count(), manager.get_manifest()
+            manager.release()
+    """)
+    assert (code, out, err) == (0, "", "")
+
+
+def test_managers_go_while_other_threads_collect_and_call(python):
+    code, out, err = python("""
+        import gc
+        shared = tc.SyncManager.get_or_create(data_dir, **options, poll_interval_s=0.01)
+        shared.sync()
+        end = time.monotonic() + 3
+        def come_and_go():
+            manager = tc.SyncManager(data_dir, **options, poll_interval_s=0.01)
+            manager.me = [manager.get_manifest().files]
+            manager.register_era_callback(lambda *event: gc.collect(0))
+            manager.start()
+            manager._notify_era_callbacks("kill", 1)
+        def found_again():
+            manager = tc.SyncManager.get_or_create(data_dir, **options)
+            manager.acquire(), manager.is_alive(), manager.release()
+        def until_the_end(call):
+            while time.monotonic() < end:
+                call()
+        threads = [threading.Thread(target=until_the_end, args=(call,))
+                   for call in (come_and_go, come_and_go, found_again, gc.collect, shared.sync, shared.verify)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join(30)
+        print(sum(thread.is_alive() for thread in threads))
+    """)
+    assert (code, out, err) == (0, "0\n", "")
+
+
 def test_ctrl_c_ends_a_wait(python, origin):
     origin.fault("/data/manifest* status=503 count=all")
     process = python.start("""
