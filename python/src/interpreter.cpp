@@ -99,7 +99,7 @@ Locked::~Locked() {
 }
 
 Unlocked::~Unlocked() {
-  while (is_closed && depth_inside == 0 && !is_exit_thread()) ::pause();
+  while (is_stopping && depth_inside == 0 && !is_exit_thread()) ::pause();
   PyEval_RestoreThread(_thread);
   drop_released_objects();
 }

@@ -12,8 +12,8 @@
 /// object never waits for it (`ObjectRef`).
 ///
 /// At exit the interpreter goes while threads of ours may still run. `stopping()` ends waits and transfers of
-/// every call; then the door closes: no thread enters any more, one that comes back from a call stays away
-/// for good, as CPython's own daemon threads do, and those inside are waited for.
+/// every call, and a daemon thread that comes back from one stays away for good; then the door closes: no
+/// callback enters any more, and those inside are waited for.
 namespace tidalcrest::sync::python {
 
 /// Holds the GIL on a thread that may or may not hold it already. Throws `RuntimeError` once the door is
