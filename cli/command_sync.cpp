@@ -1,15 +1,9 @@
-#include "command_sync.hpp"
-
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstdio>
-#include <memory>
 
-#include "display.hpp"
-#include "exit_code.hpp"
-#include "interrupt.hpp"
-#include "manager_arguments.hpp"
+#include "commands.hpp"
+#include "run.hpp"
 #include "tidalcrest/sync/sync.hpp"
 #include "units.hpp"
 
@@ -42,14 +36,9 @@ Document result_document(const sync::SyncResult& result, const sync::SyncManager
   };
 }
 
-// Paths need not be UTF-8; JSON must be.
-void print_json(const Document& document) {
-  fmt::print("{}\n", document.dump(-1, ' ', false, Document::error_handler_t::replace));
-}
-
-void report_success(const ManagerArguments& arguments, Display& display, const sync::SyncManager& manager,
+void report_success(bool json, const Display& display, const sync::SyncManager& manager,
                     const sync::SyncResult& result, double seconds) {
-  if (arguments.json) return print_json(result_document(result, manager, seconds));
+  if (json) return print_json(result_document(result, manager, seconds));
   const auto manifest = manager.get_manifest();
   const auto totals = display.totals();
   fmt::print("In step with era {}, version {}: {} members active, ", result.era_number,
@@ -64,55 +53,25 @@ void report_success(const ManagerArguments& arguments, Display& display, const s
   fmt::print("{}\n", manager.active_data_dir());
 }
 
-void report_failure(const ManagerArguments& arguments, Display& display, const std::exception& failure,
-                    ExitCode code) {
-  const auto* known = dynamic_cast<const sync::Failure*>(&failure);
-  if (arguments.json) {
-    print_json(
-        {{"ok", false},
-         {"exit_code", static_cast<int>(code)},
-         {"error",
-          {{"type", known != nullptr ? known->type_name() : "RuntimeError"}, {"message", failure.what()}}}});
-    return;
-  }
-  if (code == EXIT_INTERRUPTED) {
-    const auto totals = display.totals();
-    display.say(fmt::format(
-        "Stopped. The published cohort is as it was. Kept for the next sync: {} of {} files, {} in all, "
-        "below {}.",
-        count_text(totals.files_done), count_text(totals.files),
-        bytes_text(static_cast<double>(totals.bytes_done)), arguments.data_dir + "/.tidalcrest-cohorts"));
-    return;
-  }
-  display.say(fmt::format("error: {}", failure.what()));
+ExitCode sync_once(const ManagerArguments& arguments, const std::shared_ptr<Display>& display) {
+  const auto started = std::chrono::steady_clock::now();
+  const auto options = arguments.options(display);
+  wait_for_other_processes(arguments.common, *display);
+  sync::SyncManager manager(options);
+  const sync::SyncResult result = manager.sync();
+  display->finish();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  report_success(arguments.common.json, *display, manager, result, seconds);
+  return EXIT_IN_STEP;
 }
 
-ExitCode run_sync(const ManagerArguments& arguments) {
-  auto display = std::make_shared<Display>(style_for_standard_error(arguments.json));
-  sync::set_log_sink([display, verbose = arguments.verbose](const sync::LogRecord& record) {
-    if (verbose && record.level < sync::LogLevel::warning) {
-      display->say(fmt::format("{}: {}", log_level_name(record.level), record.message));
-    }
-    display->log(record);
-  });
-  install_interrupt_handler();
-  const auto started = std::chrono::steady_clock::now();
-  ExitCode code = EXIT_IN_STEP;
-  try {
-    sync::SyncManager manager(arguments.options(display));
-    const sync::ScopedBackoffContext context(
-        {.surface = "command_line", .data_dir = arguments.data_dir, .stop_requested = interrupted});
-    const sync::SyncResult result = manager.sync();
-    display->finish();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    report_success(arguments, *display, manager, result, seconds);
-  } catch (const std::exception& failure) {
-    display->finish();
-    code = exit_code_for(failure);
-    report_failure(arguments, *display, failure, code);
-  }
-  sync::set_log_sink({});
-  return code;
+std::string what_is_kept(const ManagerArguments& arguments, const Display& display) {
+  const auto totals = display.totals();
+  if (totals.files == 0) return INTERRUPTED_TEXT;
+  return fmt::format("{} Kept for the next sync: {} of {} files, {} in all, below {}.", INTERRUPTED_TEXT,
+                     count_text(totals.files_done), count_text(totals.files),
+                     bytes_text(static_cast<double>(totals.bytes_done)),
+                     arguments.common.data_dir + "/.tidalcrest-cohorts");
 }
 
 }  // namespace
@@ -120,9 +79,17 @@ ExitCode run_sync(const ManagerArguments& arguments) {
 void add_sync_command(CLI::App& app, int& exit_code) {
   auto* command = app.add_subcommand(
       "sync", "Bring the data directory in step with the server: fetch what changed, prove it, publish it");
+  command->footer(
+      "Nothing is visible to readers before all of it is proven. A stopped or failed sync is continued by "
+      "the\n"
+      "next one. Prints the directory in which the published files lie.");
   auto arguments = std::make_shared<ManagerArguments>();
   arguments->add_to(*command);
-  command->callback([arguments, &exit_code] { exit_code = run_sync(*arguments); });
+  command->callback([arguments, &exit_code] {
+    exit_code = run_command(
+        arguments->common, [&](const auto& display) { return sync_once(*arguments, display); },
+        [&](const Display& display) { return what_is_kept(*arguments, display); });
+  });
 }
 
 }  // namespace tidalcrest::cli

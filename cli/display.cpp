@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "units.hpp"
 
@@ -104,12 +105,31 @@ void Display::show_wait(const sync::Document& event) {
   _wait_until =
       Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   if (_style == DisplayStyle::plain)
-    print_line(fmt::format("waiting {} s: {}", duration_text(seconds), _waiting));
+    print_line(fmt::format("waiting {}: {}", duration_text(seconds), _waiting));
 }
 
 void Display::say(const std::string& line) {
   const std::lock_guard lock(_mutex);
   print_line(line);
+}
+
+void Display::note(const std::string& line) {
+  if (_style != DisplayStyle::quiet) say(line);
+}
+
+void Display::answer(const std::string& line) {
+  const std::lock_guard lock(_mutex);
+  clear_live_line();
+  std::fflush(stderr);
+  std::fputs((line + "\n").c_str(), stdout);
+  std::fflush(stdout);
+}
+
+void Display::idle(std::string text) {
+  const std::lock_guard lock(_mutex);
+  _phase.clear();
+  _waiting.clear();
+  _idle_text = std::move(text);
 }
 
 void Display::print_line(const std::string& line) {
@@ -124,7 +144,10 @@ void Display::clear_live_line() {
 }
 
 std::string Display::live_line() const {
-  if (_phase != "downloading" || _totals.files == 0) return _phase.empty() ? "starting" : _phase;
+  const bool between_syncs = _phase.empty() || _phase == "checking";
+  if (between_syncs && !_idle_text.empty()) return _idle_text + waiting_text();
+  if (_phase != "downloading" || _totals.files == 0)
+    return (_phase.empty() ? "starting" : _phase) + waiting_text();
   std::string line =
       fmt::format("{}/{} files  {} of {}", count_text(_totals.files_done), count_text(_totals.files),
                   bytes_text(static_cast<double>(std::max<std::int64_t>(_totals.bytes_done, 0))),
@@ -136,11 +159,13 @@ std::string Display::live_line() const {
         static_cast<double>(std::max<std::int64_t>(_totals.bytes - _totals.bytes_done, 0)) / rate;
     line += fmt::format("  {}/s  {} left", bytes_text(rate), duration_text(left));
   }
-  if (!_waiting.empty() && Clock::now() < _wait_until) {
-    const double seconds = std::chrono::duration<double>(_wait_until - Clock::now()).count();
-    line += fmt::format("  waiting {} for {}", duration_text(seconds), _waiting);
-  }
-  return line;
+  return line + waiting_text();
+}
+
+std::string Display::waiting_text() const {
+  if (_waiting.empty() || Clock::now() >= _wait_until) return "";
+  const double seconds = std::chrono::duration<double>(_wait_until - Clock::now()).count();
+  return fmt::format("  waiting {}: {}", duration_text(seconds), _waiting);
 }
 
 void Display::redraw_until_finished() {

@@ -35,6 +35,13 @@ class Display : public sync::SyncProgress {
   void log(const sync::LogRecord& record);
   /// Prints a line of its own, above the live line.
   void say(const std::string& line);
+  /// The same, where people watch: nothing in quiet style.
+  void note(const std::string& line);
+  /// Prints a line on standard output, at once.
+  void answer(const std::string& line);
+  /// What the live line shows between two syncs.
+  void idle(std::string text);
+  bool is_live() const noexcept { return _style == DisplayStyle::live; }
   /// Ends the live line.
   void finish();
 
@@ -50,6 +57,7 @@ class Display : public sync::SyncProgress {
   using Clock = std::chrono::steady_clock;
   void redraw_until_finished();
   std::string live_line() const;
+  std::string waiting_text() const;
   void show_wait(const sync::Document& event);
   void print_line(const std::string& line);
   void clear_live_line();
@@ -60,6 +68,7 @@ class Display : public sync::SyncProgress {
   bool _finished = false;
   bool _line_shown = false;
   std::string _phase;
+  std::string _idle_text;
   std::string _waiting;  // empty when nothing is waited for
   Clock::time_point _wait_until;
   Clock::time_point _download_started;

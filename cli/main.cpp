@@ -1,20 +1,30 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
-#include "command_sync.hpp"
+#include "commands.hpp"
 #include "exit_code.hpp"
 
 int main(int argc, char** argv) {
   using namespace tidalcrest::cli;
-  CLI::App app{
-      "Keeps a local data directory in step with a remote distribution: exact, verified, immutable."};
+  CLI::App app{"Keeps a local data directory in step with a remote distribution: exact, verified, immutable.",
+               "tidalcrest-sync"};
+  app.set_version_flag("--version", std::string("tidalcrest-sync ") + TIDALCREST_VERSION);
   app.footer(
+      "Start with `sync`; every command tells more with --help.\n"
       "Exit codes: 0 in step, 1 failed, 2 usage, 3 unavailable, 4 refused (downgrade, era, identity, "
       "market),\n"
       "5 disk space, 130 interrupted.");
   app.require_subcommand(1);
   int exit_code = EXIT_IN_STEP;
   add_sync_command(app, exit_code);
+  add_watch_command(app, exit_code);
+  add_status_command(app, exit_code);
+  add_snapshot_command(app, exit_code);
+  add_verify_command(app, exit_code);
+  add_repair_command(app, exit_code);
+  add_features_command(app, exit_code);
+  add_gc_command(app, exit_code);
+  add_cleanup_eras_command(app, exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& failure) {

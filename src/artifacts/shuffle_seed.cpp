@@ -142,8 +142,7 @@ ShuffleSeed::ShuffleSeed(std::string server_url, const ManagerHttp& http, const 
                          Seams seams)
     : _server_url(std::move(server_url)), _http(http), _active(active), _seams(std::move(seams)) {}
 
-WalletSecret ShuffleSeed::_wallet_secret() const {
-  const auto supplier = _http.credentials().wallet_secret_supplier();
+WalletSecret supplied_wallet_secret(const std::function<std::optional<std::string>()>& supplier) {
   if (!supplier) throw SyncError("wallet_secret supplier is required to authenticate shuffle seed state");
   std::optional<std::string> supplied = supplier();
   WalletSecret secret(std::move(supplied).value_or(std::string()));
@@ -151,6 +150,10 @@ WalletSecret ShuffleSeed::_wallet_secret() const {
     throw SyncError("wallet_secret must be exactly 32 bytes");
   }
   return secret;
+}
+
+WalletSecret ShuffleSeed::_wallet_secret() const {
+  return supplied_wallet_secret(_http.credentials().wallet_secret_supplier());
 }
 
 AuthenticatedSeed ShuffleSeed::_validate_pair(std::string_view manifest_bytes, std::string_view ciphertext,

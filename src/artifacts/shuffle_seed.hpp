@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,12 +40,15 @@ class WalletSecret {
   std::string _bytes;
 };
 
+/// Asks the supplier; `SyncError` when there is none or it gives something else than 32 bytes.
+WalletSecret supplied_wallet_secret(const std::function<std::optional<std::string>()>& supplier);
+
 /// Fetches, stores and proves the encrypted seed pair of a root. It never sees the seed: the sibling module
 /// opens the pair with the wallet secret, which is asked for at each proof and kept nowhere.
 class ShuffleSeed {
  public:
   ShuffleSeed(std::string server_url, const ManagerHttp& http, const ActiveViewHolder& active, Seams seams);
-  /// Asks the supplier at each call; `SyncError` when there is none or it gives something else than 32 bytes.
+  /// Asks the manager's supplier at each call.
   WalletSecret _wallet_secret() const;
   /// `FileNotFoundError` for a missing half, `SyncError` for a pair that does not authenticate.
   shuffle_seed_state::AuthenticatedSeed _validate_shuffle_seed_at_root(const std::string& root_dir,

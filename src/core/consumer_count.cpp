@@ -12,8 +12,6 @@
 namespace tidalcrest::sync {
 namespace {
 
-constexpr const char* CONSUMER_COUNT_FILENAME = ".consumer_count";
-
 std::string read_text(const std::string& path) {
   std::ifstream file(path);
   std::ostringstream text;

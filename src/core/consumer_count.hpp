@@ -6,6 +6,8 @@
 
 namespace tidalcrest::sync {
 
+inline constexpr const char* CONSUMER_COUNT_FILENAME = ".consumer_count";
+
 /// The record of a manager's consumers in `.consumer_count`: one decimal integer, for restarts. It is taken
 /// at face value and does not count consumers across processes. Reading is thread-safe; the caller guards the
 /// changes (the manager's consumer lock).

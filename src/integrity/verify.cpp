@@ -55,7 +55,7 @@ class Verification {
   }
 
   // The pair is reported together, since neither half can be told to be the bad one.
-  void check_seed_pair(const ShuffleSeed& shuffle_seed) {
+  void check_seed_pair(const std::function<WalletSecret()>& wallet_secret) {
     const auto ciphertext = read_if_there(SHUFFLE_SEED_FILE, "active shuffle seed ciphertext");
     const auto metadata = read_if_there(SHUFFLE_SEED_METADATA_FILE, "active shuffle seed metadata");
     if (!ciphertext) add_missing(SHUFFLE_SEED_FILE);
@@ -68,7 +68,7 @@ class Verification {
     report(
         [&] {
           shuffle_seed_state::validate_shuffle_seed_pair(_pinned.selection->manifest_bytes, *ciphertext,
-                                                         *metadata, shuffle_seed._wallet_secret());
+                                                         *metadata, wallet_secret());
         },
         pair_is_bad, pair_is_bad);
   }
@@ -96,9 +96,9 @@ class Verification {
 
 }  // namespace
 
-VerifyResult Verify::verify() const {
+VerifyResult verify_selected_cohort(const std::string& data_dir,
+                                    const std::function<WalletSecret()>& wallet_secret) {
   VerifyResult result;
-  if (!_active.get()->manifest) return result;
   const auto selector_is_missing = [&] {
     result.missing_files.emplace_back("manifest.json");
     result.valid = false;
@@ -109,15 +109,20 @@ VerifyResult Verify::verify() const {
   };
   report(
       [&] {
-        const DistributionLock shared = acquire_distribution_lock(_data_dir, /*exclusive=*/false);
-        const Pin pinned = local_cohort::pin_active_cohort(_data_dir);
+        const DistributionLock shared = acquire_distribution_lock(data_dir, /*exclusive=*/false);
+        const Pin pinned = local_cohort::pin_active_cohort(data_dir);
         Verification verification(pinned, result);
         verification.check_members();
-        verification.check_seed_pair(_shuffle_seed);
+        verification.check_seed_pair(wallet_secret);
         pinned.root.assert_root_unchanged();
       },
       selector_is_missing, selector_is_bad);
   return result;
+}
+
+VerifyResult Verify::verify() const {
+  if (!_active.get()->manifest) return {};
+  return verify_selected_cohort(_data_dir, [this] { return _shuffle_seed._wallet_secret(); });
 }
 
 }  // namespace tidalcrest::sync

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "artifacts/shuffle_seed.hpp"
@@ -7,6 +8,12 @@
 #include "tidalcrest/sync/records.hpp"
 
 namespace tidalcrest::sync {
+
+/// Measures every member of the selected cohort, and authenticates its seed pair, under the shared
+/// distribution lock and a pin. A bad selector is a report and no exception; what `wallet_secret` throws
+/// passes through.
+VerifyResult verify_selected_cohort(const std::string& data_dir,
+                                    const std::function<WalletSecret()>& wallet_secret);
 
 /// Tells whether the active cohort on disk is what was published, and changes nothing. A reader of other
 /// processes' kind: it takes the shared distribution lock and a pin, not the sync lock.

@@ -5,6 +5,7 @@
 #include "tidalcrest/sync/cohort_pin.hpp"
 #include "tidalcrest/sync/collection.hpp"
 #include "tidalcrest/sync/constants.hpp"
+#include "tidalcrest/sync/data_directory.hpp"
 #include "tidalcrest/sync/document.hpp"
 #include "tidalcrest/sync/era_callback.hpp"
 #include "tidalcrest/sync/era_thread.hpp"

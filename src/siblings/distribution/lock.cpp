@@ -102,4 +102,20 @@ DistributionLock acquire_distribution_lock(const std::string& data_dir, bool exc
   }
 }
 
+bool distribution_lock_is_busy(const std::string& data_dir) {
+  const PinnedRoot root(data_dir);
+  const std::string path = local_cohort::DISTRIBUTION_LOCK_FILE;
+  Descriptor file(client_manifest::open_beneath(root.descriptor(), path, O_RDONLY | O_NONBLOCK));
+  if (!file) {
+    if (client_manifest::means_wrong_or_missing_file(errno)) return false;
+    throw_os_error(errno, root.display_path(path));
+  }
+  if (disk_calls().lock(file.get(), LOCK_SH | LOCK_NB) == 0) {
+    DistributionLock(file.release()).close();
+    return false;
+  }
+  if (errno != EWOULDBLOCK) throw_os_error(errno, root.display_path(path));
+  return true;
+}
+
 }  // namespace tidalcrest::sync
