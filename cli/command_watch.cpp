@@ -55,6 +55,12 @@ void stop(sync::SyncManager& manager) {
   manager.stop();
 }
 
+// A monitor that starts without a manifest never comes to know an era; with the first cohort it starts anew.
+void restart(sync::SyncManager& manager) {
+  stop(manager);
+  manager.acquire();
+}
+
 ExitCode watch(const WatchArguments& arguments, const std::shared_ptr<Display>& display) {
   const auto& common = arguments.manager.common;
   const auto report = std::make_shared<WatchReport>(display, common.json);
@@ -69,9 +75,14 @@ ExitCode watch(const WatchArguments& arguments, const std::shared_ptr<Display>& 
   manager.register_era_callback(era_events_to(report));
   report->started(manager.data_dir(), manager.server_url(), manager.poll_interval_s());
   Look changes(manager, *report);
+  bool follows_the_era = manager.get_manifest() != nullptr;
   manager.acquire();
   while (!interrupted()) {
     changes.look();
+    if (!follows_the_era && manager.get_manifest() && !sync::DataDirectory(common.data_dir).is_busy()) {
+      restart(manager);
+      follows_the_era = true;
+    }
     std::this_thread::sleep_for(LOOK_INTERVAL);
   }
   report->stopping();
