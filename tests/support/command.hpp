@@ -22,7 +22,7 @@ bool eventually(Condition condition, std::chrono::seconds patience = std::chrono
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return true;
 }
