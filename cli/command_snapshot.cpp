@@ -11,10 +11,12 @@ ExitCode snapshot(const CommonArguments& arguments, Display& display) {
   const auto cohort = sync::DataDirectory(arguments.data_dir).active_cohort_snapshot();
   display.finish();
   if (arguments.json) {
+    const auto manifest = sync::Document::parse(cohort.manifest_bytes());
     print_json({{"ok", true},
                 {"base_dir", cohort.base_dir()},
                 {"root_dir", cohort.root_dir()},
-                {"manifest_bytes", cohort.manifest_bytes().size()}});
+                {"era_number", manifest.at("era_number")},
+                {"version", manifest.at("version")}});
   } else {
     fmt::print("{}\n", cohort.root_dir());
   }

@@ -173,9 +173,10 @@ void Display::redraw_until_finished() {
   while (!_finished) {
     std::string line = live_line();
     if (line.size() >= terminal_width()) line.resize(terminal_width() - 1);
-    std::fputs(("\r\033[K" + line).c_str(), stderr);
+    if (!_line_shown || line != _shown_line) std::fputs(("\r\033[K" + line).c_str(), stderr);
     std::fflush(stderr);
     _line_shown = true;
+    _shown_line = std::move(line);
     _wake.wait_for(lock, REDRAW_INTERVAL, [this] { return _finished; });
   }
   clear_live_line();

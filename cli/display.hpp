@@ -67,6 +67,7 @@ class Display : public sync::SyncProgress {
   std::condition_variable _wake;
   bool _finished = false;
   bool _line_shown = false;
+  std::string _shown_line;
   std::string _phase;
   std::string _idle_text;
   std::string _waiting;  // empty when nothing is waited for

@@ -36,8 +36,8 @@ std::string cohort_lines(const Document& status) {
   return line("cohort", fmt::format("era {}, version {}, market {}", plain(cohort.at("era_number")),
                                     plain(cohort.at("version")), plain(cohort.at("market_id")))) +
          line("identity", plain(cohort.at("manifest_sha256"))) + line("root", plain(cohort.at("root_dir"))) +
-         line("members", fmt::format("{} of {} files, {}", count(cohort, "members"),
-                                     count(cohort, "manifest_files"), bytes(cohort, "member_bytes")));
+         line("members", fmt::format("{}, {} (the manifest names {} files)", count(cohort, "members"),
+                                     bytes(cohort, "member_bytes"), count(cohort, "manifest_files")));
 }
 
 std::string rotation_line(const Document& rotation) {

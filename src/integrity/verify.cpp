@@ -6,6 +6,7 @@
 #include "rotation/exclusion.hpp"
 #include "siblings/distribution/local_cohort.hpp"
 #include "siblings/distribution/lock.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -38,6 +39,13 @@ void report(const Check& check, const Missing& missing, const Corrupted& corrupt
   }
 }
 
+// A stop ends the measuring like every other long proof.
+void heed_stop_request() {
+  const auto module = sync_backoff::module_seam().current();
+  const auto stop_requested = module->current_context().stop_requested;
+  if (stop_requested && stop_requested()) module->raise_cancelled();
+}
+
 class Verification {
  public:
   Verification(const Pin& pinned, VerifyResult& result) : _pinned(pinned), _result(result) {}
@@ -49,6 +57,7 @@ class Verification {
           manifest_files != nullptr ? find_member(*manifest_files, file_path) : nullptr;
       if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))
         continue;
+      heed_stop_request();
       report([&] { _pinned.verify_manifest_file_identity(file_path, "active cohort artifact"); },
              [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
     }

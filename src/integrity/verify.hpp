@@ -11,7 +11,7 @@ namespace tidalcrest::sync {
 
 /// Measures every member of the selected cohort, and authenticates its seed pair, under the shared
 /// distribution lock and a pin. A bad selector is a report and no exception; what `wallet_secret` throws
-/// passes through.
+/// passes through, and so does `SyncBackoffCancelled` when the calling thread is asked to stop.
 VerifyResult verify_selected_cohort(const std::string& data_dir,
                                     const std::function<WalletSecret()>& wallet_secret);
 
