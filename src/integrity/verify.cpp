@@ -42,8 +42,7 @@ void report(const Check& check, const Missing& missing, const Corrupted& corrupt
 // A stop ends the measuring like every other long proof.
 void heed_stop_request() {
   const auto module = sync_backoff::module_seam().current();
-  const auto stop_requested = module->current_context().stop_requested;
-  if (stop_requested && stop_requested()) module->raise_cancelled();
+  if (sync_backoff::is_stop_requested(module->current_context())) sync_backoff::cancel(*module);
 }
 
 class Verification {
