@@ -1,73 +1,17 @@
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <random>
 
-#include "build_paths.hpp"
-#include "support/sync_fixture.hpp"
+#include "support/command_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using testing::Command;
 
-/// Runs the command line in a process of its own.
-class SyncProcess {
+class KillTest : public testing::CommandFixture {
  public:
-  explicit SyncProcess(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv;
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    _pid = ::fork();
-    if (_pid == 0) {
-      const int null = ::open("/dev/null", O_RDWR);
-      ::dup2(null, STDOUT_FILENO);
-      ::dup2(null, STDERR_FILENO);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-  }
-  ~SyncProcess() {
-    if (_pid > 0) kill_now();
-  }
-  void kill_now() { end_with(SIGKILL); }
-  int end_with(int signal) {
-    ::kill(_pid, signal);
-    return wait();
-  }
-  int wait() {
-    int status = 0;
-    ::waitpid(_pid, &status, 0);
-    _pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t _pid = -1;
-};
-
-class KillTest : public testing::SyncFixture {
- public:
-  KillTest() {
-    secrets.write("token", origin.token());
-    secrets.write("wallet", origin.wallet_secret());
-  }
-  std::vector<std::string> command() {
-    return {TIDALCREST_SYNC_PROGRAM,
-            "sync",
-            "--json",
-            "--data-dir",
-            data.path(),
-            "--server-url",
-            origin.server_url(),
-            "--token-file",
-            secrets.path("token"),
-            "--wallet-secret-file",
-            secrets.path("wallet")};
-  }
+  Arguments command() const { return remote("sync", {"--json"}); }
   origin::ManifestBuilder generation(int number) {
     auto content = small_distribution();
     for (int i = 0; i < 30; ++i) {
@@ -80,8 +24,6 @@ class KillTest : public testing::SyncFixture {
   std::string selected_bytes() {
     return data.has("manifest.json") ? data.read("manifest.json") : std::string();
   }
-
-  testing::TempDir secrets;
 };
 
 TEST_F(KillTest, KilledAtAnyMomentLeavesTheOldCohortOrTheNewOne) {
@@ -94,10 +36,10 @@ TEST_F(KillTest, KilledAtAnyMomentLeavesTheOldCohortOrTheNewOne) {
     SCOPED_TRACE(round);
     const std::string new_bytes = origin.publish(generation(round)).manifest_bytes;
     {
-      SyncProcess victim(command());
+      Command victim(command());
       const double share = std::uniform_real_distribution<double>(0.0, 1.1)(random);
       std::this_thread::sleep_for(whole_run * share);
-      victim.kill_now();
+      victim.end_with(SIGKILL);
     }
     const std::string selected = selected_bytes();
     ASSERT_TRUE(selected == old_bytes || selected == new_bytes);
@@ -111,7 +53,7 @@ TEST_F(KillTest, KilledAtAnyMomentLeavesTheOldCohortOrTheNewOne) {
       }
     }
     const auto started = Clock::now();
-    ASSERT_EQ(SyncProcess(command()).wait(), 0);
+    ASSERT_EQ(run(command()).code, 0);
     if (round == 0) whole_run = Clock::now() - started;
     ASSERT_EQ(selected_bytes(), new_bytes);
     ASSERT_TRUE(make_manager()->verify().valid);
@@ -124,7 +66,7 @@ TEST_F(KillTest, InterruptEndsTheCommandCleanlyAndExitCodesTellWhatHappened) {
   origin.publish(generation(0));
   origin.fault("reference/*", {.kind = origin::Fault::Kind::STALL, .after = 100, .seconds = 30, .count = 0});
   {
-    SyncProcess stalled(command());
+    Command stalled(command());
     while (origin.requests("reference/*").empty()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     const auto started = Clock::now();
     EXPECT_EQ(stalled.end_with(SIGINT), 130);
@@ -132,19 +74,19 @@ TEST_F(KillTest, InterruptEndsTheCommandCleanlyAndExitCodesTellWhatHappened) {
   }
   origin.clear_faults();
   EXPECT_EQ(selected_bytes(), "");
-  EXPECT_EQ(SyncProcess({TIDALCREST_SYNC_PROGRAM, "sync"}).wait(), 2);
+  EXPECT_EQ(run({"sync"}).code, 2);
 
   origin.fault("/data/manifest/version", {.status = 503, .body = R"({"retryable": false})"});
-  EXPECT_EQ(SyncProcess(command()).wait(), 3);
-  EXPECT_EQ(SyncProcess(command()).wait(), 0);
+  EXPECT_EQ(run(command()).code, 3);
+  EXPECT_EQ(run(command()).code, 0);
   origin.publish(generation(0).era(7));
-  EXPECT_EQ(SyncProcess(command()).wait(), 4);
+  EXPECT_EQ(run(command()).code, 4);
   auto other_market = command();
   other_market.insert(other_market.end(), {"--market-id", "9"});
-  EXPECT_EQ(SyncProcess(other_market).wait(), 4);
+  EXPECT_EQ(run(other_market).code, 4);
   auto no_token = command();
   secrets.remove("token");
-  EXPECT_EQ(SyncProcess(no_token).wait(), 1);
+  EXPECT_EQ(run(no_token).code, 1);
 }
 
 }  // namespace
