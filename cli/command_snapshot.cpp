@@ -26,8 +26,7 @@ ExitCode snapshot(const CommonArguments& arguments, Display& display) {
 }  // namespace
 
 void add_snapshot_command(CLI::App& app, int& exit_code) {
-  auto* command = app.add_subcommand(
-      "snapshot", "Print the directory of the published cohort: cd \"$(... snapshot ...)\"");
+  auto* command = app.add_subcommand("snapshot", "Print the directory in which the published files lie");
   command->footer(
       "What is in it never changes. It stays readable at least until one more version has been published "
       "and\n"
