@@ -4,7 +4,6 @@
 #include "artifacts/vocabulary.hpp"
 #include "host/log.hpp"
 #include "manifest/identity.hpp"
-#include "manifest/persistence.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -94,9 +93,8 @@ bool CohortLoader::_is_in_step(const ActiveView& view) const {
 void CohortLoader::_prove_selected_cohort() {
   const local_cohort::Pin pin = local_cohort::pin_active_cohort(_data_dir);
   const auto& selection = pin.selection;
-  const std::string label = "active cohort manifest.json";
-  auto manifest = std::make_shared<const Manifest>(
-      _parse_full_distribution_manifest_bytes(selection->manifest_bytes, label));
+  // Parsed from the exact bytes when the selection was loaded.
+  auto manifest = std::make_shared<const Manifest>(selection->manifest);
   _require_manifest_market_identity(*manifest, _market_id, "active local cohort manifest.json");
   _planner._normalize_active_rotation_state_for_manifest(*manifest);
   _load_manifest_signals_index(selection->root_dir, *manifest);

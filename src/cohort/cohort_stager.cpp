@@ -238,7 +238,8 @@ void StagingRun::prove_members_and_complete() {
     derived_artifacts[snapshot_path] = std::move(mapping);
   }
   _artifact_identities =
-      prove_exact_identities(_manifest, _roots.candidate_root, _completion_paths, _stop_check);
+      prove_exact_identities(_manifest, _roots.candidate_root, _completion_paths, _stop_check,
+                             _roots.same_identity ? nullptr : &_with.hash_cache);
   _completion = local_cohort::build_completion_payload(_manifest_bytes, _completion_paths,
                                                        _artifact_identities, derived_artifacts);
   local_cohort::complete_generation(_roots.candidate_root, _manifest_bytes, _completion);

@@ -155,14 +155,17 @@ DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::s
 local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest,
                                                         const std::string& candidate_root,
                                                         const std::vector<std::string>& completion_paths,
-                                                        const StopCheck& stop_check) {
+                                                        const StopCheck& stop_check, HashCache* remembering) {
   const PinnedRoot candidate(candidate_root);
   std::vector<local_cohort::ArtifactIdentity> in_order(completion_paths.size());
   parallel_in_order(completion_paths.size(), usable_cores(), [&](std::size_t i) {
     stop_check();
     const std::string& path = completion_paths[i];
     const auto identity = candidate.identify_regular_file(path, "candidate cohort artifact");
-    check_declared_identity(manifest.file_entry(path), identity, path);
+    const Document* file_info = manifest.file_entry(path);
+    check_declared_identity(file_info, identity, path);
+    if (remembering != nullptr && file_info != nullptr && text_member(*file_info, "kind") != "vault_module")
+      remembering->_remember_local_sha(path, identity);
     in_order[i] = {identity.sha256, identity.size_bytes};
   });
   local_cohort::ArtifactIdentities identities;

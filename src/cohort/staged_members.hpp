@@ -44,11 +44,13 @@ DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::s
                                           const std::vector<std::string>& selected_paths);
 
 /// Measures every completion path once more from the disk, on all cores, against what the manifest declares.
-/// The first failure in path order is the one that is thrown.
+/// The first failure in path order is the one that is thrown. `remembering`, when given, learns what the
+/// files of a root that is going to be published were measured to be.
 local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest,
                                                         const std::string& candidate_root,
                                                         const std::vector<std::string>& completion_paths,
-                                                        const StopCheck& stop_check);
+                                                        const StopCheck& stop_check,
+                                                        HashCache* remembering = nullptr);
 
 /// Copies into the active generation what differs from the staged copy; what is right already stays
 /// untouched.

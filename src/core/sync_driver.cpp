@@ -16,6 +16,7 @@
 #include "manifest/persistence.hpp"
 #include "manifest/sanitising.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -166,11 +167,14 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   _apply_manifest_counts(result, manifest);
   _apply_vocabulary_metadata(result, *local_vocabularies);
   _cleanup_sync_tmp_files(_data_dir);
+  // What had to be hashed just now is known to the next process too.
+  _with.hash_cache._persist_hash_cache();
   return result;
 }
 
 void SyncDriver::_prove_active_members(const ActiveView& view, const RotationSelection& selection) const {
   const client_manifest::PinnedRoot root(view.data_dir);
+  client_manifest::DirectoryCursor cursor(root);
   for (const auto& file_path : selection.active_relative_paths) {
     const Document* file_info = find_member(view.manifest->files(), file_path);
     if (file_info == nullptr || file_info->is_null()) {
@@ -180,7 +184,7 @@ void SyncDriver::_prove_active_members(const ActiveView& view, const RotationSel
     if (_manifest_file_is_sync_excluded(*file_info)) continue;
     const Document* kind = find_member(*file_info, "kind");
     const bool cache_allowed = kind == nullptr || *kind != "vault_module";
-    if (!_with.hash_cache._local_file_matches_manifest(root, file_path, *file_info, cache_allowed)) {
+    if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed)) {
       throw SyncError("Manifest version matched but local data files need repair");
     }
   }
@@ -193,8 +197,8 @@ SyncResult SyncDriver::_full_sync() {
   const auto body = std::make_shared<const std::string>(std::move(answer.body));
 
   // Sanitised as it is built.
-  const auto server_manifest = std::make_shared<const Manifest>(
-      _parse_full_distribution_manifest_bytes(*body, "server manifest.json"));
+  const auto server_manifest =
+      std::make_shared<const Manifest>(_shared_full_distribution_manifest(*body, "server manifest.json"));
   _require_manifest_market_identity(*server_manifest, _market_id, "server manifest.json");
 
   const auto view = _with.active.get();

@@ -33,9 +33,17 @@ class DocumentBuilder {
   bool number_float(number_float_t value, const string_t&) { return put(value); }
   bool string(string_t& value) { return put(std::move(value)); }
   bool binary(binary_t&) { return false; }
-  bool start_object(std::size_t) { return open(Document::object()); }
+  bool start_object(std::size_t) {
+    Document object = Document::object();
+    object.get_ref<Document::object_t&>().reserve(_likely_members);
+    return open(std::move(object));
+  }
   bool start_array(std::size_t) { return open(Document::array()); }
-  bool end_object() { return close(); }
+  bool end_object() {
+    const std::size_t members = _open.back()->size();
+    if (members <= SMALL_OBJECT) _likely_members = members;
+    return close();
+  }
   bool end_array() { return close(); }
 
   bool key(string_t& name) {
@@ -91,8 +99,11 @@ class DocumentBuilder {
     return true;
   }
 
+  static constexpr std::size_t SMALL_OBJECT = 8;  // members
+
   const bool _strict;
   const std::size_t _depth_limit;
+  std::size_t _likely_members = 0;  // as many as the last small object: entries of one map look alike
   Document _root;
   std::vector<Document*> _open;  // a parent does not grow while its child is open, so these stay valid
   Document* _member = nullptr;

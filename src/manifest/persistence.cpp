@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "download/local_files.hpp"
+#include "host/digest.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/local_path.hpp"
@@ -12,6 +13,7 @@
 #include "host/text.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/manifest_document.hpp"
+#include "siblings/distribution/parsed_manifests.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -46,6 +48,17 @@ std::optional<RecordedGeneration> recorded_generation(const Document& metadata) 
   const auto era = try_int(*era_number);
   if (!version_number || !era) return std::nullopt;
   return RecordedGeneration{*version_number, *era};
+}
+
+template <class Parse>
+auto as_manifest_error(const Parse& parse) {
+  try {
+    return parse();
+  } catch (const TypeError& failure) {
+    throw ManifestError(failure.what());
+  } catch (const ValueError& failure) {
+    throw ManifestError(failure.what());
+  }
 }
 
 bool is_recorded_server_hash(const Document& metadata, const std::string& hint) {
@@ -121,13 +134,13 @@ void _write_manifest_json(const std::string& data_dir, const Document& manifest_
 }
 
 Document _parse_full_distribution_manifest_bytes(std::string_view body, const std::string& label) {
-  try {
-    return client_manifest::parse_distribution_manifest_bytes(body, label);
-  } catch (const TypeError& failure) {
-    throw ManifestError(failure.what());
-  } catch (const ValueError& failure) {
-    throw ManifestError(failure.what());
-  }
+  return as_manifest_error([&] { return client_manifest::parse_distribution_manifest_bytes(body, label); });
+}
+
+std::shared_ptr<const Document> _shared_full_distribution_manifest(std::string_view body,
+                                                                   const std::string& label) {
+  return as_manifest_error(
+      [&] { return client_manifest::shared_manifest_document(body, sha256_hex(body), label); });
 }
 
 Document _read_distribution_manifest_file(const std::string& path, const std::string& label) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,8 +35,11 @@ bool _manifest_hash_hint_matches_local_state(const std::string& data_dir, std::i
 void _write_manifest_json(const std::string& data_dir, const Document& manifest_data, const Seams& seams,
                           const std::optional<std::string>& server_manifest_sha256 = {},
                           const std::optional<std::string>& server_manifest_body_sha256 = {});
-/// Both name the label in every failure, which is a `ManifestError`.
+/// All three name the label in every failure, which is a `ManifestError`.
 Document _parse_full_distribution_manifest_bytes(std::string_view body, const std::string& label);
+/// The same, without parsing when the document of these bytes is still held.
+std::shared_ptr<const Document> _shared_full_distribution_manifest(std::string_view body,
+                                                                   const std::string& label);
 Document _read_distribution_manifest_file(const std::string& path, const std::string& label);
 
 }  // namespace tidalcrest::sync

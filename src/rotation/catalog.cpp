@@ -11,6 +11,7 @@
 #include "host/text.hpp"
 #include "manifest/paths.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -244,13 +245,13 @@ std::vector<std::string> _existing_rotation_paths(const std::string& data_dir,
                                                   const std::vector<std::string>& relative_paths) {
   std::vector<std::string> existing;
   const auto root = pinned_if_present(data_dir);
+  if (!root) return existing;
+  client_manifest::DirectoryCursor cursor(*root);
   for (const auto& relative_path : relative_paths) {
     const std::string path = _safe_manifest_relative_path(relative_path);
     try {
-      if (root) {
-        root->stat_regular_file(path, "rotation artifact");
-        existing.push_back(path);
-      }
+      cursor.stat_regular_file(path, "rotation artifact");
+      existing.push_back(path);
     } catch (const FileNotFoundError&) {
       // Not there: left out.
     }

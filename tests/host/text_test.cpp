@@ -57,5 +57,17 @@ TEST(IntegerConversion, FollowsTheHost) {
   EXPECT_THROW(to_int(Document(1e300)), ValueError);
 }
 
+TEST(Text, FindsWhatIsNotUtf8AtEveryPlaceOfATextOfAscii) {
+  const std::string ascii(20, 'a');
+  EXPECT_TRUE(is_valid_utf8(ascii));
+  for (std::size_t at = 0; at <= ascii.size(); ++at) {
+    std::string text = ascii;
+    EXPECT_FALSE(is_valid_utf8(text.insert(at, "\xff"))) << at;
+    text = ascii;
+    EXPECT_TRUE(is_valid_utf8(text.insert(at, "\xc3\xa9"))) << at;
+    EXPECT_FALSE(is_valid_utf8(text.substr(0, at + 1))) << at;
+  }
+}
+
 }  // namespace
 }  // namespace tidalcrest::sync

@@ -123,6 +123,49 @@ TEST_F(HashCacheTest, ReadsADamagedFileAsAColdMiss) {
   }
 }
 
+// A text in the form that the cache writes is read directly. Whatever differs from it, if only by a blank,
+// must be read to the same end.
+TEST_F(HashCacheTest, ReadsItsOwnFormAsItReadsAnyOther) {
+  const auto entry = [](const std::string& path, const std::string& sha256, const std::string& inode) {
+    return "\"" + path + R"(": {"ctime_ns": 3, "device": 4, "inode": )" + inode +
+           R"(, "mtime_ns": 2, "sha256": ")" + sha256 + R"(", "size_bytes": 1})";
+  };
+  const auto text = [](const std::string& entries) {
+    return R"({"files": {)" + entries + R"(}, "version": 2})";
+  };
+  const std::string own = entry("a", SHA_A, "5");
+  struct Case {
+    const char* label;
+    std::string text;
+    std::optional<std::string> found;
+    std::size_t warnings;
+  };
+  const Case cases[] = {
+      {"own form", text(own + ", " + entry("b", SHA_B, "6")), SHA_A, 0},
+      {"one more blank", text(own) + " ", SHA_A, 0},
+      {"the last of two wins", text(own + ", " + entry("a", SHA_B, "5")), SHA_B, 0},
+      {"escaped path", text(entry("\\u0061", SHA_A, "5")), SHA_A, 0},
+      {"fraction", text(entry("a", SHA_A, "5.0")), SHA_A, 0},
+      {"number too large", text(entry("a", SHA_A, "99999999999999999999")), std::nullopt, 0},
+      {"leading zero", text(entry("a", SHA_A, "05")), std::nullopt, 1},
+      {"digest that is none", text(entry("a", "short", "5")), std::nullopt, 0},
+      {"another version", R"({"files": {)" + own + R"(}, "version": 3})", std::nullopt, 0},
+      {"text after the end", text(own) + "}", std::nullopt, 1},
+      {"cut in an entry", text(own).substr(0, 40), std::nullopt, 1},
+      {"cut in a number", text(own).substr(0, 27), std::nullopt, 1},
+      {"no entry", text(""), std::nullopt, 0},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.label);
+    log.clear();
+    write_cache(item.text);
+    const HashCache cache(data.path());
+    for (const auto& sha256 : {SHA_A, SHA_B})
+      EXPECT_EQ(cache._cached_local_sha("a", STAT, sha256).has_value(), item.found == sha256);
+    EXPECT_EQ(log.size(), item.warnings);
+  }
+}
+
 TEST_F(HashCacheTest, MatchesAFileAgainstItsDeclaration) {
   data.write("m/a", "content");
   const std::string sha = sha256_hex("content");

@@ -139,6 +139,36 @@ TEST_F(LocalCohortTest, IsCompleteOnlyWhenBothFilesAgreeWithTheName) {
   }
 }
 
+// A record in the form that is written is read directly; the same faults must be found there as in any other
+// form.
+TEST_F(LocalCohortTest, ReadsARecordOfItsOwnFormAsItReadsAnyOther) {
+  const std::string bytes = manifest(1);
+  const auto parsed = [&](const std::string& record) {
+    return parse_completion_record(record, sha256_hex(bytes), bytes.size());
+  };
+  const std::string own = completion(bytes).bytes;
+  const CompletedMembers members = parsed(own);
+  EXPECT_THAT(members.active_relative_paths, ElementsAre("m/a.bin", "snapshot"));
+  EXPECT_EQ(members.artifact_identities.at("m/a.bin"), (ArtifactIdentity{sha256_hex("bytes"), 5}));
+  const CompletedMembers other = parsed(dump_json(parse_json(own)));
+  EXPECT_EQ(other.active_relative_paths, members.active_relative_paths);
+  EXPECT_EQ(other.artifact_identities, members.artifact_identities);
+
+  const auto replaced = [&](const std::string& what, const std::string& by) {
+    std::string record = own;
+    return record.replace(record.find(what), what.size(), by);
+  };
+  const std::string digest = sha256_hex("bytes");
+  for (const auto& broken :
+       {replaced("\"snapshot\"]", "\"else\"]"), replaced("\"snapshot\":{\"sha", "\"m/a.bin\":{\"sha"),
+        replaced(",\"derived", ",\"active_relative_paths\":[],\"derived"), replaced(":5}", ":-5}"),
+        replaced(":5}", ":05}"), replaced(":5}", ":5.5}"), replaced("\"m/a.bin\":{", "\"../a\":{"),
+        replaced(digest, digest.substr(1)), replaced("\"schema_version\":1", "\"schema_version\":2"),
+        own + "}", own.substr(0, own.size() / 2)}) {
+    EXPECT_THROW(parsed(broken), ValueError) << broken;
+  }
+}
+
 TEST_F(LocalCohortTest, ASelectorWithoutAGenerationAndACorruptOneDiffer) {
   dir.write("manifest.json", manifest(1));
   EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);

@@ -3,10 +3,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
+#include <utility>
 
 #include "host/digest.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
+#include "host/text_scanner.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -74,6 +77,71 @@ std::vector<std::string> parse_active_paths(const Document& value, const Artifac
   return paths;
 }
 
+void require_heading(const Document& record, const std::string& manifest_sha256,
+                     std::size_t manifest_size_bytes) {
+  require_equal(record, "schema_version", SCHEMA_VERSION);
+  require_equal(record, "manifest_sha256", manifest_sha256);
+  require_equal(record, "manifest_size_bytes", manifest_size_bytes);
+  if (!member(record, "derived_artifacts").is_object()) {
+    throw ValueError("completion record derived_artifacts is not an object");
+  }
+}
+
+// The two members of a record that grow with the generation, and all others.
+struct SplitRecord {
+  CompletedMembers members;
+  Document short_members;
+};
+
+bool take_paths(TextScanner& scanner, std::vector<std::string>& paths) {
+  do {
+    const auto path = scanner.take_quoted();
+    if (!path) return false;
+    paths.emplace_back(*path);
+  } while (scanner.take(","));
+  return true;
+}
+
+// Sorted keys, so that none stands there twice.
+bool take_identities(TextScanner& scanner, ArtifactIdentities& identities) {
+  do {
+    const auto path = scanner.take_quoted();
+    if (!path || !scanner.take(":{\"sha256\":")) return false;
+    const auto sha256 = scanner.take_quoted();
+    if (!sha256 || !scanner.take(",\"size_bytes\":")) return false;
+    const auto size = scanner.take_integer();
+    if (!size || *size < 0 || !scanner.take("}")) return false;
+    if (!identities.empty() && identities.rbegin()->first >= *path) return false;
+    ArtifactIdentity identity{std::string(*sha256), *size};
+    if (!is_sha256_text(identity.sha256)) return false;
+    identities.emplace_hint(identities.end(),
+                            client_manifest::validate_manifest_relative_path(std::string(*path)),
+                            std::move(identity));
+  } while (scanner.take(","));
+  return true;
+}
+
+// Reads a record whose long members are exactly as `build_completion_payload` wrote them, absent for any
+// other. Every process that opens a cohort reads its record, and as any JSON it costs several times as much.
+std::optional<SplitRecord> split_own_form(const std::string& bytes) try {
+  TextScanner scanner(bytes);
+  SplitRecord record;
+  auto& [paths, identities] = record.members;
+  if (!scanner.take("{\"active_relative_paths\":[") || !take_paths(scanner, paths)) return std::nullopt;
+  if (!scanner.take("],\"artifact_identities\":{") || !take_identities(scanner, identities))
+    return std::nullopt;
+  if (!scanner.take("},")) return std::nullopt;
+  record.short_members = parse_strict_json(fmt::format("{{{}", scanner.rest()));
+  const bool repeats_a_key = record.short_members.contains("active_relative_paths") ||
+                             record.short_members.contains("artifact_identities");
+  const bool knows_all =
+      std::all_of(paths.begin(), paths.end(), [&](const auto& path) { return identities.contains(path); });
+  if (repeats_a_key || !knows_all) return std::nullopt;
+  return record;
+} catch (const ValueError&) {
+  return std::nullopt;  // read as any JSON, the record tells its first fault
+}
+
 }  // namespace
 
 CompletionRecord build_completion_payload(const std::string& manifest_bytes,
@@ -105,14 +173,13 @@ CompletionRecord build_completion_payload(const std::string& manifest_bytes,
 
 CompletedMembers parse_completion_record(const std::string& bytes, const std::string& manifest_sha256,
                                          std::size_t manifest_size_bytes) {
+  if (auto own = split_own_form(bytes)) {
+    require_heading(own->short_members, manifest_sha256, manifest_size_bytes);
+    return std::move(own->members);
+  }
   const Document record = parse_strict_json(bytes);
   if (!record.is_object()) throw ValueError("completion record is not an object");
-  require_equal(record, "schema_version", SCHEMA_VERSION);
-  require_equal(record, "manifest_sha256", manifest_sha256);
-  require_equal(record, "manifest_size_bytes", manifest_size_bytes);
-  if (!member(record, "derived_artifacts").is_object()) {
-    throw ValueError("completion record derived_artifacts is not an object");
-  }
+  require_heading(record, manifest_sha256, manifest_size_bytes);
   CompletedMembers members;
   members.artifact_identities = parse_identities(member(record, "artifact_identities"));
   members.active_relative_paths =

@@ -7,7 +7,7 @@
 
 #include "host/digest.hpp"
 #include "siblings/distribution/contained_open.hpp"
-#include "siblings/distribution/manifest_document.hpp"
+#include "siblings/distribution/parsed_manifests.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::local_cohort {
@@ -58,11 +58,10 @@ ParsedSelections& parsed_selections() {
   throw LocalCohortError(fmt::format("local cohort generation {} is not complete: {}", root_dir, reason));
 }
 
-std::shared_ptr<const Document> parse_manifest(const std::string& manifest_bytes,
+std::shared_ptr<const Document> parse_manifest(const std::string& manifest_bytes, const std::string& sha256,
                                                const std::string& root_dir) {
   try {
-    return std::make_shared<const Document>(
-        client_manifest::parse_distribution_manifest_bytes(manifest_bytes, "local cohort manifest.json"));
+    return client_manifest::shared_manifest_document(manifest_bytes, sha256, "local cohort manifest.json");
   } catch (const ManifestJsonError&) {
     throw;
   } catch (const ValueError& failure) {
@@ -118,8 +117,9 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
   auto selection = std::make_shared<Selection>();
   selection->base_dir = base.path();
   selection->root_dir = base.display_path(relative_root);
-  selection->manifest =
-      known.selection ? known.selection->manifest : parse_manifest(manifest_bytes, selection->root_dir);
+  const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
+  selection->manifest = known.selection ? known.selection->manifest
+                                        : parse_manifest(manifest_bytes, sha256, selection->root_dir);
 
   GenerationFiles files =
       look_at_generation(selection->root_dir, [&] { return read_generation_files(base, relative_root); });
@@ -132,8 +132,7 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
   }
   selection->manifest_bytes = std::move(files.manifest_bytes);
   selection->completion_stat = files.completion_stat;
-  CompletedMembers members = parse_completion(files.completion_bytes, *selection,
-                                              relative_root.substr(relative_root.rfind('/') + 1));
+  CompletedMembers members = parse_completion(files.completion_bytes, *selection, sha256);
   selection->active_relative_paths = std::move(members.active_relative_paths);
   selection->artifact_identities =
       std::make_shared<const ArtifactIdentities>(std::move(members.artifact_identities));

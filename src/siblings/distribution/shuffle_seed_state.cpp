@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -9,7 +10,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
-#include "siblings/distribution/manifest_document.hpp"
+#include "siblings/distribution/parsed_manifests.hpp"
 #include "siblings/distribution/shuffle_seed_cipher.hpp"
 #include "tidalcrest/sync/constants.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -52,12 +53,14 @@ void require_known_generation(const Document& generation) {
 }
 
 ManifestFacts read_facts(std::string_view manifest_bytes, std::string manifest_sha256) {
-  Document manifest;
+  std::shared_ptr<const Document> document;
   try {
-    manifest = client_manifest::parse_distribution_manifest_bytes(manifest_bytes, "shuffle seed manifest");
+    document =
+        client_manifest::shared_manifest_document(manifest_bytes, manifest_sha256, "shuffle seed manifest");
   } catch (const ValueError& failure) {
     throw ShuffleSeedStateError(failure.what());
   }
+  const Document& manifest = *document;
   ManifestFacts facts{std::move(manifest_sha256), true_integer(manifest, "market_id"),
                       true_integer(manifest, "era_number"), value_or_null(manifest, "shuffle_key_generation"),
                       value_or_null(manifest, "shuffle_key_source")};
@@ -65,9 +68,8 @@ ManifestFacts read_facts(std::string_view manifest_bytes, std::string manifest_s
   return facts;
 }
 
-// A sync asks several times about the same manifest, and a manifest of 100,000 files costs twenty times as
-// much to parse as to hash. So the facts of the last manifest are kept under its digest, which stands for its
-// exact bytes; the digest is part of the sidecar and is needed each time anyway.
+// A sync asks several times about the same manifest. So the facts of the last manifest are kept under its
+// digest, which stands for its exact bytes; the digest is part of the sidecar and is needed each time anyway.
 class LastManifest {
  public:
   ManifestFacts facts_of(std::string_view manifest_bytes) {

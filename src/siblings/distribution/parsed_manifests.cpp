@@ -1,0 +1,44 @@
+#include "siblings/distribution/parsed_manifests.hpp"
+
+#include <map>
+#include <mutex>
+
+#include "siblings/distribution/manifest_document.hpp"
+
+namespace tidalcrest::sync::client_manifest {
+namespace {
+
+class LivingDocuments {
+ public:
+  std::shared_ptr<const Document> find(const std::string& sha256) {
+    const std::lock_guard lock(_mutex);
+    const auto known = _by_sha256.find(sha256);
+    return known == _by_sha256.end() ? nullptr : known->second.lock();
+  }
+  void remember(const std::string& sha256, const std::shared_ptr<const Document>& document) {
+    const std::lock_guard lock(_mutex);
+    std::erase_if(_by_sha256, [](const auto& entry) { return entry.second.expired(); });
+    _by_sha256[sha256] = document;
+  }
+
+ private:
+  std::mutex _mutex;  // guards the map; a leaf, never held while parsing
+  std::map<std::string, std::weak_ptr<const Document>> _by_sha256;
+};
+
+LivingDocuments& living_documents() {
+  static LivingDocuments documents;
+  return documents;
+}
+
+}  // namespace
+
+std::shared_ptr<const Document> shared_manifest_document(std::string_view body, const std::string& sha256,
+                                                         const std::string& label) {
+  if (auto known = living_documents().find(sha256)) return known;
+  auto document = std::make_shared<const Document>(parse_distribution_manifest_bytes(body, label));
+  living_documents().remember(sha256, document);
+  return document;
+}
+
+}  // namespace tidalcrest::sync::client_manifest

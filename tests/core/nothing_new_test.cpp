@@ -1,0 +1,118 @@
+// What a sync that finds nothing new costs, counted: requests, and files that are opened.
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <system_error>
+
+#include "support/sync_fixture.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+/// Names the regular files below a directory that are opened while this lives, whoever does it. Descriptors
+/// that only name a file (`O_PATH`) and stats open nothing.
+class OpenedFiles {
+ public:
+  explicit OpenedFiles(const std::string& root) : _queue(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    if (_queue < 0) throw std::system_error(errno, std::generic_category(), "inotify");
+    _watch(root, "");
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+      if (entry.is_directory())
+        _watch(entry.path(), std::filesystem::relative(entry.path(), root).string() + "/");
+    }
+  }
+  OpenedFiles(const OpenedFiles&) = delete;
+  OpenedFiles& operator=(const OpenedFiles&) = delete;
+  ~OpenedFiles() { ::close(_queue); }
+
+  std::set<std::string> take() {
+    std::set<std::string> opened;
+    alignas(inotify_event) std::array<char, 65536> buffer;
+    for (ssize_t size = 0; (size = ::read(_queue, buffer.data(), buffer.size())) > 0;) {
+      for (const char* at = buffer.data(); at < buffer.data() + size;) {
+        inotify_event event{};
+        std::memcpy(&event, at, sizeof event);
+        if (event.len > 0 && (event.mask & IN_ISDIR) == 0)
+          opened.insert(_prefixes.at(event.wd) + (at + sizeof event));
+        at += sizeof event + event.len;
+      }
+    }
+    return opened;
+  }
+
+ private:
+  void _watch(const std::filesystem::path& directory, const std::string& prefix) {
+    const int watch = ::inotify_add_watch(_queue, directory.c_str(), IN_OPEN);
+    if (watch < 0) throw std::system_error(errno, std::generic_category(), directory.string());
+    _prefixes[watch] = prefix;
+  }
+
+  const int _queue;
+  std::map<int, std::string> _prefixes;
+};
+
+class NothingNewTest : public testing::SyncFixture {
+ public:
+  static constexpr const char* MODULE = "runtime/any/vault-any.so";
+
+  void SetUp() override {
+    origin.publish(small_distribution().file(MODULE, "module", "vault_module"));
+    make_manager()->sync();
+    origin.forget_requests();
+  }
+
+  // What is proven anew each time, whatever the hash cache knows.
+  const std::set<std::string> always_read = {
+      "functions.json",   "named_universes/u1/vocabulary.json", "signals_index.json",
+      "shuffle_seed.enc", "shuffle_seed.enc.meta.json",         MODULE};
+};
+
+TEST_F(NothingNewTest, AsksOnceAndOpensOnlyWhatIsProvenEveryTime) {
+  const auto manager = make_manager();
+  OpenedFiles opened(manager->active_data_dir());
+
+  manager->sync();
+
+  EXPECT_THAT(origin.resources_asked(), ElementsAre("/data/manifest/version"));
+  EXPECT_EQ(opened.take(), always_read);
+}
+
+// The first process has staged the generation, so it has measured every member; the next ones need not.
+TEST_F(NothingNewTest, ANewProcessTrustsWhatTheOneBeforeMeasured) {
+  data.remove(".sync_hash_cache.json");
+  {
+    const auto manager = make_manager();
+    OpenedFiles opened(manager->active_data_dir());
+    manager->sync();
+    EXPECT_TRUE(opened.take().contains("reference/calendar.bin"));  // nothing is known: it is hashed
+  }
+  const auto manager = make_manager();
+  OpenedFiles opened(manager->active_data_dir());
+  manager->sync();
+  EXPECT_EQ(opened.take(), always_read);
+}
+
+TEST_F(NothingNewTest, ATouchedMemberIsHashedAgainAndNoOther) {
+  const auto manager = make_manager();
+  const std::string calendar = manager->active_data_dir() + "/reference/calendar.bin";
+  std::filesystem::last_write_time(calendar,
+                                   std::filesystem::last_write_time(calendar) + std::chrono::seconds(1));
+  OpenedFiles opened(manager->active_data_dir());
+
+  manager->sync();
+
+  auto expected = always_read;
+  expected.insert("reference/calendar.bin");
+  EXPECT_EQ(opened.take(), expected);
+  EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
