@@ -6,237 +6,268 @@ processes) and one `sync -f`. The tools run in turn, round by round; medians and
 """
 
 import argparse
-import contextlib
-import json
 import os
-import resource
 import shutil
 import signal
-import socket
-import statistics
 import subprocess
-import sys
 import tempfile
 import time
-import urllib.request
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-ORIGIN = ROOT / "build/release/tools/tidalcrest-origin"
-CLIENT = ROOT / "build/release/cli/tidalcrest-sync"
+import peers
+from distribution import CLIENT, ROOT, Distribution, accepts, free_port, wait_until
+from measure import Comparison, run
+
+KIB = 1 << 10
 MIB = 1 << 20
 
-COLD = {
-    "small": ("10,000 files of 4 to 64 KiB", ["--features", "5000", "--feature-bytes", "4096", "65536"]),
-    "mixed": ("200 files around 4 MiB", ["--features", "100", "--feature-bytes", str(3 * MIB), str(5 * MIB)]),
-    "large": ("6 files of 384 MiB", ["--features", "1", "--extras", "6", "--extra-bytes", str(384 * MIB)]),
-}
-NOTHING_NEW = {"10k": ("10,000 members", "5000"), "100k": ("100,000 members", "50000")}
+
+class Size:
+    """How large the workloads are: those that the numbers are published for, or a tenth for a quick look."""
+
+    def __init__(self, small):
+        part = 10 if small else 1
+        self.small_files = 10_000 // part
+        self.mixed_files = 200 // part
+        self.large_bytes = 384 * MIB // part
+        self.nothing_new = (1_000, 10_000) if small else (1_000, 10_000, 100_000)
+
+    # The origin makes two files for each feature.
+    def small(self):
+        return (f"{self.small_files:,} files of 4 to 64 KiB", self.small_files * 34 * KIB,
+                ["--features", str(self.small_files // 2), "--feature-bytes", "4096", "65536"])
+
+    def mixed(self):
+        return (f"{self.mixed_files:,} files around 4 MiB", self.mixed_files * 4 * MIB,
+                ["--features", str(self.mixed_files // 2), "--feature-bytes", str(3 * MIB), str(5 * MIB)])
+
+    def large(self):
+        return (f"6 files of {self.large_bytes / MIB:.0f} MiB", 6 * self.large_bytes,
+                ["--features", "1", "--extras", "6", "--extra-bytes", str(self.large_bytes)])
+
+    def members(self, count):
+        return f"{count:,} members", count * 8 * KIB, ["--features", str(count // 2), "--feature-bytes", "64", "128"]
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+def require_space(directory, distribution_bytes):
+    needed = 5 * distribution_bytes + 64 * MIB  # the tree, two releases, and what the tools write
+    free = shutil.disk_usage(directory).free
+    if free < needed:
+        raise SystemExit(f"{directory}: {needed / MIB:.0f} MiB are needed, {free / MIB:.0f} MiB are free")
 
 
-def run(command, **kwargs):
-    """Wall seconds, CPU seconds and peak memory in MiB of a command and what it started."""
-    before = resource.getrusage(resource.RUSAGE_CHILDREN)
-    started = time.monotonic()
-    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **kwargs)
-    output = process.stdout.read()
-    _, status, usage = os.wait4(process.pid, 0)
-    process.returncode = os.waitstatus_to_exitcode(status)
-    wall = time.monotonic() - started
-    if process.returncode != 0:
-        sys.exit(f"{command[0]} ended with {process.returncode}:\n{output.decode(errors='replace')[-2000:]}")
-    after = resource.getrusage(resource.RUSAGE_CHILDREN)
-    cpu = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
-    return {"wall": wall, "cpu": cpu, "mib": usage.ru_maxrss / 1024}
+def fresh(directory):
+    shutil.rmtree(directory, ignore_errors=True)
+    directory.mkdir()
+    return directory
 
 
-class Distribution:
-    """A built tree, its data origin served by nginx and its API by the origin tool."""
-
-    def __init__(self, work, name, recipe):
-        self.tree = work / name
-        self.work = work
-        self.port = free_port()
-        flags = ["--found-signals", "2", "--found-strategies", "1", "--data-base-url", f"http://127.0.0.1:{self.port}"]
-        subprocess.run([ORIGIN, "build", self.tree, *flags, *recipe], check=True, stdout=subprocess.DEVNULL)
-        self.stack = contextlib.ExitStack()
-
-    def __enter__(self):
-        self._start_nginx()
-        ready = self.work / "ready.json"
-        ready.unlink(missing_ok=True)
-        server = subprocess.Popen(
-            [ORIGIN, "serve", self.tree, "--api-port", "0", "--data-base-url", f"http://127.0.0.1:{self.port}",
-             "--ready-file", ready], stdout=subprocess.DEVNULL)
-        self.stack.callback(lambda: (server.send_signal(signal.SIGTERM), server.wait()))
-        for _ in range(200):
-            if ready.exists():
-                break
-            time.sleep(0.05)
-        self.ready = json.loads(ready.read_text())
-        return self
-
-    def __exit__(self, *failure):
-        self.stack.close()
-        shutil.rmtree(self.tree, ignore_errors=True)
-
-    def _start_nginx(self):
-        prefix = self.work / "nginx"
-        prefix.mkdir(exist_ok=True)
-        config = prefix / "nginx.conf"
-        config.write_text(f"""
-            daemon off; worker_processes 2; pid {prefix}/pid; error_log {prefix}/error.log;
-            user root;
-            events {{ worker_connections 512; }}
-            http {{ access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000;
-                    server {{ listen 127.0.0.1:{self.port}; root {self.tree}; }} }}""")
-        server = subprocess.Popen(["nginx", "-p", prefix, "-c", config], stderr=subprocess.DEVNULL)
-        self.stack.callback(lambda: (server.send_signal(signal.SIGTERM), server.wait()))
-        for _ in range(100):
-            with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", self.port), 0.2):
-                return
-            time.sleep(0.05)
-
-    def evolve(self, *flags):
-        subprocess.run([ORIGIN, "evolve", self.tree, *flags], check=True, stdout=subprocess.DEVNULL)
-
-    def manifest(self):
-        token = Path(self.ready["token_file"]).read_text().strip()
-        request = urllib.request.Request(self.ready["server_url"] + "/data/manifest",
-                                         headers={"Authorization": "Bearer " + token})
-        with urllib.request.urlopen(request) as answer:
-            return json.load(answer)
-
-    def sync(self, data, *flags):
-        return [CLIENT, "sync", "--json", "--data-dir", data, "--server-url", self.ready["server_url"],
-                "--token-file", self.ready["token_file"], "--wallet-secret-file", self.ready["wallet_secret_file"],
-                *flags]
+def listed_files(manifest):
+    return [(path, f"{manifest['base_url']}/{path}", entry) for path, entry in manifest["files"].items()]
 
 
-def proof(directory):
-    return (f"find {directory} -type f -print0 | xargs -0 -n 64 -P 2 openssl dgst -sha256 >{directory}.digests"
-            f" && sync -f {directory}")
+def measured_in(directory, command):
+    """The cost of a command that fills `directory`, which is gone afterwards."""
+    try:
+        return run(command)
+    finally:
+        shutil.rmtree(directory)
 
 
-def aria2c(distribution, directory):
-    manifest = distribution.manifest()
-    listing = directory.with_suffix(".aria2")
-    with listing.open("w") as out:
-        for path, entry in manifest["files"].items():
-            out.write(f"{manifest['base_url']}/{path}\n out={path}\n checksum=sha-256={entry['sha256']}\n")
-    return ["sh", "-c", f"aria2c -q -j8 -x1 --file-allocation=none -d {directory} -i {listing} && sync -f {directory}"]
+def cold(work, workload, rounds):
+    title, _, recipe = workload
+    with Distribution(work, recipe) as distribution:
+        files = listed_files(distribution.manifest())
+
+        def peer_job(make):
+            def job(_):
+                target = fresh(work / "peer")
+                return measured_in(target, make(files, target))
+            return job
+
+        def own_job(_):
+            data = fresh(work / "data")
+            return measured_in(data, distribution.sync(data))
+
+        jobs = {"tidalcrest-sync": own_job}
+        jobs.update((name, peer_job(make)) for name, make in peers.installed(peers.COLD).items())
+        Comparison(f"cold, {title}", jobs).measure(rounds).show()
 
 
-def curl_parallel(distribution, directory):
-    manifest = distribution.manifest()
-    listing = directory.with_suffix(".curl")
-    with listing.open("w") as out:
-        for path in manifest["files"]:
-            out.write(f'url="{manifest["base_url"]}/{path}"\noutput="{directory}/{path}"\n')
-    return ["sh", "-c", f"curl -sS --parallel --parallel-max 8 --create-dirs -K {listing} && {proof(directory)}"]
-
-
-def show(title, measured, first="tidalcrest-sync"):
-    print(f"\n{title}")
-    print(f"  {'':24}{'wall s':>9}{'cpu s':>9}{'peak MiB':>10}{'wall ratio':>12}")
-    own = statistics.median(r["wall"] for r in measured[first])
-    for name, rounds in measured.items():
-        medians = {key: statistics.median(r[key] for r in rounds) for key in ("wall", "cpu", "mib")}
-        ratio = f"{own / medians['wall']:.2f}" if name != first else ""
-        print(f"  {name:24}{medians['wall']:9.2f}{medians['cpu']:9.2f}{medians['mib']:10.1f}{ratio:>12}")
-    sys.stdout.flush()
-
-
-def cold(work, name, rounds):
-    title, recipe = COLD[name]
-    peers = {tool: make for tool, make in {"aria2c": aria2c, "curl": curl_parallel}.items() if shutil.which(tool)}
-    measured = {"tidalcrest-sync": [], **{f"{peer} + proof": [] for peer in peers}}
-    with Distribution(work, name, recipe) as distribution:
-        for number in range(rounds):
-            data = work / f"data{number}"
-            data.mkdir()
-            measured["tidalcrest-sync"].append(run(distribution.sync(data)))
-            for peer, make in peers.items():
-                target = work / f"{peer}{number}"
-                target.mkdir()
-                measured[f"{peer} + proof"].append(run(make(distribution, target)))
-                shutil.rmtree(target)
-            shutil.rmtree(data)
-    show(f"cold, {title}", measured)
-
-
-def nothing_new(work, name, rounds):
-    title, features = NOTHING_NEW[name]
-    data = work / "data"
-    data.mkdir()
-    recipe = ["--features", features, "--feature-bytes", "64", "128"]
-    measured = {"tidalcrest-sync": [], "find -printf + one GET": []}
-    with Distribution(work, name, recipe) as distribution:
+def nothing_new(work, workload, rounds):
+    title, _, recipe = workload
+    data = fresh(work / "data")
+    with Distribution(work, recipe) as distribution:
         run(distribution.sync(data))
-        run(distribution.sync(data))
-        walk = (f"find {data}/.tidalcrest-cohorts -printf '%p %s %T@ %i\\n' >/dev/null && "
-                f"curl -sS -o /dev/null -H \"Authorization: Bearer $(cat {distribution.ready['token_file']})\" "
+        root, = [entry for entry in (data / ".tidalcrest-cohorts").iterdir() if (entry / ".cohort-complete.json").exists()]
+        subprocess.run(["sh", "-c", f"cd {root} && git init -q . && git add -A . && git -c user.name=b -c user.email=b@b "
+                        "commit -q -m b >/dev/null"], check=True, env={**os.environ, "GIT_DIR": str(work / "git"),
+                                                                       "GIT_WORK_TREE": str(root)})
+        walk = (f"find {root} -printf '%p %s %T@ %i\\n' >/dev/null && curl -sS -o /dev/null -z '2020-01-01' "
+                f"-H \"Authorization: Bearer $(cat {distribution.ready['token_file']})\" "
                 f"{distribution.ready['server_url']}/data/manifest/version")
-        for _ in range(rounds):
-            measured["tidalcrest-sync"].append(run(distribution.sync(data)))
-            measured["find -printf + one GET"].append(run(["sh", "-c", walk]))
-    shutil.rmtree(data)
-    show(f"nothing new, {title}", measured)
-
-
-def changed(work, rounds):
-    title, recipe = COLD["small"]
-    data = work / "data"
-    data.mkdir()
-    measured = {"tidalcrest-sync": []}
-    with Distribution(work, "changed", recipe) as distribution:
+        index = f"GIT_DIR={work}/git GIT_WORK_TREE={root} git diff-files --quiet"
         run(distribution.sync(data))
-        previous = distribution.tree / "releases" / distribution.manifest()["base_url"].rsplit("/", 1)[1]
-        copy = work / "copy0"
-        if shutil.which("rsync"):
-            measured["rsync --copy-dest + proof"] = []
-            shutil.copytree(previous, copy)
-        for number in range(1, rounds + 1):
-            distribution.evolve("--change", "1%")
-            measured["tidalcrest-sync"].append(run(distribution.sync(data)))
-            if copy.exists():
-                release = distribution.tree / "releases" / distribution.manifest()["base_url"].rsplit("/", 1)[1]
-                target = work / f"copy{number}"
-                command = f"rsync -r --times --copy-dest={copy} {release}/ {target}/ && {proof(target)}"
-                measured["rsync --copy-dest + proof"].append(run(["sh", "-c", command]))
-                shutil.rmtree(copy)
-                copy = target
-        shutil.rmtree(copy, ignore_errors=True)
-    shutil.rmtree(data)
-    show(f"1 in 100 changed, {title}", measured)
+        comparison = Comparison(f"nothing new, {title}", {
+            "tidalcrest-sync": lambda _: run(distribution.sync(data)),
+            "find -printf + conditional GET": lambda _: run(["sh", "-c", walk]),
+            "git diff-files": lambda _: run(["sh", "-c", index]),
+        }).measure(3 * rounds)
+        comparison.show()
+        paths = work / "paths"
+        paths.write_text("".join(path + "\n" for path in distribution.manifest()["files"]))
+        stat = subprocess.run([ROOT / "build/release/bench/stat_members", root, paths], check=True, capture_output=True)
+    return comparison.median("tidalcrest-sync", "wall"), float(stat.stdout)
+
+
+def nothing_new_by_count(parent, size, rounds):
+    seconds = {}
+    for count in size.nothing_new:
+        with scratch(parent, size.members(count)) as work:
+            seconds[count], stat_ns = nothing_new(Path(work), size.members(count), rounds)
+    (least, first), (most, last) = min(seconds.items()), max(seconds.items())
+    per_member = (last - first) / (most - least) * 1e9
+    print(f"\nnothing new, each further member: {per_member:.0f} ns; one fstatat: {stat_ns:.0f} ns; "
+          f"ratio {per_member / stat_ns:.1f}")
+
+
+def start_rsync_daemon(distribution):
+    port = free_port()
+    config = distribution.work / "rsyncd.conf"
+    config.write_text(f"use chroot = no\n[tree]\npath = {distribution.tree}\nread only = yes\n")
+    distribution.start(["rsync", "--daemon", "--no-detach", f"--port={port}", "--address=127.0.0.1", f"--config={config}"])
+    wait_until(lambda: accepts(port), "rsync")
+    return f"rsync://127.0.0.1:{port}/tree"
+
+
+class Changed:
+    """Rounds of a new version with 1 in 100 members changed; every tool keeps its own copy of the version before."""
+
+    def __init__(self, work, distribution):
+        self.work = work
+        self.distribution = distribution
+        self.before = distribution.manifest()
+        self.after = None
+        self.data = fresh(work / "data")
+        run(distribution.sync(self.data))
+        self.copies = {}
+        self.rsync_url = start_rsync_daemon(distribution) if shutil.which("rsync") else None
+
+    def next_version(self):
+        if self.after is not None:
+            self.before = self.after
+        self.distribution.evolve("--change", "1%")
+        self.after = self.distribution.manifest()
+
+    def own(self, _):
+        return run(self.distribution.sync(self.data))
+
+    def updated(self, name, command_for):
+        previous = self.copies.get(name)
+        if previous is None:
+            previous = self.work / f"{name}-0"
+            shutil.copytree(self.distribution.release(self.before), previous)
+        target = self.work / f"{name}-{self.after['version']}"
+        measured = run(command_for(previous, target))
+        shutil.rmtree(previous)
+        self.copies[name] = target
+        return measured
+
+    def rsync(self, option):
+        release = self.distribution.release(self.after).relative_to(self.distribution.tree)
+        return lambda previous, target: peers.shell(
+            f"rsync -rt {option}={previous} {self.rsync_url}/{release}/ {target}/; {peers.proof(target)}")
+
+    def copy_and_curl(self, previous, target):
+        changed = [file for file in listed_files(self.after) if self.before["files"].get(file[0]) != file[2]]
+        urls = peers.listing(target, ".curl", peers.curl_lines(changed, target))
+        return peers.shell(f"cp -a {previous} {target}; curl -sS --create-dirs -K {urls}; {peers.proof(target)}")
+
+    def jobs(self):
+        jobs = {"tidalcrest-sync": self.own}
+        if self.rsync_url:
+            for option in ("--copy-dest", "--link-dest"):
+                jobs[f"rsync {option} + proof"] = lambda _, o=option: self.updated(o.strip("-"), self.rsync(o))
+        jobs["cp -a, curl + proof"] = lambda _: self.updated("cp", self.copy_and_curl)
+        return jobs
+
+
+def changed(work, workload, rounds):
+    title, _, recipe = workload
+    with Distribution(work, recipe) as distribution:
+        state = Changed(work, distribution)
+        comparison = Comparison(f"1 in 100 changed, {title}", state.jobs())
+        for number in range(rounds):
+            state.next_version()
+            for name, job in comparison.jobs.items():
+                comparison.rounds[name].append(job(number))
+        comparison.show()
+
+
+def bytes_below(directory):
+    return sum(file.stat().st_blocks * 512 for file in directory.rglob("*") if file.is_file())
+
+
+def killed_at_half(command, directory, total):
+    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    while process.poll() is None and bytes_below(directory) < total / 2:
+        time.sleep(0.005)
+    process.send_signal(signal.SIGKILL)
+    if process.wait() == 0:
+        raise SystemExit("the sync ended before half of it was there")
+
+
+def resume(work, workload, rounds):
+    title, total, recipe = workload
+    with Distribution(work, recipe) as distribution:
+        def resumed(_):
+            data = fresh(work / "data")
+            killed_at_half(distribution.sync(data), data, total)
+            subprocess.run(["sync", "-f", data], check=True)
+            return measured_in(data, distribution.sync(data))
+
+        def from_nothing(_):
+            data = fresh(work / "data")
+            return measured_in(data, distribution.sync(data))
+
+        Comparison(f"resume at half, {title}", {"resumed": resumed, "cold run": from_nothing}).measure(rounds).show()
+
+
+def scratch(parent, workload):
+    require_space(parent, workload[1])
+    return tempfile.TemporaryDirectory(dir=parent, prefix="bench-")
+
+
+def workloads(size):
+    return {
+        "cold-small": (cold, size.small()),
+        "cold-mixed": (cold, size.mixed()),
+        "cold-large": (cold, size.large()),
+        "changed": (changed, size.small()),
+        "resume": (resume, size.large()),
+    }
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    names = [f"cold-{name}" for name in COLD] + [f"nothing-{name}" for name in NOTHING_NEW] + ["changed"]
+    names = [*workloads(Size(False)), "nothing-new"]
+    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__)
     parser.add_argument("workload", nargs="*", help="one of " + ", ".join(names) + "; all without any")
+    parser.add_argument("--small", action="store_true", help="a tenth of the size, for a quick look")
     parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--work-dir", type=Path, default=ROOT / "build", help="where the files are written")
     arguments = parser.parse_args()
-    for name in arguments.workload:
-        if name not in names:
-            parser.error(f"no workload {name}")
-    print(f"{os.cpu_count()} cores; medians of {arguments.rounds} rounds; a ratio below 1 means faster than that tool")
-    scratch = ROOT / "build"
+    if unknown := set(arguments.workload) - set(names):
+        parser.error(f"no workload {', '.join(sorted(unknown))}")
+    size = Size(arguments.small)
+    print(f"{CLIENT.name} on {os.cpu_count()} cores, load {os.getloadavg()[0]:.1f}; medians of {arguments.rounds} rounds; "
+          "a ratio below 1 means less than that tool")
     for name in arguments.workload or names:
-        kind, _, rest = name.partition("-")
-        with tempfile.TemporaryDirectory(dir=scratch, prefix="bench-") as work:
-            if kind == "cold":
-                cold(Path(work), rest, arguments.rounds)
-            elif kind == "nothing":
-                nothing_new(Path(work), rest, arguments.rounds)
-            else:
-                changed(Path(work), arguments.rounds)
+        if name == "nothing-new":
+            nothing_new_by_count(arguments.work_dir, size, arguments.rounds)
+            continue
+        measure, workload = workloads(size)[name]
+        with scratch(arguments.work_dir, workload) as work:
+            measure(Path(work), workload, arguments.rounds)
 
 
 if __name__ == "__main__":
