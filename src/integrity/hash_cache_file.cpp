@@ -155,7 +155,7 @@ std::optional<HashCacheEntry> take_entry(TextScanner& scanner) {
 }
 
 // The entries of a text that is exactly as `hash_cache_text` wrote it, absent for any other. Most processes
-// begin with reading this file, and as any JSON it costs ten times as much.
+// begin with reading this file, and as any JSON it costs six times as much.
 std::optional<HashCacheEntries> parse_own_form(std::string_view text) {
   TextScanner scanner(text);
   HashCacheEntries entries;

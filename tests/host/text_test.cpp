@@ -59,13 +59,13 @@ TEST(IntegerConversion, FollowsTheHost) {
 
 TEST(Text, FindsWhatIsNotUtf8AtEveryPlaceOfATextOfAscii) {
   const std::string ascii(20, 'a');
-  EXPECT_TRUE(is_valid_utf8(ascii));
+  EXPECT_TRUE(text::is_valid_utf8(ascii));
   for (std::size_t at = 0; at <= ascii.size(); ++at) {
-    std::string text = ascii;
-    EXPECT_FALSE(is_valid_utf8(text.insert(at, "\xff"))) << at;
-    text = ascii;
-    EXPECT_TRUE(is_valid_utf8(text.insert(at, "\xc3\xa9"))) << at;
-    EXPECT_FALSE(is_valid_utf8(text.substr(0, at + 1))) << at;
+    std::string bytes = ascii;
+    EXPECT_FALSE(text::is_valid_utf8(bytes.insert(at, "\xff"))) << at;
+    bytes = ascii;
+    EXPECT_TRUE(text::is_valid_utf8(bytes.insert(at, "\xc3\xa9"))) << at;
+    EXPECT_FALSE(text::is_valid_utf8(bytes.substr(0, at + 1))) << at;
   }
 }
 
