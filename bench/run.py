@@ -10,6 +10,7 @@ import os
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -256,6 +257,7 @@ def main():
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--work-dir", type=Path, default=ROOT / "build", help="where the files are written")
     arguments = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))  # the servers are ended and the files removed
     if unknown := set(arguments.workload) - set(names):
         parser.error(f"no workload {', '.join(sorted(unknown))}")
     size = Size(arguments.small)
