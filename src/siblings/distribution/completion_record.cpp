@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -151,24 +152,33 @@ CompletionRecord build_completion_payload(const std::string& manifest_bytes,
   for (const auto& path : active_relative_paths) {
     if (!artifact_identities.contains(path)) throw ValueError("no artifact identity for " + text::repr(path));
   }
-  Document identities = Document::object();
   for (const auto& [path, identity] : artifact_identities) {
     client_manifest::validate_manifest_relative_path(path);
     if (!is_sha256_text(identity.sha256) || identity.size_bytes < 0) {
       throw ValueError("bad artifact identity for " + text::repr(path));
     }
-    identities[path] = {{"sha256", identity.sha256}, {"size_bytes", identity.size_bytes}};
   }
   Document derived = Document::object();
   for (const auto& [path, mapping] : derived_artifacts) derived[path] = mapping;
-  Document record = Document::object();
-  record["schema_version"] = SCHEMA_VERSION;
-  record["manifest_sha256"] = sha256_hex(manifest_bytes);
-  record["manifest_size_bytes"] = manifest_bytes.size();
-  record["active_relative_paths"] = active_relative_paths;
-  record["artifact_identities"] = std::move(identities);
-  record["derived_artifacts"] = std::move(derived);
-  return {dump_json(record, {.sort_keys = true, .compact = true})};
+  // Written as it goes, in the order of the keys: a document of it would hold a large generation once more.
+  // Paths need no escape.
+  std::string bytes = "{\"active_relative_paths\":[";
+  const auto out = std::back_inserter(bytes);
+  const char* separator = "";
+  for (const auto& path : active_relative_paths)
+    fmt::format_to(out, "{}\"{}\"", std::exchange(separator, ","), path);
+  bytes += "],\"artifact_identities\":{";
+  separator = "";
+  for (const auto& [path, identity] : artifact_identities) {
+    fmt::format_to(out, R"({}"{}":{{"sha256":"{}","size_bytes":{}}})", std::exchange(separator, ","), path,
+                   identity.sha256, identity.size_bytes);
+  }
+  fmt::format_to(
+      out,
+      R"(}},"derived_artifacts":{},"manifest_sha256":"{}","manifest_size_bytes":{},"schema_version":{}}})",
+      dump_json(derived, {.sort_keys = true, .compact = true}), sha256_hex(manifest_bytes),
+      manifest_bytes.size(), SCHEMA_VERSION);
+  return {std::move(bytes)};
 }
 
 CompletedMembers parse_completion_record(const std::string& bytes, const std::string& manifest_sha256,
