@@ -80,6 +80,7 @@ say "Third sync: only what changed is fetched; the rest is proven and carried ov
 
 say "watch: from here on the directory keeps itself in step (a poll every half second)"
 shown=0
+: >"$work/watch.out"
 "$client" watch "${remote[@]}" --poll-interval 0.5 >"$work/watch.out" 2>&1 &
 watcher=$!
 until_watch_says "is published"
