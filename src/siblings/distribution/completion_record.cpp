@@ -163,18 +163,17 @@ CompletionRecord build_completion_payload(const std::string& manifest_bytes,
   // Written as it goes, in the order of the keys: a document of it would hold a large generation once more.
   // Paths need no escape.
   std::string bytes = "{\"active_relative_paths\":[";
-  const auto out = std::back_inserter(bytes);
   const char* separator = "";
   for (const auto& path : active_relative_paths)
-    fmt::format_to(out, "{}\"{}\"", std::exchange(separator, ","), path);
+    fmt::format_to(std::back_inserter(bytes), "{}\"{}\"", std::exchange(separator, ","), path);
   bytes += "],\"artifact_identities\":{";
   separator = "";
   for (const auto& [path, identity] : artifact_identities) {
-    fmt::format_to(out, R"({}"{}":{{"sha256":"{}","size_bytes":{}}})", std::exchange(separator, ","), path,
-                   identity.sha256, identity.size_bytes);
+    fmt::format_to(std::back_inserter(bytes), R"({}"{}":{{"sha256":"{}","size_bytes":{}}})",
+                   std::exchange(separator, ","), path, identity.sha256, identity.size_bytes);
   }
   fmt::format_to(
-      out,
+      std::back_inserter(bytes),
       R"(}},"derived_artifacts":{},"manifest_sha256":"{}","manifest_size_bytes":{},"schema_version":{}}})",
       dump_json(derived, {.sort_keys = true, .compact = true}), sha256_hex(manifest_bytes),
       manifest_bytes.size(), SCHEMA_VERSION);
