@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "artifacts/manifest_entry.hpp"
+#include "cohort/leftovers.hpp"
 #include "cohort/result_fields.hpp"
 #include "cohort/salvage.hpp"
 #include "cohort/staged_members.hpp"
@@ -189,6 +190,7 @@ void StagingRun::gather_members() {
   SyncResult& result = _request.result;
   const std::string& candidate_root = _roots.candidate_root;
   _progress.on_phase("comparing");
+  thin_out_earlier_attempts(_data_dir, _roots);
   _members = reuse_selected_members(_manifest, _request.rotation_plan.selection.active_relative_paths,
                                     _forced_paths, _roots, _data_dir, _with.hash_cache, _stop_check);
   salvage_earlier_attempts(_data_dir, _roots, _forced_paths, _with.hash_cache, _stop_check, _members);

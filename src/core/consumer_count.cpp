@@ -1,33 +1,17 @@
 #include "core/consumer_count.hpp"
 
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <string_view>
 
-#include "host/failures.hpp"
 #include "host/integer.hpp"
 #include "host/log.hpp"
+#include "siblings/distribution/pinned_root.hpp"
 
 namespace tidalcrest::sync {
-namespace {
-
-std::string read_text(const std::string& path) {
-  std::ifstream file(path);
-  std::ostringstream text;
-  text << file.rdbuf();
-  if (!file) throw_os_error(errno != 0 ? errno : EIO, path);
-  return text.str();
-}
-
-}  // namespace
-
-ConsumerCount::ConsumerCount(const std::string& data_dir)
-    : _consumer_count_path((std::filesystem::path(data_dir) / CONSUMER_COUNT_FILENAME).string()) {
-  std::error_code ignored;
-  if (!std::filesystem::exists(_consumer_count_path, ignored)) return;
+ConsumerCount::ConsumerCount(const std::string& data_dir) : _data_dir(data_dir) {
   try {
-    _consumer_count = to_int(std::string_view(read_text(_consumer_count_path)));
+    const auto text = client_manifest::PinnedRoot(_data_dir).read_regular_file_if_present(
+        CONSUMER_COUNT_FILENAME, "consumer count");
+    if (text) _consumer_count = to_int(std::string_view(*text));
   } catch (const std::exception& failure) {
     log::warning("Failed to read consumer count: %s", failure.what());
   }
@@ -40,11 +24,12 @@ void ConsumerCount::set(std::int64_t count) {
 
 void ConsumerCount::_persist_consumer_count() const {
   try {
-    errno = 0;
-    std::ofstream file(_consumer_count_path, std::ios::trunc);
-    file << _consumer_count;
+    const client_manifest::PinnedRoot root(_data_dir);
+    // Replaced, not written over: the name may be a link to a file that is not ours.
+    root.remove_regular_file(CONSUMER_COUNT_FILENAME, /*missing_ok=*/true);
+    auto file = root.open_regular_file_for_update(CONSUMER_COUNT_FILENAME, /*create=*/true);
+    file.write(std::to_string(_consumer_count));
     file.close();
-    if (!file) throw_os_error(errno != 0 ? errno : EIO, _consumer_count_path);
   } catch (const std::exception& failure) {
     log::warning("Failed to persist consumer count: %s", failure.what());
   }

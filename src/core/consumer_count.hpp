@@ -22,7 +22,7 @@ class ConsumerCount {
  private:
   void _persist_consumer_count() const;
 
-  const std::string _consumer_count_path;
+  const std::string _data_dir;
   std::atomic<std::int64_t> _consumer_count = 0;
 };
 

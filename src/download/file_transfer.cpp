@@ -1,8 +1,10 @@
 #include "download/file_transfer.hpp"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "host/failures.hpp"
@@ -22,6 +24,23 @@ IntegrityError incomplete_download(const TransferTerms& terms, std::int64_t tota
 IntegrityError checksum_failure(const TransferTerms& terms, const std::string& actual_sha) {
   return IntegrityError(fmt::format("Checksum failure for {}: expected {}, got {}", terms.file_path,
                                     terms.expected_sha, actual_sha));
+}
+
+bool has_another_name(const client_manifest::UpdatableFile& file, const std::string& path) {
+  struct stat status {};
+  if (::fstat(file.descriptor(), &status) != 0) throw_os_error(errno, path);
+  return status.st_nlink > 1;
+}
+
+// What is written to a file with another name would be written there too, inside the root or outside it.
+client_manifest::UpdatableFile open_file_of_our_own(const client_manifest::PinnedRoot& root,
+                                                    const std::string& path) {
+  auto file = root.open_regular_file_for_update(path, /*create=*/true);
+  if (!has_another_name(file, path)) return file;
+  root.remove_regular_file(path, /*missing_ok=*/true);
+  file = root.open_regular_file_for_update(path, /*create=*/true);
+  if (has_another_name(file, path)) throw OSError(path + ": a staging file with another name");
+  return file;
 }
 
 }  // namespace
@@ -63,7 +82,7 @@ TransferredFile FileTransfer::run() {
 }
 
 StagedFile FileTransfer::_open_staged() {
-  StagedFile staged(_pinned_root.open_regular_file_for_update(_tmp_relative_path, /*create=*/true), _report);
+  StagedFile staged(open_file_of_our_own(_pinned_root, _tmp_relative_path), _report);
   staged.read_back();
   if (staged.size() > 0) {
     _log_sync_event("range_resume", _terms.file_path, 1, "partial_tmp", {{"bytes_existing", staged.size()}});

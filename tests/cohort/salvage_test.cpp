@@ -1,5 +1,6 @@
 #include "cohort/salvage.hpp"
 
+#include "cohort/leftovers.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -8,6 +9,7 @@ namespace {
 using ::testing::ElementsAre;
 using testing::files_below;
 using ::testing::IsEmpty;
+using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
 constexpr int FILES = 40;
@@ -95,6 +97,30 @@ TEST_F(SalvageTest, StagedPrefixIsResumedWhenTheDigestIsTheSame) {
   manager->sync();
   EXPECT_THAT(origin.ranges_asked("long.bin"), ElementsAre(::testing::MatchesRegex("bytes=[12][0-9]{5}-")));
   EXPECT_TRUE(manager->verify().valid);
+}
+
+TEST_F(SalvageTest, AttemptsThatEndEarlyLeaveOneCopyOfEachMember) {
+  origin.publish(distribution());
+  make_manager()->sync();
+  origin.publish(distribution().file(path_of(5), "content that is new", "reference"));
+  const std::string name = local_cohort::manifest_sha256(origin.current().manifest_bytes);
+  // As after kills in the midst of the copying: several roots that hold the same unchanged members.
+  for (const char* root : {".leftover-a", ".leftover-b", ".leftover-c"}) {
+    data.write(".tidalcrest-cohorts/" + (root + ("/" + path_of(1))), "content of file 1");
+    data.write(".tidalcrest-cohorts/" + (root + ("/" + path_of(2))), "content of file 2");
+  }
+  data.write(".tidalcrest-cohorts/.leftover-c/" + path_of(3), "content of file 3");
+  data.write(".tidalcrest-cohorts/.leftover-d/" + std::string(local_cohort::COHORT_MANIFEST_FILE), "{}");
+  StagingRoots roots;
+  roots.candidate_root = data.path(".tidalcrest-cohorts/" + name);
+  roots.active_root = data.path();
+  thin_out_earlier_attempts(data.path(), roots);
+  std::map<std::string, int> copies;
+  for (const auto& [path, bytes] : files_below(data.path(".tidalcrest-cohorts"))) {
+    if (path.starts_with(".leftover-")) ++copies[path.substr(path.find('/') + 1)];
+  }
+  EXPECT_THAT(copies, ElementsAre(Pair(path_of(1), 1), Pair(path_of(2), 1), Pair(path_of(3), 1)));
+  EXPECT_FALSE(data.has(".tidalcrest-cohorts/.leftover-d"));
 }
 
 TEST_F(SalvageTest, RepairNeverTakesAForcedMemberFromALeftover) {

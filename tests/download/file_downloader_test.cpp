@@ -390,6 +390,16 @@ TEST_F(FileDownloaderTest, KeepsTheWholeAnswerBehindABrokenOne) {
   EXPECT_THAT(backoff.waits(), IsEmpty());
 }
 
+TEST_F(FileDownloaderTest, NeverWritesThroughAStagingFileWithAnotherName) {
+  const std::string path = prepare("", {whole(SMALL)});
+  data.write("elsewhere", "not to be touched");
+  std::filesystem::create_directories(std::filesystem::path(data.path(path)).parent_path());
+  std::filesystem::create_hard_link(data.path("elsewhere"), data.path(path + ".tmp"));
+  download(path, entry_for(SMALL));
+  EXPECT_EQ(data.read(path), SMALL);
+  EXPECT_EQ(data.read("elsewhere"), "not to be touched");
+}
+
 TEST_F(FileDownloaderTest, NeverRepeatsALocalFailure) {
   const auto boundary_failure = [&](const std::string& path) {
     return failure_of([&] { download(path, entry_for(SMALL)); });

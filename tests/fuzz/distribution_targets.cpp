@@ -1,0 +1,113 @@
+#include <algorithm>
+
+#include "artifacts/vocabulary.hpp"
+#include "cohort/active_view.hpp"
+#include "fuzz/targets.hpp"
+#include "host/digest.hpp"
+#include "host/json.hpp"
+#include "manifest/feature_paths.hpp"
+#include "manifest/identity.hpp"
+#include "manifest/paths.hpp"
+#include "manifest/persistence.hpp"
+#include "rotation/catalog.hpp"
+#include "rotation/planner.hpp"
+#include "rotation/search_refresh.hpp"
+#include "siblings/distribution/accepted_set.hpp"
+#include "siblings/distribution/manifest_document.hpp"
+#include "siblings/functions/vocabulary.hpp"
+#include "support/temp_dir.hpp"
+#include "tidalcrest/sync/manifest.hpp"
+
+namespace tidalcrest::fuzz {
+
+using namespace sync;
+
+namespace {
+
+constexpr std::int64_t FREE_BYTES = std::int64_t{1} << 40;
+
+// The path rule once more, written from its text.
+bool is_relative_path(const std::string& path) {
+  constexpr std::string_view OTHERS = "-._~!$&'()*+,;=:@/";
+  if (path.empty() || path.size() > 1024) return false;
+  for (const char c : path) {
+    const bool letter_or_digit = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    if (!letter_or_digit && OTHERS.find(c) == std::string_view::npos) return false;
+  }
+  for (std::size_t at = 0; at <= path.size();) {
+    const std::size_t slash = std::min(path.find('/', at), path.size());
+    const std::string segment = path.substr(at, slash - at);
+    if (segment.empty() || segment == "." || segment == ".." || segment.size() > 250) return false;
+    at = slash + 1;
+  }
+  return true;
+}
+
+void check_declared_files(const Manifest& manifest) {
+  for (const auto& [path, entry] : manifest.files().get_ref<const Document::object_t&>()) {
+    require(is_relative_path(path), "a path of an accepted manifest breaks the path rule");
+    require(entry.is_object(), "an entry of an accepted manifest is no object");
+    for (auto slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1))
+      require(!manifest.files().contains(path.substr(0, slash)), "a path is a directory of another");
+  }
+}
+
+}  // namespace
+
+void feed_manifest(std::string_view bytes) {
+  static const sync::testing::TempDir data;
+  const Manifest manifest(_parse_full_distribution_manifest_bytes(bytes, "fuzzed manifest"));
+  check_declared_files(manifest);
+  _require_manifest_market_identity(manifest, 1, "fuzzed manifest");
+  const FeaturePaths paths(manifest);
+  for (const auto& path : _vocabulary_manifest_paths(manifest)) _vocabulary_named_universe_from_path(path);
+
+  ActiveViewHolder active{std::make_shared<ActiveView>()};
+  const SearchConsumers consumers(active);
+  RotationPlanner planner(data.path(), std::nullopt, consumers, {});
+  const PlannedRotation planned = planner._plan_feature_rotation_for_sync(manifest, FREE_BYTES);
+  RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, FREE_BYTES);
+  for (const auto& path : planned.rotation_plan.selection.active_relative_paths)
+    require(is_relative_path(path), "a planned path breaks the path rule");
+}
+
+void feed_paths(std::string_view bytes) {
+  const std::string path(bytes);
+  const bool right = is_relative_path(path);
+  bool accepted = true;
+  try {
+    client_manifest::validate_manifest_relative_path(path);
+  } catch (const ValueError&) {
+    accepted = false;
+  }
+  require(accepted == right, "the path rule and its twin differ");
+  if (!right) return;
+  const std::string url = _manifest_file_url("https://api.example", path, "https://data.example/base");
+  require(url == "https://data.example/base/" + path,
+          "an accepted path does not stand in its address as it is");
+}
+
+void feed_signals_index(std::string_view bytes) {
+  const Document manifest = {
+      {"era_number", 7},
+      {"market_id", 1},
+      {"signals_index", {{"schema_version", 1}, {"path", "signals_index.json"}}},
+      {"files",
+       {{"signals_index.json",
+         {{"kind", "signals_index"}, {"sha256", sha256_hex(bytes)}, {"size_bytes", bytes.size()}}},
+        {"found_signals/u1/s1/is/pnl.arrow", {{"kind", "found_signal_is_pnl"}}}}}};
+  const auto accepted = client_manifest::validate_accepted_distribution_set(manifest, bytes);
+  for (const char* section : {"found_signals", "found_strategies", "useful_signals"})
+    require(accepted.signals_index_document.at(section).is_object(), "a section is no object");
+}
+
+void feed_vocabulary(std::string_view bytes) {
+  const auto parts = parts_of(bytes, 2);
+  const Document vocabulary = _validate_vocabulary_bytes(parts[0], 1, "u1");
+  const Document merged = merge_functions_vocabulary(parse_strict_json(parts[1]), vocabulary, "u1", 1);
+  require(merged.is_object(), "a merged vocabulary is no object");
+  for (const auto& [key, value] : vocabulary.get_ref<const Document::object_t&>())
+    require(merged.contains(key), "a merge lost a member of the vocabulary");
+}
+
+}  // namespace tidalcrest::fuzz

@@ -1,0 +1,158 @@
+"""Another process swaps members, directories and roots for links, sockets, FIFOs, directories and hard links to
+outside files, while syncs, proofs and sweeps run. Nothing outside is read into a cohort, written or removed."""
+
+import os
+import random
+import shutil
+import socket
+import threading
+import time
+from pathlib import Path
+
+from crowd import Member
+from world import COHORTS, Finding, Origin, World, leftovers, remove, sha256, wrong_members
+
+SEED = 11
+CAST = ["write-loop", "write-loop", "verify-loop", "sweep-loop"]
+MARK = b"from outside the data directory\n"
+
+
+class Attacker(threading.Thread):
+    def __init__(self, data, outside):
+        super().__init__()
+        self.data, self.outside = Path(data), Path(outside)
+        self.randomness = random.Random(SEED)
+        self.stopping = threading.Event()
+        self.swaps = 0
+
+    def run(self):
+        while not self.stopping.is_set():
+            try:
+                self.swap(self.victim())
+            except (OSError, IndexError):
+                pass  # somebody else was faster
+            time.sleep(0.002)
+
+    def victim(self):
+        choice = self.randomness.random()
+        if choice < 0.03:
+            return self.data / COHORTS
+        if choice < 0.08:
+            return self.data / self.randomness.choice(["sync-progress.json", ".sync_hash_cache.json",
+                                                       "feature-rotation-state.json", ".consumer_count"])
+        roots = [path for path in (self.data / COHORTS).iterdir() if path.is_dir()]
+        root = self.randomness.choice(roots)
+        if choice < 0.12:
+            return root
+        inside = list(root.rglob("*"))
+        target = self.randomness.choice(inside)
+        # A name that a transfer is about to open.
+        return target.with_name(target.name + ".tmp") if choice < 0.4 else target
+
+    def swap(self, victim):
+        aside = victim.with_name(victim.name + ".aside")
+        was_there = os.path.lexists(victim)
+        if was_there:
+            os.rename(victim, aside)
+        kind = self.randomness.randrange(7)
+        if kind == 0:
+            os.symlink(self.outside / "file", victim)
+        elif kind == 1:
+            os.symlink(self.outside / "directory", victim)
+        elif kind == 2:
+            os.link(self.outside / "linked", victim)
+        elif kind == 3:
+            os.mkfifo(victim)
+        elif kind == 4:
+            os.mkdir(victim)
+        elif kind == 5:
+            os.symlink("/dev/zero", victim)
+        else:
+            with socket.socket(socket.AF_UNIX) as listening:
+                listening.bind(str(victim))
+        self.swaps += 1
+        # Roots come back, or nothing would ever get far; members sometimes do.
+        if was_there and (victim.parent in (self.data, self.data / COHORTS) or self.randomness.random() < 0.5):
+            time.sleep(self.randomness.choice([0, 0.001, 0.01]))
+            take_away(victim)
+            os.rename(aside, victim)
+        else:
+            take_away(aside)
+
+
+def take_away(path):
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path, ignore_errors=True)
+    elif os.path.lexists(path):
+        os.unlink(path)
+
+
+def build_outside(outside):
+    (outside / "directory" / "deeper").mkdir(parents=True)
+    for name in ("file", "linked", "directory/member.tmp", "directory/deeper/file", "directory/manifest.json"):
+        (outside / name).write_bytes(MARK * 50)
+
+
+def picture(outside):
+    return {str(path.relative_to(outside)): sha256(path.read_bytes()) for path in sorted(outside.rglob("*"))
+            if path.is_file()}
+
+
+def run(programs, work, options, tell):
+    seconds = 5 if options.quick else min(options.seconds, 60)
+    origin = Origin(programs, work)
+    cast = []
+    attacker = None
+    try:
+        world = World(programs, work, origin)
+        data = world.fresh_data()
+        outside = Path(work) / "outside"
+        build_outside(outside)
+        before = picture(outside)
+        world.must("sync", data)
+        attacker = Attacker(data, outside)
+        attacker.start()
+        cast = [Member(world, operation, data, seconds) for operation in CAST]
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            time.sleep(0.7)
+            origin.evolve("--change", "6")
+        kinds = set()
+        for member in cast:
+            outcome = member.outcome()
+            if not outcome["ok"]:
+                raise Finding(f"{member.operation}: {outcome['wrong']}")
+            kinds |= {text.partition(":")[0] for text in outcome["failures"]}
+        attacker.stopping.set()
+        attacker.join()
+        if picture(outside) != before:
+            raise Finding(f"something outside was changed: {before} became {picture(outside)}")
+        for path in list(data.rglob("*.aside")):
+            take_away(path)
+        settle(world, data)
+        marked = [str(path) for path in (data / COHORTS).rglob("*")
+                  if path.is_file() and not path.is_symlink() and MARK in path.read_bytes()]
+        tell(f"containment: {attacker.swaps} swaps in {seconds} s, failures met: {sorted(kinds)}; files outside unchanged")
+        if wrong_members(data) != [] or any(".cohort-complete.json" in name for name in marked):
+            raise Finding(f"at the end: wrong {wrong_members(data)} (kept in {data})")
+        remove(data)
+        return f"{attacker.swaps} swaps"
+    finally:
+        if attacker:
+            attacker.stopping.set()
+        for member in cast:
+            if member.process.poll() is None:
+                member.process.kill()
+                member.process.wait()
+        origin.close()
+
+
+def settle(world, data):
+    """Once the attacks are over, a sync brings everything in order again, at the latest after its second repair."""
+    for name in ("sync-progress.json", ".sync_hash_cache.json", "feature-rotation-state.json", ".consumer_count"):
+        take_away(data / name) if (data / name).is_symlink() or not (data / name).is_file() else None
+    for _ in range(3):
+        last = world.act("settle", data).document
+        if last["sync"]["ok"] and last["after"]["ok"] and last["after"]["value"]["valid"]:
+            return
+    raise Finding(f"no sync brings the directory in order after the attacks: {last} (kept in {data})")

@@ -1,0 +1,111 @@
+"""Kills an operation at every call that changes the disk or carries data, and looks at what is left."""
+
+from scenarios import ALL
+from world import Finding, left_for_good, leftovers, remove, selected, wrong_members
+
+GROWTH_ROUNDS = 40
+
+
+def check_reader(scenario, chosen, wrong, before):
+    """What a reader in a new process sees is the old cohort or the new one, and what our own proof says of it."""
+    if chosen not in scenario.allowed:
+        raise Finding(f"selected {chosen}, neither the old cohort nor the new one")
+    if not before["ok"]:
+        raise Finding(f"no reader comes up: {before}")
+    if scenario.healthy_before and chosen is not None and wrong != []:
+        raise Finding(f"the selected cohort is not whole: {wrong}")
+    seen = before["value"]
+    if seen["valid"] and seen["selected"] is not None and wrong != []:
+        raise Finding(f"a reader takes for whole what is not: {wrong}")
+    if wrong == [] and seen["selected"] != chosen:
+        raise Finding(f"a reader does not see the whole cohort that is selected: {before}")
+
+
+def settle(scenario, data):
+    """Reader, second run, reader; nothing is left over."""
+    chosen, wrong = selected(data), wrong_members(data)
+    if scenario.operation[0] != "sync":
+        check_reader(scenario, chosen, wrong, scenario.world.must("read", data).document)
+        scenario.finish(data)
+        chosen, wrong = selected(data), wrong_members(data)
+    outcome = scenario.world.act("settle", data).document
+    check_reader(scenario, chosen, wrong, outcome["before"])
+    if not outcome["sync"]["ok"] or not outcome["after"]["ok"] or not outcome["after"]["value"]["valid"]:
+        raise Finding(f"no second sync completes: {outcome}")
+    if selected(data) != scenario.new or wrong_members(data) != []:
+        raise Finding(f"after the second sync: selected {selected(data)}, wrong {wrong_members(data)}")
+    if left_for_good(scenario.world, data):
+        raise Finding(f"left over after the second sync: {leftovers(data)}")
+
+
+def kill_points(scenario, step):
+    """Kills before call 1, 1 + step, ... until the operation ends before its turn."""
+    number = 1
+    kills = 0
+    while True:
+        data = scenario.fresh()
+        plan = f"kill-before any {number}"
+        outcome = scenario.run(data, plan=plan)
+        try:
+            settle(scenario, data)
+        except Finding as finding:
+            raise Finding(f"{scenario.name}, {plan}: {finding} (kept in {data})") from finding
+        remove(data)
+        if not outcome.killed:
+            return kills
+        kills += 1
+        number += step
+
+
+def torn_writes(scenario, step):
+    """Half of a write reaches the file, then the process ends."""
+    number = 1
+    kills = 0
+    while True:
+        data = scenario.fresh()
+        plan = f"kill-torn write {number}"
+        outcome = scenario.run(data, plan=plan)
+        try:
+            settle(scenario, data)
+        except Finding as finding:
+            raise Finding(f"{scenario.name}, {plan}: {finding} (kept in {data})") from finding
+        remove(data)
+        if not outcome.killed:
+            return kills
+        kills += 1
+        number += step
+
+
+def growth(scenario, calls):
+    """Kill after kill without a sync in between that completes: what lies about settles at some level."""
+    data = scenario.fresh()
+    counts = []
+    for round_number in range(GROWTH_ROUNDS):
+        # At moments all over the operation first, then at one and the same again and again.
+        moment = calls // 2 if round_number >= 8 else 1 + (round_number * 2 + 1) * calls // 18
+        scenario.run(data, plan=f"kill-before any {moment}")
+        counts.append(len(leftovers(data)))
+    if max(counts[-8:]) > max(counts[-16:-8]):
+        raise Finding(f"{scenario.name}: leftovers grow from round to round: {counts} (kept in {data})")
+    settle(scenario, data)
+    remove(data)
+    return counts
+
+
+def run(programs, work, options, tell):
+    kills = torn = 0
+    for kind in ALL[:2] if options.quick else ALL:
+        scenario = kind(programs, work)
+        try:
+            data = scenario.fresh()
+            calls = scenario.run(data).counters["calls"]
+            remove(data)
+            at = kill_points(scenario, max(1, calls // 12) if options.quick else 1)
+            halves = torn_writes(scenario, 20 if options.quick else 1)
+            lying = growth(scenario, calls)
+            tell(f"kill sweep, {scenario.name}: {calls} calls, {at} kills and {halves} torn writes, all whole; "
+                 f"leftovers over {len(lying)} kills in a row: at most {max(lying)}")
+            kills, torn = kills + at, torn + halves
+        finally:
+            scenario.close()
+    return f"{kills} kill points, {torn} torn writes"

@@ -1,0 +1,218 @@
+#include <sys/resource.h>
+
+#include <fstream>
+
+#include "download/download_fixture.hpp"
+#include "torture/raw_server.hpp"
+
+namespace tidalcrest::sync {
+namespace {
+
+using namespace testing;
+using origin::RecordedRequest;
+
+const std::string SMALL = pattern_bytes(30);   // within one chunk of the fixture
+const std::string LARGE = pattern_bytes(100);  // needs three
+
+// First and last byte that a request asks for; the whole file without a range.
+std::pair<std::size_t, std::size_t> range_of(const std::string& header, std::size_t size) {
+  if (header.empty()) return {0, size - 1};
+  const auto dash = header.find('-');
+  const std::size_t first = std::stoul(header.substr(6, dash - 6));
+  const std::string last = header.substr(dash + 1);
+  return {first, last.empty() ? size - 1 : std::min(std::stoul(last), size - 1)};
+}
+
+enum class RangeHeader { right, wrong_start, wrong_total, missing };
+enum class Length { exact, shorter, longer, empty };
+
+struct Odd {
+  int status = 200;
+  RangeHeader range = RangeHeader::right;
+  Length length = Length::exact;
+};
+
+std::string label_of(const Odd& odd, const std::string& file, std::size_t staged, bool for_ever) {
+  return "status " + std::to_string(odd.status) + ", Content-Range " +
+         std::to_string(static_cast<int>(odd.range)) + ", length " +
+         std::to_string(static_cast<int>(odd.length)) + ", file of " + std::to_string(file.size()) +
+         ", staged " + std::to_string(staged) + (for_ever ? ", for ever" : ", once");
+}
+
+class NetworkMatrix : public DownloadFixture {
+ public:
+  static constexpr int MOST_WAITS = 40;
+
+  NetworkMatrix() {
+    backoff.on_wait([this](const auto&) { ++_waits; });
+  }
+
+  Reply right_answer(const RecordedRequest& request, const std::string& file) const {
+    const std::string range = request.header("Range");
+    const auto [first, last] = range_of(range, file.size());
+    if (first >= file.size()) return {.status = 416};
+    Reply reply{.status = range.empty() ? 200 : 206, .body = file.substr(first, last - first + 1)};
+    if (!range.empty()) reply.headers.emplace("Content-Range", content_range(first, last, file.size()));
+    return reply;
+  }
+
+  Reply odd_answer(const Odd& odd, const RecordedRequest& request, const std::string& file) const {
+    const auto [asked_first, asked_last] = range_of(request.header("Range"), file.size());
+    const std::size_t first = odd.status == 200 ? 0 : std::min(asked_first, file.size() - 1);
+    const std::size_t last = odd.status == 200 ? file.size() - 1 : asked_last;
+    std::string body = file.substr(first, last - first + 1);
+    if (odd.length == Length::shorter) body.resize(body.size() / 2);
+    if (odd.length == Length::longer) body += "bytes that do not belong here";
+    if (odd.length == Length::empty) body.clear();
+    Reply reply{.status = odd.status, .body = std::move(body)};
+    switch (odd.range) {
+      case RangeHeader::right:
+        reply.headers.emplace("Content-Range", content_range(first, last, file.size()));
+        break;
+      case RangeHeader::wrong_start:
+        reply.headers.emplace("Content-Range", content_range(first + 7, last, file.size()));
+        break;
+      case RangeHeader::wrong_total:
+        reply.headers.emplace("Content-Range", content_range(first, last, file.size() * 3));
+        break;
+      case RangeHeader::missing:
+        break;
+    }
+    return reply;
+  }
+
+  // Right bytes in place, or a failure of the contract and nothing in place; gives whether it was the former.
+  bool right_bytes_or_clear_error(const Odd& odd, const std::string& file, std::size_t staged,
+                                  bool for_ever) {
+    const std::string path = "cases/" + std::to_string(++_cases) + ".bin";
+    if (staged > 0) data.write(path + ".tmp", file.substr(0, staged));
+    int answers = 0;
+    server.set_fallback([&](const RecordedRequest& request) -> std::optional<Reply> {
+      if (request.path != url_path(path)) return std::nullopt;
+      return for_ever || ++answers == 1 ? odd_answer(odd, request, file) : right_answer(request, file);
+    });
+    _waits = 0;
+    const ScopedBackoffContext context(
+        {.surface = {}, .data_dir = {}, .stop_requested = [this] { return _waits > MOST_WAITS; }});
+    try {
+      download(path, entry_for(file));
+    } catch (const SyncBackoffCancelled&) {
+      const bool transient = odd.status == 503;
+      EXPECT_TRUE(for_ever && transient) << "repeats for ever";
+      EXPECT_FALSE(data.has(path));
+      return false;
+    } catch (const SyncError&) {
+      EXPECT_FALSE(data.has(path));
+      return false;
+    }
+    EXPECT_EQ(data.read(path), file);
+    return true;
+  }
+
+ private:
+  static std::string content_range(std::size_t first, std::size_t last, std::size_t total) {
+    return "bytes " + std::to_string(first) + "-" + std::to_string(last) + "/" + std::to_string(total);
+  }
+  std::atomic<int> _waits{0};
+  int _cases = 0;
+};
+
+TEST_F(NetworkMatrix, EveryOddAnswerEndsInRightBytesOrAClearError) {
+  int recovered = 0;
+  int combinations = 0;
+  for (const int status : {200, 206, 204, 301, 404, 416, 503}) {
+    for (const auto range :
+         {RangeHeader::right, RangeHeader::wrong_start, RangeHeader::wrong_total, RangeHeader::missing}) {
+      for (const auto length : {Length::exact, Length::shorter, Length::longer, Length::empty}) {
+        for (const std::string* file : {&SMALL, &LARGE}) {
+          for (const std::size_t staged : {std::size_t{0}, std::size_t{1}, file->size() / 2, file->size() - 1,
+                                           file->size(), file->size() + 5}) {
+            for (const bool for_ever : {false, true}) {
+              const Odd odd{status, range, length};
+              SCOPED_TRACE(label_of(odd, *file, staged, for_ever));
+              recovered += right_bytes_or_clear_error(odd, *file, staged, for_ever) ? 1 : 0;
+              ++combinations;
+            }
+          }
+        }
+      }
+    }
+  }
+  RecordProperty("combinations", combinations);
+  EXPECT_GT(recovered, combinations / 3);  // the matrix is not all failure
+}
+
+TEST_F(NetworkMatrix, AResetAtEveryByteIsResumed) {
+  const std::string response =
+      "HTTP/1.1 200 OK\r\nContent-Length: 30\r\nContent-Type: application/octet-stream\r\n\r\n" + SMALL;
+  for (std::size_t at = 0; at <= response.size(); ++at) {
+    SCOPED_TRACE(at);
+    RawServer once([&](const RawServer::Send& send, int connection) {
+      if (connection == 1) {
+        send(response.substr(0, at));
+      } else if (at >= response.size() - SMALL.size() + 1 && at < response.size()) {
+        const std::size_t first = at - (response.size() - SMALL.size());
+        send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(SMALL.size() - first) +
+             "\r\n\r\n" + SMALL.substr(first));
+      } else {
+        send(response);
+      }
+    });
+    options.generation.base_url = once.url();
+    const std::string path = "resets/" + std::to_string(at) + ".bin";
+    download(path, entry_for(SMALL));
+    ASSERT_EQ(data.read(path), SMALL);
+    ASSERT_LE(once.connections(), 2);
+  }
+}
+
+// Peak resident memory of this process so far, in KiB.
+long peak_kib() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+TEST_F(NetworkMatrix, HeadersOfAbsurdSizeAreANetworkFailureAndTakeNoMemory) {
+  const std::string filler(4000, 'x');
+  RawServer absurd([&](const RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\n")) return;
+    for (int line = 0; send("X-Line-" + std::to_string(line) + ": " + filler + "\r\n"); ++line) continue;
+  });
+  RawServer one_line([&](const RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\nX-Line: ")) return;
+    while (send(filler)) continue;
+  });
+  const long before = peak_kib();
+  for (const auto* server : {&absurd, &one_line}) {
+    EXPECT_THROW(client._open_request({server->url() + "/f", {}}, 5.0), OSError);
+  }
+  EXPECT_LT(peak_kib() - before, 16 * 1024);
+}
+
+TEST_F(NetworkMatrix, ABodyWithoutEndIsCutOff) {
+  const std::string filler(1 << 16, 'x');
+  RawServer endless([&](const RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\n\r\n")) return;
+    while (send(filler)) continue;
+  });
+  options.generation.base_url = endless.url();
+  const long before = peak_kib();
+  EXPECT_THROW(download("small.bin", entry_for(SMALL)), SyncError);
+  EXPECT_THROW(download("large.bin", entry_for(LARGE)), SyncError);
+  EXPECT_LT(peak_kib() - before, 16 * 1024);
+  EXPECT_FALSE(data.has("small.bin"));
+}
+
+TEST_F(NetworkMatrix, RedirectsThatLeadNowhereEnd) {
+  RawServer loop([&](const RawServer::Send& send, int connection) {
+    send("HTTP/1.1 302 Found\r\nLocation: /again/" + std::to_string(connection) +
+         "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+  });
+  options.generation.base_url = loop.url();
+  EXPECT_THROW(download("f.bin", entry_for(SMALL)), SyncError);
+  EXPECT_LT(loop.connections(), 60);
+}
+
+}  // namespace
+}  // namespace tidalcrest::sync
