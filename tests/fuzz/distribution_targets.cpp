@@ -16,6 +16,7 @@
 #include "siblings/distribution/manifest_document.hpp"
 #include "siblings/functions/vocabulary.hpp"
 #include "support/temp_dir.hpp"
+#include "tidalcrest/sync/errors.hpp"
 #include "tidalcrest/sync/manifest.hpp"
 
 namespace tidalcrest::fuzz {

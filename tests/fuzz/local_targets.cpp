@@ -7,6 +7,7 @@
 #include "siblings/distribution/rotation_settings.hpp"
 #include "siblings/distribution/shuffle_seed_state.hpp"
 #include "support/temp_dir.hpp"
+#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::fuzz {
 

@@ -5,6 +5,7 @@
 #include "host/json.hpp"
 #include "host/text.hpp"
 #include "manifest/identity.hpp"
+#include "tidalcrest/sync/errors.hpp"
 #include "transport/curl_transport.hpp"
 #include "transport/settings.hpp"
 

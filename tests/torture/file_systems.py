@@ -9,7 +9,7 @@ from pathlib import Path
 
 from world import Finding, Origin, World, remove, selected, wrong_members
 
-LOCAL_FULL = ("DiskSpaceError", "SyncError", "OSError")
+LOCAL_FULL = ("DiskSpaceError", "MandatoryArtifactsTooLargeError", "SyncError", "OSError")
 
 
 @contextlib.contextmanager
