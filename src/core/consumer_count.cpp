@@ -7,6 +7,7 @@
 #include "siblings/distribution/pinned_root.hpp"
 
 namespace tidalcrest::sync {
+
 ConsumerCount::ConsumerCount(const std::string& data_dir) : _data_dir(data_dir) {
   try {
     const auto text = client_manifest::PinnedRoot(_data_dir).read_regular_file_if_present(

@@ -221,6 +221,10 @@ void Transfer::_finish(CURLcode code) {
     throw HTTPError(_target.url, _head.status, fmt::format("HTTP {}", _head.status), _head.headers,
                     readable ? std::move(_error_body) : std::string());
   }
+  // The library takes a connection that ends within the headers for an answer without a body.
+  if (code == CURLE_OK && _body_use == BodyUse::unknown) {
+    throw ConnectionError("the connection ended within the headers of the answer");
+  }
   if (code == CURLE_PARTIAL_FILE && _body_use == BodyUse::to_sink) {
     _cut_short = _error_text[0] != '\0' ? _error_text.data() : curl_easy_strerror(code);
   } else if (code != CURLE_OK) {
@@ -235,6 +239,8 @@ void Transfer::_throw_failure(CURLcode code) const {
     case CURLE_OPERATION_TIMEDOUT:
       throw TimeoutError(why);
     case CURLE_OUT_OF_MEMORY:
+      // Also what the library says of headers that pass its own bound.
+      if (_connected && _body_use == BodyUse::unknown) throw ConnectionError("headers of the answer: " + why);
       throw std::bad_alloc();
     case CURLE_GOT_NOTHING:
     case CURLE_SEND_ERROR:

@@ -142,11 +142,52 @@ TEST_F(NetworkMatrix, EveryOddAnswerEndsInRightBytesOrAClearError) {
   EXPECT_GT(recovered, combinations / 3);  // the matrix is not all failure
 }
 
+TEST_F(NetworkMatrix, AResetAtEveryByteIsResumed) {
+  const std::string response =
+      "HTTP/1.1 200 OK\r\nContent-Length: 30\r\nContent-Type: application/octet-stream\r\n\r\n" + SMALL;
+  for (std::size_t at = 0; at <= response.size(); ++at) {
+    SCOPED_TRACE(at);
+    RawServer once([&](const RawServer::Send& send, int connection) {
+      if (connection == 1) {
+        send(response.substr(0, at));
+      } else if (at >= response.size() - SMALL.size() + 1 && at < response.size()) {
+        const std::size_t first = at - (response.size() - SMALL.size());
+        send("HTTP/1.1 206 Partial Content\r\nContent-Length: " + std::to_string(SMALL.size() - first) +
+             "\r\n\r\n" + SMALL.substr(first));
+      } else {
+        send(response);
+      }
+    });
+    options.generation.base_url = once.url();
+    const std::string path = "resets/" + std::to_string(at) + ".bin";
+    download(path, entry_for(SMALL));
+    ASSERT_EQ(data.read(path), SMALL);
+    ASSERT_LE(once.connections(), 2);
+  }
+}
+
 // Peak resident memory of this process so far, in KiB.
 long peak_kib() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;
+}
+
+TEST_F(NetworkMatrix, HeadersOfAbsurdSizeAreANetworkFailureAndTakeNoMemory) {
+  const std::string filler(4000, 'x');
+  RawServer absurd([&](const RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\n")) return;
+    for (int line = 0; send("X-Line-" + std::to_string(line) + ": " + filler + "\r\n"); ++line) continue;
+  });
+  RawServer one_line([&](const RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\nX-Line: ")) return;
+    while (send(filler)) continue;
+  });
+  const long before = peak_kib();
+  for (const auto* server : {&absurd, &one_line}) {
+    EXPECT_THROW(client._open_request({server->url() + "/f", {}}, 5.0), OSError);
+  }
+  EXPECT_LT(peak_kib() - before, 16 * 1024);
 }
 
 TEST_F(NetworkMatrix, ABodyWithoutEndIsCutOff) {
