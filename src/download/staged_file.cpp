@@ -127,6 +127,7 @@ void StagedFile::_start_write_back() noexcept {
 }
 
 void StagingSink::begin(std::int64_t status, const HeaderMap&) {
+  _status = status;
   _takes_body = _rule.takes(status);
   if (!_takes_body) return;
   if (status == 200) {
@@ -139,7 +140,9 @@ void StagingSink::begin(std::int64_t status, const HeaderMap&) {
 }
 
 void StagingSink::write(std::string_view piece) {
-  if (_takes_body) _staged.append(piece);
+  if (!_takes_body) return;
+  _staged.append(piece);
+  if (_most_bytes > 0 && _staged.size() > _most_bytes) throw MoreThanWanted{};
 }
 
 }  // namespace tidalcrest::sync

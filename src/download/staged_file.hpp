@@ -77,17 +77,27 @@ struct BodyRule {
   }
 };
 
+/// Ends a transfer that has brought more than its file can hold. Not one of the failure family: it never
+/// leaves the attempt, and what has come is left to the digest.
+struct MoreThanWanted {};
+
 /// Writes a body into a staging file while it arrives. An answer that broke off and is asked for again inside
 /// the request engine leaves nothing behind.
 class StagingSink : public BodySink {
  public:
-  StagingSink(StagedFile& staged, BodyRule rule) noexcept : _staged(staged), _rule(rule) {}
+  /// `most_bytes` is what the staging file may hold at the end; 0 bounds nothing.
+  StagingSink(StagedFile& staged, BodyRule rule, std::int64_t most_bytes) noexcept
+      : _staged(staged), _rule(rule), _most_bytes(most_bytes) {}
   void begin(std::int64_t status, const HeaderMap& headers) override;
+  /// Throws `MoreThanWanted`.
   void write(std::string_view piece) override;
+  std::int64_t status() const noexcept { return _status; }
 
  private:
   StagedFile& _staged;
   const BodyRule _rule;
+  const std::int64_t _most_bytes;
+  std::int64_t _status = 0;
   bool _takes_body = false;
 };
 

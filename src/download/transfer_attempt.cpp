@@ -11,6 +11,7 @@ namespace tidalcrest::sync {
 namespace {
 
 constexpr std::int64_t OPEN_END = -1;
+constexpr std::int64_t SURPLUS_BYTES = 1048576;
 
 Document value_or_null(const std::optional<std::int64_t>& value) {
   return value ? Document(*value) : Document();
@@ -42,9 +43,14 @@ void TransferAttempt::fetch() const {
 
 void TransferAttempt::_stream_whole() const {
   const Request request{_terms.url, {{"User-Agent", SYNC_USER_AGENT}}};
-  StagingSink sink(_staged, {.takes_whole = true});
-  const auto answer = _terms.http.client()._download_request_to_file(
-      request, _staged.file(), sink, _sync_http_timeout_seconds(), _terms.http.knobs().transport());
+  StagingSink sink(_staged, {.takes_whole = true}, _most_bytes());
+  HttpClient::StreamResult answer;
+  try {
+    answer = _terms.http.client()._download_request_to_file(
+        request, _staged.file(), sink, _sync_http_timeout_seconds(), _terms.http.knobs().transport());
+  } catch (const MoreThanWanted&) {
+    return;
+  }
   if (answer.head.status != 200) {
     _staged.drop();
     _raise_download_http_status(_terms.file_path, answer.head.status);
@@ -93,11 +99,24 @@ void TransferAttempt::_fetch_small() const {
 
 std::int64_t TransferAttempt::_get(std::int64_t range_start, std::int64_t range_end, BodyRule rule) const {
   _staged.mark();
-  StagingSink sink(_staged, rule);
-  const HttpHead head = _terms.http._http_get_public_to(_terms.url, range_start, range_end, sink);
+  StagingSink sink(_staged, rule, _most_bytes());
+  HttpHead head;
+  try {
+    head = _terms.http._http_get_public_to(_terms.url, range_start, range_end, sink);
+  } catch (const MoreThanWanted&) {
+    return sink.status();
+  }
   // What a broken answer had brought before this one is void with it.
   if (!rule.takes(head.status)) static_cast<void>(_staged.rewind());
   return head.status;
+}
+
+// A body without end must not fill the disk. A little more than declared is let through: the digest tells of
+// it.
+std::int64_t TransferAttempt::_most_bytes() const {
+  std::int64_t most = 0;
+  const bool known = _terms.expected_size > 0;
+  return known && !__builtin_add_overflow(_terms.expected_size, SURPLUS_BYTES, &most) ? most : 0;
 }
 
 EventFields TransferAttempt::_range_fields(std::int64_t range_start, std::int64_t range_end) const {

@@ -45,6 +45,7 @@ class TransferAttempt {
   void _resume_small() const;
   void _fetch_small() const;
   std::int64_t _get(std::int64_t range_start, std::int64_t range_end, BodyRule rule) const;
+  std::int64_t _most_bytes() const;
   EventFields _range_fields(std::int64_t range_start, std::int64_t range_end) const;
   [[noreturn]] void _reset_resume(EventFields fields) const;
 

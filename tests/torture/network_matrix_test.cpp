@@ -197,10 +197,13 @@ TEST_F(NetworkMatrix, ABodyWithoutEndIsCutOff) {
     while (send(filler)) continue;
   });
   options.generation.base_url = endless.url();
+  std::int64_t most_staged = 0;
+  progress->on_staged = [&](std::int64_t staged) { most_staged = std::max(most_staged, staged); };
   const long before = peak_kib();
   EXPECT_THROW(download("small.bin", entry_for(SMALL)), SyncError);
   EXPECT_THROW(download("large.bin", entry_for(LARGE)), SyncError);
   EXPECT_LT(peak_kib() - before, 16 * 1024);
+  EXPECT_LT(most_staged, 8 << 20);  // nor does it fill the disk
   EXPECT_FALSE(data.has("small.bin"));
 }
 
