@@ -127,7 +127,8 @@ bool take_identities(TextScanner& scanner, ArtifactIdentities& identities) {
 std::optional<SplitRecord> split_own_form(const std::string& bytes) try {
   TextScanner scanner(bytes);
   SplitRecord record;
-  auto& [paths, identities] = record.members;
+  auto& paths = record.members.active_relative_paths;
+  auto& identities = record.members.artifact_identities;
   if (!scanner.take("{\"active_relative_paths\":[") || !take_paths(scanner, paths)) return std::nullopt;
   if (!scanner.take("],\"artifact_identities\":{") || !take_identities(scanner, identities))
     return std::nullopt;
