@@ -43,7 +43,7 @@ void HeaderMap::set(std::string name, std::string value) {
 void HeaderMap::add_line(std::string_view line) {
   const auto colon = line.find(':');
   if (colon == std::string_view::npos) return;
-  set(utf8_from_latin1(text::strip(line.substr(0, colon))),
+  set(text::strip(utf8_from_latin1(line.substr(0, colon))),
       text::strip(utf8_from_latin1(line.substr(colon + 1))));
 }
 

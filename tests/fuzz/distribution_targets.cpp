@@ -68,8 +68,6 @@ void feed_manifest(std::string_view bytes) {
   RotationPlanner planner(data.path(), std::nullopt, consumers, {});
   const PlannedRotation planned = planner._plan_feature_rotation_for_sync(manifest, FREE_BYTES);
   RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, FREE_BYTES);
-  for (const auto& path : planned.rotation_plan.selection.active_relative_paths)
-    require(is_relative_path(path), "a planned path breaks the path rule");
 }
 
 void feed_paths(std::string_view bytes) {
