@@ -28,7 +28,10 @@ class Attacker(threading.Thread):
     def run(self):
         while not self.stopping.is_set():
             try:
-                self.swap(self.victim())
+                victim = self.victim()
+                # Not through a link of our own making: the attack is on the data directory only.
+                if victim.parent.resolve().is_relative_to(self.data.resolve()):
+                    self.swap(victim)
             except (OSError, IndexError):
                 pass  # somebody else was faster
             time.sleep(0.002)
@@ -126,7 +129,9 @@ def run(programs, work, options, tell):
         attacker.stopping.set()
         attacker.join()
         if picture(outside) != before:
-            raise Finding(f"something outside was changed: {before} became {picture(outside)}")
+            now = picture(outside)
+            changed = {name for name in before.keys() | now.keys() if before.get(name) != now.get(name)}
+            raise Finding(f"something outside was changed: {sorted(changed)} (kept in {outside})")
         for path in list(data.rglob("*.aside")):
             take_away(path)
         settle(world, data)
