@@ -72,7 +72,7 @@ void on_threads(unsigned threads, const Work& work) {
         work();
       } catch (const std::exception& failure) {
         std::fprintf(stderr, "%s\n", failure.what());
-        std::_Exit(1);
+        std::quick_exit(1);
       }
     });
   }

@@ -14,23 +14,18 @@ using sync::Document;
 
 constexpr auto REPEAT_INTERVAL = std::chrono::minutes(1);
 
-std::string utc_now() {
+// The present time in a form of `strftime`, broken down by `gmtime_r` or `localtime_r`.
+std::string time_now(const char* form, std::tm* (*broken_down)(const std::time_t*, std::tm*)) {
   const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
+  std::tm fields{};
+  broken_down(&now, &fields);
   char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+  std::strftime(text, sizeof text, form, &fields);
   return text;
 }
 
-std::string local_time() {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  localtime_r(&now, &parts);
-  char text[16];
-  std::strftime(text, sizeof text, "%H:%M:%S", &parts);
-  return text;
-}
+std::string utc_now() { return time_now("%Y-%m-%dT%H:%M:%SZ", gmtime_r); }
+std::string local_time() { return time_now("%H:%M:%S", localtime_r); }
 
 const Document* event_of(const sync::LogRecord& record) {
   if (record.extra == nullptr) return nullptr;

@@ -38,13 +38,13 @@ def settle(scenario, data):
         raise Finding(f"left over after the second sync: {leftovers(data)}")
 
 
-def kill_points(scenario, step):
-    """Kills before call 1, 1 + step, ... until the operation ends before its turn."""
+def kill_points(scenario, step, kind="kill-before any"):
+    """Kills at call 1, 1 + step, ... until the operation ends before its turn."""
     number = 1
     kills = 0
     while True:
         data = scenario.fresh()
-        plan = f"kill-before any {number}"
+        plan = f"{kind} {number}"
         outcome = scenario.run(data, plan=plan)
         try:
             settle(scenario, data)
@@ -59,21 +59,7 @@ def kill_points(scenario, step):
 
 def torn_writes(scenario, step):
     """Half of a write reaches the file, then the process ends."""
-    number = 1
-    kills = 0
-    while True:
-        data = scenario.fresh()
-        plan = f"kill-torn write {number}"
-        outcome = scenario.run(data, plan=plan)
-        try:
-            settle(scenario, data)
-        except Finding as finding:
-            raise Finding(f"{scenario.name}, {plan}: {finding} (kept in {data})") from finding
-        remove(data)
-        if not outcome.killed:
-            return kills
-        kills += 1
-        number += step
+    return kill_points(scenario, step, kind="kill-torn write")
 
 
 def growth(scenario, calls):
@@ -85,7 +71,8 @@ def growth(scenario, calls):
         moment = calls // 2 if round_number >= 8 else 1 + (round_number * 2 + 1) * calls // 18
         scenario.run(data, plan=f"kill-before any {moment}")
         counts.append(len(leftovers(data)))
-    if max(counts[-8:]) > max(counts[-16:-8]):
+    # The moment of the kill varies a little with the threads, and what lies about with it; growth raises the least of it.
+    if min(counts[-8:]) > min(counts[8:16]):
         raise Finding(f"{scenario.name}: leftovers grow from round to round: {counts} (kept in {data})")
     settle(scenario, data)
     remove(data)

@@ -15,17 +15,15 @@ namespace {
 constexpr const char* SYSTEM_TAG = "linux";
 #elif defined(__APPLE__)
 constexpr const char* SYSTEM_TAG = "macosx";
-#elif defined(_WIN32)
-constexpr const char* SYSTEM_TAG = "win";
 #else
 constexpr const char* SYSTEM_TAG = "unknown";
 #endif
 
-#if defined(__x86_64__) || defined(_M_X64)
+#if defined(__x86_64__)
 constexpr const char* MACHINE_TAG = "x86_64";
 #elif defined(__aarch64__) && defined(__APPLE__)
 constexpr const char* MACHINE_TAG = "arm64";
-#elif defined(__aarch64__) || defined(_M_ARM64)
+#elif defined(__aarch64__)
 constexpr const char* MACHINE_TAG = "aarch64";
 #elif defined(__riscv) && __riscv_xlen == 64
 constexpr const char* MACHINE_TAG = "riscv64";
