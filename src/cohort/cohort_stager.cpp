@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <future>
 #include <limits>
 #include <set>
 #include <unordered_set>
@@ -18,6 +19,7 @@
 #include "host/json.hpp"
 #include "host/scope_exit.hpp"
 #include "host/text.hpp"
+#include "host/threads.hpp"
 #include "manifest/identity.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
@@ -88,6 +90,19 @@ void require_disk_space(std::int64_t total_needed, std::int64_t free_bytes) {
                                    total_needed, free_bytes));
 }
 
+// Writes back what is staged while it is still proven, so that the one flush before the publication finds
+// little left to do: it is a quarter of a first sync otherwise.
+std::future<void> begin_flush(const std::string& root) {
+  try {
+    return std::async(std::launch::async, [root] {
+      set_thread_name("tc-sync-flush");
+      local_cohort::make_durable(root);
+    });
+  } catch (const std::system_error&) {
+    return {};  // no thread to be had: the flush before the publication does it all
+  }
+}
+
 bool any_vocabulary(const FilesToDownload& files) {
   return std::any_of(files.begin(), files.end(), [](const FileToDownload& file) {
     return _vocabulary_named_universe_from_path(file.file_path).has_value();
@@ -145,6 +160,8 @@ class StagingRun {
  private:
   void reuse_signals_index(const std::string& path, const Document& info) const;
   void download_members();
+  void end_flush();
+  void drop_proof();
   Vocabularies prove_root(const std::string& root) const;
 
   const std::string& _data_dir;
@@ -166,6 +183,7 @@ class StagingRun {
   std::vector<std::string> _completion_paths;
   local_cohort::ArtifactIdentities _artifact_identities;
   local_cohort::CompletionRecord _completion;
+  std::future<void> _flush;  // of the staged members; its end is waited for on every way out
   std::shared_ptr<const local_cohort::Selection> _selection;
   std::shared_ptr<const Vocabularies> _selected_vocabularies;
 };
@@ -184,6 +202,13 @@ void StagingRun::download_members() {
   if (!files.empty()) _write_sync_progress_json(_data_dir, _manifest, files, _seams);
   _with.downloads._download_files_parallel(files, _request.result, generation_of(_manifest),
                                            _roots.candidate_root);
+  _flush = begin_flush(_roots.candidate_root);
+  _members.files_to_download = {};
+}
+
+// A disk that fails tells each error once only: what the early flush hears must end the staging.
+void StagingRun::end_flush() {
+  if (_flush.valid()) _flush.get();
 }
 
 void StagingRun::gather_members() {
@@ -228,14 +253,15 @@ void StagingRun::prepare_promotion() {
 
 void StagingRun::prove_members_and_complete() {
   _progress.on_phase("proving");
-  _completion_paths = _members.selected_paths;
+  DerivedArtifacts snapshots =
+      derive_runtime_snapshots(_manifest, _roots.candidate_root, _members.selected_paths);
+  _completion_paths = std::move(_members.selected_paths);
   if (std::find(_completion_paths.begin(), _completion_paths.end(), _signals_index_path) ==
       _completion_paths.end()) {
     _completion_paths.push_back(_signals_index_path);
   }
   std::map<std::string, Document> derived_artifacts;
-  for (auto& [snapshot_path, mapping] :
-       derive_runtime_snapshots(_manifest, _roots.candidate_root, _members.selected_paths)) {
+  for (auto& [snapshot_path, mapping] : snapshots) {
     _completion_paths.push_back(snapshot_path);
     derived_artifacts[snapshot_path] = std::move(mapping);
   }
@@ -245,11 +271,20 @@ void StagingRun::prove_members_and_complete() {
   _completion = local_cohort::build_completion_payload(_manifest_bytes, _completion_paths,
                                                        _artifact_identities, derived_artifacts);
   local_cohort::complete_generation(_roots.candidate_root, _manifest_bytes, _completion);
+  if (!_roots.same_identity) drop_proof();
+}
+
+// Only a repair needs it further; for a large generation it is most of what a staging holds.
+void StagingRun::drop_proof() {
+  _completion_paths = {};
+  _artifact_identities = {};
+  _completion = {};
 }
 
 void StagingRun::publish() {
   if (_request.pre_publish_check) _request.pre_publish_check();
   _progress.on_phase("publishing");
+  end_flush();
   if (_roots.same_identity) {
     repair_active_generation(_roots.candidate_root, _roots.active_root, _completion_paths,
                              _artifact_identities);

@@ -5,6 +5,13 @@
 #include "host/threads.hpp"
 
 namespace tidalcrest::sync {
+namespace {
+
+// The caller only adds up what went well: woken for every small file, it would take the processor from the
+// workers as often as they end one.
+constexpr std::size_t ENDS_PER_WAKING = 64;
+
+}  // namespace
 
 DownloadPool::DownloadPool(std::size_t tasks, std::size_t workers, Task task)
     : _tasks(tasks), _task(std::move(task)), _is_handed_out(tasks, false) {
@@ -76,11 +83,14 @@ std::optional<std::size_t> DownloadPool::_take() {
 }
 
 void DownloadPool::_put(End end) {
+  bool worth_waking = end.failure != nullptr;
   {
     const std::lock_guard lock(_mutex);
     _ends.push_back(std::move(end));
+    const bool is_last = _handed_out + _ends.size() == _tasks;
+    worth_waking = worth_waking || is_last || _ends.size() % ENDS_PER_WAKING == 0;
   }
-  _ended.notify_one();
+  if (worth_waking) _ended.notify_one();
 }
 
 }  // namespace tidalcrest::sync

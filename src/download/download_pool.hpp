@@ -36,6 +36,7 @@ class DownloadPool {
   ~DownloadPool();
 
   /// Waits for the next task to end. Absent when all ends were handed out, or when the deadline has passed.
+  /// A failure and the last end are handed on at once, other ends perhaps some at a time.
   std::optional<End> next_end(const Deadline& deadline = {});
   /// Starts no further task.
   void cancel();

@@ -59,8 +59,12 @@ void FileDownloader::_download_file(const FileToDownload& file, SyncResult& resu
   const std::string& target =
       options.target_data_dir && !options.target_data_dir->empty() ? *options.target_data_dir : _data_dir;
   try {
-    const client_manifest::PinnedRoot pinned_root(target, /*create=*/true);
-    _download_file_pinned(file, result, options, target, pinned_root);
+    if (options.pinned_root) {
+      _download_file_pinned(file, result, options, target, *options.pinned_root);
+    } else {
+      const client_manifest::PinnedRoot pinned_root(target, /*create=*/true);
+      _download_file_pinned(file, result, options, target, pinned_root);
+    }
   } catch (const SyncError&) {
     throw;
   } catch (const OSError& failure) {

@@ -72,10 +72,13 @@ TransferredFile FileTransfer::run() {
     const TransferAttempt attempt(_terms, _attempt, staged);
     Repeat repeat = _transfer(staged, attempt);
     if (_partial_transfer_exhausted) throw incomplete_download(_terms, *_partial_transfer_exhausted);
-    if (!repeat) repeat = _check_digest(staged, attempt);
     if (!repeat) {
-      staged.close();
-      return {staged.size(), staged.hexdigest()};
+      std::string actual_sha = staged.hexdigest();
+      repeat = _check_digest(staged, attempt, actual_sha);
+      if (!repeat) {
+        staged.close();
+        return {staged.size(), std::move(actual_sha)};
+      }
     }
     _wait_before_next(staged, repeat);
   }
@@ -133,8 +136,8 @@ FileTransfer::Repeat FileTransfer::_check_size(StagedFile& staged, const Transfe
   return {"partial_transfer"};
 }
 
-FileTransfer::Repeat FileTransfer::_check_digest(StagedFile& staged, const TransferAttempt& attempt) {
-  const std::string actual_sha = staged.hexdigest();
+FileTransfer::Repeat FileTransfer::_check_digest(StagedFile& staged, const TransferAttempt& attempt,
+                                                 const std::string& actual_sha) {
   if (_terms.expected_sha.empty() || _terms.expected_sha == actual_sha) return {};
   const EventFields fields{{"expected_sha", _terms.expected_sha}, {"actual_sha", actual_sha}};
   attempt.abandon_if_superseded("sha256_mismatch", fields);

@@ -52,7 +52,7 @@ class FileTransfer {
   StagedFile _open_staged();
   Repeat _transfer(StagedFile& staged, const TransferAttempt& attempt);
   Repeat _check_size(StagedFile& staged, const TransferAttempt& attempt);
-  Repeat _check_digest(StagedFile& staged, const TransferAttempt& attempt);
+  Repeat _check_digest(StagedFile& staged, const TransferAttempt& attempt, const std::string& actual_sha);
   void _discard(StagedFile& staged) const;
   void _wait_before_next(StagedFile& staged, const Repeat& repeat) const;
 

@@ -3,9 +3,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <set>
 #include <system_error>
+#include <utility>
 
 #include "host/digest.hpp"
 #include "host/integer.hpp"
@@ -32,11 +35,30 @@ std::string text_member(const Document& file_info, const char* key) {
   return value != nullptr && text::truthy(*value) ? text::str(*value) : std::string();
 }
 
-Document progress_entry(const Document& file_info) {
-  Document entry = {{"kind", text_member(file_info, "kind")},
-                    {"platform", text_member(file_info, "platform")}};
-  if (const auto [known, size] = manifest_file_size(file_info); known) entry["size_bytes"] = size;
-  return entry;
+const Document& entry_of(const FileToDownload& file) {
+  static const Document no_entry = Document::object();
+  return file.file_info == nullptr ? no_entry : *file.file_info;
+}
+
+// Keys sorted at every level. Written as it goes: a document of it would hold a large download set once more.
+std::string progress_entries(const FilesToDownload& files_to_download) {
+  std::vector<const FileToDownload*> sorted;
+  sorted.reserve(files_to_download.size());
+  for (const auto& file : files_to_download) sorted.push_back(&file);
+  std::sort(sorted.begin(), sorted.end(),
+            [](const auto* a, const auto* b) { return a->file_path < b->file_path; });
+  std::string entries = "{";
+  const char* separator = "";
+  for (const auto* file : sorted) {
+    const Document& entry = entry_of(*file);
+    fmt::format_to(std::back_inserter(entries), R"({}{}: {{"kind": {}, "platform": {})",
+                   std::exchange(separator, ", "), dump_json(file->file_path),
+                   dump_json(text_member(entry, "kind")), dump_json(text_member(entry, "platform")));
+    if (const auto [known, size] = manifest_file_size(entry); known)
+      fmt::format_to(std::back_inserter(entries), R"(, "size_bytes": {})", size);
+    entries += '}';
+  }
+  return entries += '}';
 }
 
 void log_failed_tmp_removal(const std::string& file_path, const std::exception& failure) {
@@ -88,30 +110,20 @@ std::string _sync_progress_path(const std::string& data_dir) {
 
 void _write_sync_progress_json(const std::string& data_dir, const Manifest& manifest,
                                const FilesToDownload& files_to_download, const Seams& seams) {
-  static const Document no_entry = Document::object();
-  Document files = Document::object();
-  files.get_ref<Document::object_t&>().reserve(files_to_download.size());
   Document unknown_size_files = Document::array();
   std::uint64_t total_bytes = 0;
-  for (const auto& [file_path, file_info] : files_to_download) {
-    const Document& entry = file_info == nullptr ? no_entry : *file_info;
-    const auto [known, size] = manifest_file_size(entry);
-    if (!known) unknown_size_files.push_back(file_path);
+  for (const auto& file : files_to_download) {
+    const auto [known, size] = manifest_file_size(entry_of(file));
+    if (!known) unknown_size_files.push_back(file.file_path);
     total_bytes += static_cast<std::uint64_t>(size);
-    files[file_path] = progress_entry(entry);
   }
-  const bool all_known = unknown_size_files.empty();
-  Document progress = {
-      {"phase", "syncing"},
-      {"era_number", integer_or_zero(manifest.era_number())},
-      {"version", integer_or_zero(manifest.version())},
-      {"updated_at", seams.wall_seconds()},
-      {"total_bytes", total_bytes},
-      {"total_bytes_known", all_known},
-      {"unknown_size_files", std::move(unknown_size_files)},
-      {"files", std::move(files)},
-  };
-  _atomic_write(_sync_progress_path(data_dir), dump_json(progress, {.sort_keys = true}));
+  const std::string progress = fmt::format(
+      R"({{"era_number": {}, "files": {}, "phase": "syncing", "total_bytes": {}, "total_bytes_known": {}, )"
+      R"("unknown_size_files": {}, "updated_at": {}, "version": {}}})",
+      integer_or_zero(manifest.era_number()), progress_entries(files_to_download), total_bytes,
+      unknown_size_files.empty(), dump_json(unknown_size_files), dump_json(seams.wall_seconds()),
+      integer_or_zero(manifest.version()));
+  _atomic_write(_sync_progress_path(data_dir), progress);
 }
 
 void _remove_sync_progress_json(const std::string& data_dir) {

@@ -46,6 +46,19 @@ void merge(SyncResult& result, SyncResult local) {
             std::back_inserter(paths));
 }
 
+// One root for all files. Where it cannot be pinned, each file fails by itself and tells why.
+std::shared_ptr<const client_manifest::PinnedRoot> pinned_if_possible(
+    const std::optional<std::string>& target_data_dir) {
+  if (!target_data_dir || target_data_dir->empty()) return nullptr;
+  try {
+    return std::make_shared<const client_manifest::PinnedRoot>(*target_data_dir, /*create=*/true);
+  } catch (const OSError&) {
+    return nullptr;
+  } catch (const ValueError&) {
+    return nullptr;
+  }
+}
+
 DownloadPool::Deadline deadline_of(std::optional<double> timeout_seconds) {
   if (!timeout_seconds) return std::nullopt;
   using Clock = std::chrono::steady_clock;
@@ -87,6 +100,7 @@ void ParallelDownloader::_download_files_parallel(const FilesToDownload& files_t
   DownloadOptions options;
   options.generation = generation;
   options.target_data_dir = target_data_dir;
+  options.pinned_root = pinned_if_possible(target_data_dir);
   const auto max_workers =
       std::min(files_to_download.size(), static_cast<std::size_t>(_knobs.max_concurrency()));
   if (max_workers > 1) return _download_with_workers(files_to_download, result, options, max_workers);

@@ -26,8 +26,8 @@ Document member_or_null(const Document& object, const char* key) {
 class Outage {
  public:
   Outage(const Request& request, const Seams& seams)
-      : _url(request.full_url.empty() ? "<unknown>" : request.full_url),
-        _event_file(_sync_event_file_from_url(request.full_url)),
+      : _request(request),
+        _url(request.full_url.empty() ? "<unknown>" : request.full_url),
         _started_at(seams.monotonic_seconds()),
         _seams(seams) {}
 
@@ -64,7 +64,7 @@ class Outage {
   }
 
   void wait() {
-    _emit_sync_backoff_wait(WAIT_SURFACE, _attempt_index, _reason, _event_file, _wait_s, _seams);
+    _emit_sync_backoff_wait(WAIT_SURFACE, _attempt_index, _reason, _event_file(), _wait_s, _seams);
     _sleep_for_sync_backoff(_wait_s, _seams);
     ++_attempt_index;
   }
@@ -74,6 +74,8 @@ class Outage {
   }
 
  private:
+  std::string _event_file() const { return _sync_event_file_from_url(_request.full_url); }
+
   void _prepare_wait(std::string reason) {
     _reason = std::move(reason);
     _wait_s = _backoff_delay_seconds(_attempt_index);
@@ -84,15 +86,15 @@ class Outage {
       _emit_status("sync_unavailable_status", details);
       _status_emitted = true;
     }
-    _log_sync_event("http_retry", _event_file, _attempt_index + 1, _reason, fields);
+    _log_sync_event("http_retry", _event_file(), _attempt_index + 1, _reason, fields);
   }
 
   void _emit_status(const char* event_type, const Document& details) const {
     _emit_sync_unavailable_status(event_type, _url, _statuses, _failures, details, _started_at, _seams);
   }
 
+  const Request& _request;
   const std::string _url;
-  const std::string _event_file;
   const double _started_at;
   const Seams& _seams;
   std::vector<std::int64_t> _statuses;

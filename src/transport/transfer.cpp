@@ -165,22 +165,18 @@ void Transfer::_headers_are_complete() {
     _body_use = BodyUse::error_text;
   } else {
     _body_use = BodyUse::to_sink;
+    curl_off_t declared_bytes = -1;
+    curl_easy_getinfo(_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &declared_bytes);
+    _awaited_bytes = declared_bytes;
     _sink.begin(status, _head.headers);
   }
 }
 
 bool Transfer::_take_body(std::string_view bytes) {
   switch (_body_use) {
-    case BodyUse::to_sink: {
-      const auto piece_bytes = static_cast<std::size_t>(_sync_http_response_read_bytes());
-      while (!bytes.empty()) {
-        const auto part = bytes.substr(0, piece_bytes - _piece.size());
-        _piece.append(part);
-        bytes.remove_prefix(part.size());
-        if (_piece.size() == piece_bytes) _hand_on();
-      }
+    case BodyUse::to_sink:
+      _take_wanted(bytes);
       return true;
-    }
     case BodyUse::error_text:
       _error_body.append(bytes.substr(0, ERROR_BODY_LIMIT_BYTES - _error_body.size()));
       _enough = _error_body.size() == ERROR_BODY_LIMIT_BYTES;
@@ -189,6 +185,23 @@ bool Transfer::_take_body(std::string_view bytes) {
       _dropped_bytes += bytes.size();
       _enough = _dropped_bytes > ERROR_BODY_LIMIT_BYTES;
       return !_enough;
+  }
+}
+
+// Small arrivals are gathered. What is a piece by itself, or all that is awaited, goes on without a copy.
+void Transfer::_take_wanted(std::string_view bytes) {
+  const auto piece_bytes = static_cast<std::size_t>(_sync_http_response_read_bytes());
+  _awaited_bytes -= static_cast<std::int64_t>(bytes.size());
+  if (!_piece.empty()) {
+    const auto part = bytes.substr(0, piece_bytes - _piece.size());
+    _piece.append(part);
+    bytes.remove_prefix(part.size());
+    if (_piece.size() == piece_bytes) _hand_on();
+  }
+  if (bytes.size() >= piece_bytes || (_piece.empty() && _awaited_bytes == 0)) {
+    if (!bytes.empty()) _sink.write(bytes);
+  } else {
+    _piece.append(bytes);
   }
 }
 

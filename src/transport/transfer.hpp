@@ -46,6 +46,7 @@ class Transfer {
   void _take_header_line(std::string_view line);
   void _headers_are_complete();
   bool _take_body(std::string_view bytes);  // false when enough has come
+  void _take_wanted(std::string_view bytes);
   void _hand_on();
   void _finish(CURLcode code);
   [[noreturn]] void _throw_failure(CURLcode code) const;
@@ -61,8 +62,9 @@ class Transfer {
   HttpHead _head;
   std::optional<UrlParts> _redirect;
   BodyUse _body_use = BodyUse::unknown;
-  std::string _piece;       // bytes for the sink that do not make a whole piece yet
-  std::string _error_body;  // of an answer that is no success
+  std::string _piece;                // bytes for the sink that do not make a whole piece yet
+  std::int64_t _awaited_bytes = -1;  // of the body, below 0 when its length is not known
+  std::string _error_body;           // of an answer that is no success
   std::size_t _dropped_bytes = 0;
   std::string _cut_short;
   bool _enough = false;  // ended by us: no more of this body is wanted
