@@ -24,11 +24,12 @@ std::optional<std::string> mendable_selected_root(const std::string& data_dir,
   const client_manifest::PinnedRoot base(data_dir);
   const std::string relative_root = local_cohort::generation_relative_root(served_manifest_bytes);
   try {
-    const std::string completion_bytes =
+    std::string completion_bytes =
         client_manifest::PinnedRoot(base, relative_root)
             .read_regular_file(local_cohort::COHORT_COMPLETION_FILE, "local cohort completion record");
-    local_cohort::parse_completion_record(
-        completion_bytes, local_cohort::manifest_sha256(served_manifest_bytes), served_manifest_bytes.size());
+    local_cohort::parse_completion_record(std::move(completion_bytes),
+                                          local_cohort::manifest_sha256(served_manifest_bytes),
+                                          served_manifest_bytes.size());
     return base.display_path(relative_root);
   } catch (const OSError& failure) {
     if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;

@@ -102,7 +102,8 @@ std::vector<std::string> ConsumerRequests::_get_found_file_paths() const {
     const DistributionLock shared = acquire_distribution_lock(_data_dir, /*exclusive=*/false);
     const local_cohort::Pin pinned = local_cohort::pin_active_cohort(_data_dir);
     const Document* files = find_member(*pinned.selection->manifest, "files");
-    for (const auto& path : pinned.selection->active_relative_paths) {
+    for (const std::string_view active_path : pinned.selection->members.active_relative_paths) {
+      const std::string path(active_path);
       if (!is_found_pnl_file(files, path)) continue;
       try {
         const auto stat = pinned.root.stat_regular_file(path, "found PnL file");

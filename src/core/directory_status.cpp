@@ -37,7 +37,7 @@ Document member_or_null(const Document& object, const char* key) {
 std::int64_t declared_bytes(const Selection& selection) {
   const Document* files = find_member(*selection.manifest, "files");
   std::int64_t bytes = 0;
-  for (const auto& path : selection.active_relative_paths) {
+  for (const auto& path : selection.members.active_relative_paths) {
     const Document* entry = files != nullptr ? find_member(*files, path) : nullptr;
     if (entry != nullptr) bytes += manifest_file_size(*entry).second;
   }
@@ -51,7 +51,7 @@ Document describe_cohort(const Selection& selection) {
           {"manifest_sha256", local_cohort::manifest_sha256(selection.manifest_bytes)},
           {"root_dir", absolute_path(selection.root_dir)},
           {"manifest_files", member_or_null(*selection.manifest, "files").size()},
-          {"members", selection.active_relative_paths.size()},
+          {"members", selection.members.active_relative_paths.size()},
           {"member_bytes", declared_bytes(selection)}};
 }
 

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <set>
+
 #include "artifacts/signals_index.hpp"
 #include "artifacts/vocabulary.hpp"
 #include "cohort/result_fields.hpp"
@@ -11,7 +14,9 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/parallel.hpp"
 #include "host/text.hpp"
+#include "host/threads.hpp"
 #include "manifest/identity.hpp"
 #include "manifest/persistence.hpp"
 #include "manifest/sanitising.hpp"
@@ -22,6 +27,8 @@
 
 namespace tidalcrest::sync {
 namespace {
+
+constexpr std::size_t PROOF_CHUNK = 512;  // members a worker proves at a time: fewer are not worth a thread
 
 std::string text_of(const std::optional<std::int64_t>& number) {
   return number ? std::to_string(*number) : "None";
@@ -132,8 +139,10 @@ std::optional<SyncResult> SyncDriver::_try_fast_path(const VersionHints& hints) 
                                text_of(hints.era)));
   }
   const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
-  const bool force_new_rotation = _with.planner._feature_rotation_should_rotate(*view->manifest);
-  const PlannedRotation planned = _plan_within_budget(*view->manifest, free_bytes, force_new_rotation);
+  const Artifacts artifacts = _rotation_manifest_artifacts(*view->manifest);
+  const bool force_new_rotation = _with.planner._feature_rotation_should_rotate(*view->manifest, artifacts);
+  const PlannedRotation planned =
+      _plan_within_budget(*view->manifest, artifacts, free_bytes, force_new_rotation);
   try {
     return _prove_local_state(*view, planned, local_era_number);
   } catch (const SyncError& failure) {  // era errors are sync errors too
@@ -149,7 +158,7 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   auto local_vocabularies =
       std::make_shared<const Vocabularies>(_validate_manifest_vocabulary_files(view.data_dir, manifest));
   _with.shuffle_seed._validate_shuffle_seed_at_root(view.data_dir, *view.manifest_bytes);
-  _prove_active_members(view, selection);
+  const std::vector<std::string> available = _prove_active_members(view, selection);
   _load_manifest_signals_index(view.data_dir, manifest);
 
   ActiveView renewed = view;
@@ -160,10 +169,8 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   result.era_number = local_era_number;
   _apply_signal_result_counts(result, manifest);
   _apply_rotation_result_fields(result, selection);
-  _with.planner._complete_rotation_promotion(
-      planned.rotation_plan.candidate_state,
-      _existing_rotation_paths(view.data_dir, selection.active_relative_paths), manifest,
-      local_vocabularies.get());
+  _with.planner._complete_rotation_promotion(planned.rotation_plan.candidate_state, available, manifest,
+                                             local_vocabularies.get());
   _apply_manifest_counts(result, manifest);
   _apply_vocabulary_metadata(result, *local_vocabularies);
   _cleanup_sync_tmp_files(_data_dir);
@@ -172,22 +179,47 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   return result;
 }
 
-void SyncDriver::_prove_active_members(const ActiveView& view, const RotationSelection& selection) const {
+// Gives the active paths that exist: a file that was just proven does, only the others are looked for.
+std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& view,
+                                                           const RotationSelection& selection) const {
+  const auto& paths = selection.active_relative_paths;
   const client_manifest::PinnedRoot root(view.data_dir);
-  client_manifest::DirectoryCursor cursor(root);
-  for (const auto& file_path : selection.active_relative_paths) {
-    const Document* file_info = find_member(view.manifest->files(), file_path);
-    if (file_info == nullptr || file_info->is_null()) {
-      throw SyncError("Active rotation path is missing from manifest: " + file_path);
+  const std::size_t chunks = (paths.size() + PROOF_CHUNK - 1) / PROOF_CHUNK;
+  std::vector<std::vector<std::string>> unproven(chunks);
+  parallel_in_order(chunks, usable_cores(), [&](std::size_t chunk) {
+    client_manifest::DirectoryCursor cursor(root);
+    const std::size_t end = std::min(paths.size(), (chunk + 1) * PROOF_CHUNK);
+    for (std::size_t i = chunk * PROOF_CHUNK; i < end; ++i) {
+      if (!_prove_member(root, cursor, *view.manifest, paths[i])) unproven[chunk].push_back(paths[i]);
     }
-    if (_vocabulary_named_universe_from_path(file_path)) continue;
-    if (_manifest_file_is_sync_excluded(*file_info)) continue;
-    const Document* kind = find_member(*file_info, "kind");
-    const bool cache_allowed = kind == nullptr || *kind != "vault_module";
-    if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed)) {
-      throw SyncError("Manifest version matched but local data files need repair");
-    }
+  });
+
+  std::set<std::string> missing;
+  for (const auto& others : unproven) {
+    missing.insert(others.begin(), others.end());
+    for (const auto& path : _existing_rotation_paths(view.data_dir, others)) missing.erase(path);
   }
+  std::vector<std::string> available = paths;
+  if (!missing.empty()) std::erase_if(available, [&](const auto& path) { return missing.contains(path); });
+  return available;
+}
+
+// False for a member that is proven elsewhere, or not synced.
+bool SyncDriver::_prove_member(const client_manifest::PinnedRoot& root,
+                               client_manifest::DirectoryCursor& cursor, const Manifest& manifest,
+                               const std::string& file_path) const {
+  const Document* file_info = find_member(manifest.files(), file_path);
+  if (file_info == nullptr || file_info->is_null()) {
+    throw SyncError("Active rotation path is missing from manifest: " + file_path);
+  }
+  if (_vocabulary_named_universe_from_path(file_path)) return false;
+  if (_manifest_file_is_sync_excluded(*file_info)) return false;
+  const Document* kind = find_member(*file_info, "kind");
+  const bool cache_allowed = kind == nullptr || *kind != "vault_module";
+  if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed)) {
+    throw SyncError("Manifest version matched but local data files need repair");
+  }
+  return true;
 }
 
 SyncResult SyncDriver::_full_sync() {
@@ -210,9 +242,11 @@ SyncResult SyncDriver::_full_sync() {
       host_equal(view->manifest->era_number(), server_manifest->era_number()) && view->manifest_bytes &&
       *view->manifest_bytes == *body;
   _progress->on_phase("planning");
+  const Artifacts artifacts = _rotation_manifest_artifacts(*server_manifest);
   const bool force_new_rotation =
-      !same_manifest_version || _with.planner._feature_rotation_should_rotate(*server_manifest);
-  const PlannedRotation planned = _plan_within_budget(*server_manifest, free_bytes, force_new_rotation);
+      !same_manifest_version || _with.planner._feature_rotation_should_rotate(*server_manifest, artifacts);
+  const PlannedRotation planned =
+      _plan_within_budget(*server_manifest, artifacts, free_bytes, force_new_rotation);
 
   SyncResult result;
   result.era_number = to_int(server_manifest->era_number());
@@ -242,10 +276,10 @@ void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& 
   }
 }
 
-PlannedRotation SyncDriver::_plan_within_budget(const Manifest& manifest, std::int64_t free_bytes,
-                                                bool force_new_rotation) {
+PlannedRotation SyncDriver::_plan_within_budget(const Manifest& manifest, const Artifacts& artifacts,
+                                                std::int64_t free_bytes, bool force_new_rotation) {
   PlannedRotation planned =
-      _with.planner._plan_feature_rotation_for_sync(manifest, free_bytes, force_new_rotation);
+      _with.planner._plan_feature_rotation_for_sync(manifest, artifacts, free_bytes, force_new_rotation);
   RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, free_bytes,
                                                   /*enforce_default_cap=*/!planned.explicit_rotation_budget);
   return planned;

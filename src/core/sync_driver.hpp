@@ -59,12 +59,15 @@ class SyncDriver {
   std::optional<SyncResult> _try_fast_path(const VersionHints& hints);
   SyncResult _prove_local_state(const ActiveView& view, const PlannedRotation& planned,
                                 std::int64_t local_era_number);
-  void _prove_active_members(const ActiveView& view, const RotationSelection& selection) const;
+  std::vector<std::string> _prove_active_members(const ActiveView& view,
+                                                 const RotationSelection& selection) const;
+  bool _prove_member(const client_manifest::PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
+                     const Manifest& manifest, const std::string& file_path) const;
   SyncResult _full_sync();
   void _refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
                               const std::string& body) const;
-  PlannedRotation _plan_within_budget(const Manifest& manifest, std::int64_t free_bytes,
-                                      bool force_new_rotation);
+  PlannedRotation _plan_within_budget(const Manifest& manifest, const Artifacts& artifacts,
+                                      std::int64_t free_bytes, bool force_new_rotation);
 
   const std::string _data_dir;
   const std::string _server_url;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "host/plain_json.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -112,6 +113,7 @@ class DocumentBuilder {
 Document parse(std::string_view bytes, bool strict) {
   if (!text::is_valid_utf8(bytes)) throw UnicodeDecodeError("'utf-8' codec can't decode the bytes");
   if (bytes.starts_with("\xEF\xBB\xBF")) throw JSONDecodeError("unexpected UTF-8 byte order mark (byte 0)");
+  if (auto document = read_plain_json(bytes)) return *std::move(document);
   DocumentBuilder builder(strict, strict ? STRICT_DEPTH_LIMIT : PLAIN_DEPTH_LIMIT);
   Document::sax_parse(bytes.begin(), bytes.end(), &builder);
   return builder.take();
@@ -162,7 +164,7 @@ std::string dump_json(const Document& value, JsonStyle style) {
   return out;
 }
 
-const Document* find_member(const Document& value, const std::string& key) {
+const Document* find_member(const Document& value, std::string_view key) {
   if (!value.is_object()) return nullptr;
   const auto& object = value.get_ref<const Document::object_t&>();
   const auto member = object.find(key);

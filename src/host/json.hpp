@@ -25,6 +25,6 @@ struct JsonStyle {
 std::string dump_json(const Document& value, JsonStyle style = {});
 
 /// The member of an object, or null when `value` is no object or has no such key.
-const Document* find_member(const Document& value, const std::string& key);
+const Document* find_member(const Document& value, std::string_view key);
 
 }  // namespace tidalcrest::sync

@@ -33,9 +33,9 @@ auto absent_when_unreadable(Look&& look) -> std::optional<decltype(look())> {
   }
 }
 
-// What an entry declares of its file.
+// What an entry declares of its file, as long as the entry lives.
 struct Declared {
-  std::string sha256;
+  std::string_view sha256;
   std::optional<std::int64_t> size_bytes;
 };
 
@@ -76,13 +76,17 @@ std::optional<std::string> HashCache::_cached_local_sha(const std::string& file_
                                                         const std::string& expected_sha,
                                                         std::optional<std::int64_t> expected_size) const {
   if (expected_size && *expected_size != stat.size_bytes) return std::nullopt;
+  if (!_is_cached(file_path, stat, expected_sha)) return std::nullopt;
+  return expected_sha;
+}
+
+bool HashCache::_is_cached(const std::string& file_path, const FileStat& stat,
+                           std::string_view expected_sha) const {
   const auto expected_bytes = sha256_bytes(expected_sha);
-  if (!expected_bytes) return std::nullopt;
+  if (!expected_bytes) return false;
   const std::lock_guard lock(_hash_cache_lock);
   const auto entry = _hash_cache.find(file_path);
-  if (entry == _hash_cache.end() || entry->second != HashCacheEntry{*expected_bytes, stat})
-    return std::nullopt;
-  return expected_sha;
+  return entry != _hash_cache.end() && entry->second == HashCacheEntry{*expected_bytes, stat};
 }
 
 void HashCache::_remember_local_sha(const std::string& file_path, const FileIdentity& identity) {
@@ -142,7 +146,7 @@ bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, client_mani
 template <class Stat>
 bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
                          const Document& file_info, bool cache_allowed) {
-  const std::string safe_path = _safe_manifest_relative_path(file_path);
+  const std::string& safe_path = _safe_manifest_relative_path(file_path);
   const auto expected = declared_identity(file_info);
   if (!expected) return false;
   const auto has_declared_size = [&expected](const FileStat& stat) {
@@ -150,8 +154,7 @@ bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::
   };
   const auto stat = absent_when_unreadable([&] { return stat_member(safe_path); });
   if (!stat || !has_declared_size(*stat)) return false;  // a wrong size costs no hash
-  if (cache_allowed && _cached_local_sha(file_path, *stat, expected->sha256, expected->size_bytes))
-    return true;
+  if (cache_allowed && _is_cached(file_path, *stat, expected->sha256)) return true;
   const auto identity =
       absent_when_unreadable([&] { return root.identify_regular_file(safe_path, "manifest file"); });
   if (!identity || !has_declared_size(*identity)) return false;

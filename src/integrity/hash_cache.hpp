@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "integrity/hash_cache_file.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
@@ -47,6 +48,8 @@ class HashCache {
 
  private:
   HashCacheEntries _load_hash_cache() const;
+  bool _is_cached(const std::string& file_path, const client_manifest::FileStat& stat,
+                  std::string_view expected_sha) const;
   template <class Stat>
   bool _matches(const client_manifest::PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
                 const Document& file_info, bool cache_allowed);

@@ -123,11 +123,16 @@ class Reader {
   HashCacheEntries _entries;
 };
 
-int hex_value(char digit) noexcept {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  return -1;
+constexpr int NO_DIGIT = 256;
+
+constexpr std::array<int, 256> hex_values() {
+  std::array<int, 256> values{};
+  values.fill(NO_DIGIT);
+  for (int digit = 0; digit < 10; ++digit) values['0' + digit] = digit;
+  for (int digit = 0; digit < 6; ++digit) values['a' + digit] = 10 + digit;
+  return values;
 }
+constexpr std::array<int, 256> HEX_VALUES = hex_values();
 
 std::string_view as_text(const Sha256Bytes& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -175,12 +180,14 @@ std::optional<HashCacheEntries> parse_own_form(std::string_view text) {
 std::optional<Sha256Bytes> sha256_bytes(std::string_view hex) noexcept {
   Sha256Bytes bytes;
   if (hex.size() != 2 * bytes.size()) return std::nullopt;
+  int seen = 0;
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    const int high = hex_value(hex[2 * i]);
-    const int low = hex_value(hex[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    bytes[i] = static_cast<unsigned char>(high * 16 + low);
+    const int value = HEX_VALUES[static_cast<unsigned char>(hex[2 * i])] * 16 +
+                      HEX_VALUES[static_cast<unsigned char>(hex[2 * i + 1])];
+    seen |= value;
+    bytes[i] = static_cast<unsigned char>(value);
   }
+  if (seen >= NO_DIGIT) return std::nullopt;
   return bytes;
 }
 

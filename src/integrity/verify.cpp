@@ -51,7 +51,8 @@ class Verification {
 
   void check_members() {
     const Document* manifest_files = find_member(*_pinned.selection->manifest, "files");
-    for (const auto& file_path : _pinned.selection->active_relative_paths) {
+    for (const std::string_view active_path : _pinned.selection->members.active_relative_paths) {
+      const std::string file_path(active_path);
       const Document* file_info =
           manifest_files != nullptr ? find_member(*manifest_files, file_path) : nullptr;
       if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))

@@ -36,7 +36,7 @@ void validate_public_base(const std::string& base) {
 
 }  // namespace
 
-std::string _safe_manifest_relative_path(const std::string& file_path) {
+const std::string& _safe_manifest_relative_path(const std::string& file_path) {
   try {
     return client_manifest::validate_manifest_relative_path(file_path);
   } catch (const ValueError& failure) {

@@ -9,7 +9,7 @@
 namespace tidalcrest::sync {
 
 /// The path itself; `ManifestError` naming the broken rule.
-std::string _safe_manifest_relative_path(const std::string& file_path);
+const std::string& _safe_manifest_relative_path(const std::string& file_path);
 /// For messages only: access to files goes through pinned roots. `ManifestError` for an unsafe path.
 std::string _manifest_local_path(const std::string& data_dir, const std::string& file_path);
 

@@ -149,18 +149,19 @@ bool _is_agent_bundle_declaration_file(const std::string& file_path, const Docum
 }
 
 bool _is_unsupported_runtime_module_file(const std::string&, const Document& file_info) {
-  const std::string kind = artifact_rotation::manifest_file_kind(file_info);
+  const std::string& kind = artifact_rotation::manifest_file_kind(file_info);
   return kind.ends_with(RUNTIME_MODULE_KIND_SUFFIX) && !is_runtime_module_kind(kind);
 }
 
 std::optional<std::string> _retired_unsupported_runtime_module_name_from_path(const std::string& file_path) {
-  const std::string name = file_path.substr(file_path.find_last_of("/\\") + 1);
+  const std::string_view name = std::string_view(file_path).substr(file_path.find_last_of("/\\") + 1);
   for (const char* suffix : RUNTIME_MODULE_EXTENSION_SUFFIXES) {
+    if (!name.ends_with(suffix)) continue;  // nearly every path
     const std::string ending = "-" + CURRENT_PLATFORM + suffix;
     if (!name.ends_with(ending)) continue;
-    const std::string stem = name.substr(0, name.size() - ending.size());
+    const std::string_view stem = name.substr(0, name.size() - ending.size());
     const auto& retired = RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES;
-    if (std::find(retired.begin(), retired.end(), stem) != retired.end()) return stem;
+    if (std::find(retired.begin(), retired.end(), stem) != retired.end()) return std::string(stem);
   }
   return std::nullopt;
 }

@@ -63,7 +63,10 @@ void visit_files_in_path_order(const Document& files, const RotationRowVisitor& 
   std::vector<const Document::object_t::value_type*> members;
   members.reserve(files.size());
   for (const auto& member : files.get_ref<const Document::object_t&>()) members.push_back(&member);
-  std::sort(members.begin(), members.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
+  const auto by_path = [](const auto* a, const auto* b) { return a->first < b->first; };
+  // Distributions list them in order, mostly.
+  if (!std::is_sorted(members.begin(), members.end(), by_path))
+    std::sort(members.begin(), members.end(), by_path);
   for (const auto* member : members) visit(member->first, member->second);
 }
 
@@ -237,7 +240,6 @@ RotationPlan _rotation_plan_with_required_paths(RotationPlan rotation_plan, cons
   }
   selection.rebuild_active_relative_paths();
   rotation_plan.candidate_state.active_relative_paths = selection.active_relative_paths;
-  rotation_plan.rotation_record["active_relative_paths"] = selection.active_relative_paths;
   return rotation_plan;
 }
 

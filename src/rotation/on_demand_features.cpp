@@ -65,10 +65,10 @@ std::vector<std::string> OnDemandFeatures::_request_feature_files_for_sync_impl(
 
   std::vector<std::string> resolved_relative_paths;
   std::unordered_set<std::string> seen_relative_paths;
-  std::unordered_set<std::string> active_members;
+  std::unordered_set<std::string_view> active_members;
   if (view->cohort) {
-    active_members.insert(view->cohort->active_relative_paths.begin(),
-                          view->cohort->active_relative_paths.end());
+    const auto& members = view->cohort->members.active_relative_paths;
+    active_members.insert(members.begin(), members.end());
   }
   bool cohort_change_required = view->cohort == nullptr;
   const FeaturePaths features(manifest);

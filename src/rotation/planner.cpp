@@ -93,8 +93,12 @@ bool RotationPlanner::_is_due(const Manifest& manifest, const Artifacts& artifac
 }
 
 bool RotationPlanner::_feature_rotation_should_rotate(const Manifest& manifest) const {
+  return _feature_rotation_should_rotate(manifest, _rotation_manifest_artifacts(manifest));
+}
+
+bool RotationPlanner::_feature_rotation_should_rotate(const Manifest& manifest,
+                                                      const Artifacts& artifacts) const {
   const ActiveState active = _active();
-  const Artifacts artifacts = _rotation_manifest_artifacts(manifest);
   if (!_rotation_artifacts_require_scoped_settings(artifacts)) return is_stale_selection(*active);
   return !*active || _is_due(manifest, artifacts, *active);
 }
@@ -130,9 +134,15 @@ RotationPlanner::_feature_rotation_settings_for_manifest(const Manifest& manifes
 PlannedRotation RotationPlanner::_plan_feature_rotation_for_manifest(const Manifest& manifest,
                                                                      std::int64_t free_disk_bytes,
                                                                      bool force_new_candidate) {
-  _normalize_active_rotation_state_for_manifest(manifest);
-  const ActiveState active = _active();
-  const Artifacts artifacts = _rotation_manifest_artifacts(manifest);
+  return _plan_feature_rotation_for_manifest(manifest, _rotation_manifest_artifacts(manifest),
+                                             free_disk_bytes, force_new_candidate);
+}
+
+PlannedRotation RotationPlanner::_plan_feature_rotation_for_manifest(const Manifest& manifest,
+                                                                     const Artifacts& artifacts,
+                                                                     std::int64_t free_disk_bytes,
+                                                                     bool force_new_candidate) {
+  const ActiveState active = _normalize_active_rotation_state_for_manifest(manifest);
   ArtifactRotationSettings selection_settings;
   PlannedRotation planned;
   if (_rotation_artifacts_require_scoped_settings(artifacts)) {
@@ -157,8 +167,16 @@ PlannedRotation RotationPlanner::_plan_feature_rotation_for_manifest(const Manif
 PlannedRotation RotationPlanner::_plan_feature_rotation_for_sync(const Manifest& manifest,
                                                                  std::int64_t free_disk_bytes,
                                                                  bool force_new_candidate) {
+  return _plan_feature_rotation_for_sync(manifest, _rotation_manifest_artifacts(manifest), free_disk_bytes,
+                                         force_new_candidate);
+}
+
+PlannedRotation RotationPlanner::_plan_feature_rotation_for_sync(const Manifest& manifest,
+                                                                 const Artifacts& artifacts,
+                                                                 std::int64_t free_disk_bytes,
+                                                                 bool force_new_candidate) {
   try {
-    return _plan_feature_rotation_for_manifest(manifest, free_disk_bytes, force_new_candidate);
+    return _plan_feature_rotation_for_manifest(manifest, artifacts, free_disk_bytes, force_new_candidate);
   } catch (const MandatoryArtifactsTooLargeError& failure) {
     throw_insufficient(failure.mandatory_bytes, free_disk_bytes);
   }
@@ -199,39 +217,45 @@ RotationState RotationPlanner::_promote_rotation_candidate(
       artifact_rotation::promote_rotation_candidate(*_active(), candidate_state, available_relative_paths));
 }
 
-RotationState RotationPlanner::_write_promoted_rotation_state(const RotationState& promoted) {
-  if (*_active() != promoted || !state_file_exists(_data_dir))
-    write_feature_rotation_state(_data_dir, promoted);
-  _set_active(promoted);
+RotationState RotationPlanner::_write_promoted_rotation_state(RotationState promoted) {
+  const bool is_active = *_active() == promoted;
+  if (!is_active || !state_file_exists(_data_dir)) write_feature_rotation_state(_data_dir, promoted);
+  if (!is_active) _set_active(promoted);
   return promoted;
 }
 
-std::optional<RotationState> RotationPlanner::_normalize_active_rotation_state_for_manifest(
+RotationPlanner::ActiveState RotationPlanner::_normalize_active_rotation_state_for_manifest(
     const Manifest& manifest) {
   const ActiveState active = _active();
-  auto cleaned = _drop_retired_unsupported_runtime_paths_from_state(*active, manifest);
-  return cleaned == *active ? cleaned : _write_promoted_rotation_state(*cleaned);
+  if (!*active || !_names_retired_unsupported_runtime_paths(**active, manifest)) return active;
+  _write_promoted_rotation_state(*_drop_retired_unsupported_runtime_paths_from_state(*active, manifest));
+  return _active();
 }
 
 void RotationPlanner::_cleanup_inactive_rotation_artifacts(
     const Manifest& manifest, const std::vector<std::string>& active_relative_paths) const {
-  std::set<std::string> protected_paths(active_relative_paths.begin(), active_relative_paths.end());
   const auto prefetched = _prefetched_keep_paths(manifest);
-  protected_paths.insert(prefetched.begin(), prefetched.end());
-  const auto keep_paths = artifact_rotation::rotation_cleanup_keep_paths(manifest.files(), protected_paths,
-                                                                         METADATA_RELATIVE_PATHS);
-  client_manifest::cleanup_contained_regular_files_in_prefixes(_data_dir, ROTATION_CLEANUP_PREFIXES,
-                                                               keep_paths);
+  std::optional<std::set<std::string>> keep_paths;  // made for the first file: there is hardly ever one
+  const auto is_kept = [&](const std::string& path) {
+    if (!keep_paths) {
+      std::set<std::string> protected_paths(active_relative_paths.begin(), active_relative_paths.end());
+      protected_paths.insert(prefetched.begin(), prefetched.end());
+      keep_paths = artifact_rotation::rotation_cleanup_keep_paths(manifest.files(), protected_paths,
+                                                                  METADATA_RELATIVE_PATHS);
+    }
+    return keep_paths->contains(path);
+  };
+  client_manifest::cleanup_contained_regular_files_in_prefixes(_data_dir, ROTATION_CLEANUP_PREFIXES, is_kept);
 }
 
 RotationState RotationPlanner::_complete_rotation_promotion(
     const RotationState& candidate_state, const std::vector<std::string>& available_relative_paths,
     const Manifest& manifest, const Vocabularies* vocabulary) {
-  const RotationState promoted =
+  RotationState promoted =
       artifact_rotation::promote_rotation_candidate(*_active(), candidate_state, available_relative_paths);
   // Prepared before anything is written: a vocabulary problem stops the change while nothing has changed.
   const auto refresh_payloads = _consumers._rotation_search_refresh_payloads(promoted, vocabulary, &manifest);
-  _write_promoted_rotation_state(promoted);
+  promoted = _write_promoted_rotation_state(std::move(promoted));
   _cleanup_inactive_rotation_artifacts(manifest, promoted.active_relative_paths);
   SearchConsumers::_deliver_rotation_search_refresh_payloads(refresh_payloads);
   return promoted;

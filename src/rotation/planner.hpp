@@ -27,6 +27,8 @@ struct PlannedRotation {
 /// the active state; the questions may be asked from any thread.
 class RotationPlanner {
  public:
+  using ActiveState = std::shared_ptr<const std::optional<RotationState>>;  ///< never null
+
   /// `prefetched_keep_paths` gives the on-demand files that cleanup spares.
   RotationPlanner(std::string data_dir, std::optional<RotationState> active_rotation_state,
                   const SearchConsumers& consumers,
@@ -37,8 +39,11 @@ class RotationPlanner {
   /// Takes over what another process has recorded; absent leaves the state as it is.
   void _adopt_rotation_state(std::optional<RotationState> recorded);
 
-  /// Both may throw what the settings file throws (`ValueError`, `OSError`).
+  /// These may throw what the settings file throws (`ValueError`, `OSError`). `artifacts`, here and below:
+  /// what
+  /// `_rotation_manifest_artifacts` gives for this manifest, for a caller that asks more than once.
   bool _feature_rotation_should_rotate(const Manifest& manifest) const;
+  bool _feature_rotation_should_rotate(const Manifest& manifest, const Artifacts& artifacts) const;
   bool _feature_rotation_needs_sync_for_manifest(const Manifest& manifest) const;
 
   /// Keeps the present subset when `force_new_candidate` is false and there is an active state; a new
@@ -46,9 +51,13 @@ class RotationPlanner {
   /// `MandatoryArtifactsTooLargeError`, and what the settings file throws.
   PlannedRotation _plan_feature_rotation_for_manifest(const Manifest& manifest, std::int64_t free_disk_bytes,
                                                       bool force_new_candidate = true);
+  PlannedRotation _plan_feature_rotation_for_manifest(const Manifest& manifest, const Artifacts& artifacts,
+                                                      std::int64_t free_disk_bytes, bool force_new_candidate);
   /// The same, with `DiskSpaceError` for mandatory artifacts that are too large.
   PlannedRotation _plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes,
                                                   bool force_new_candidate = true);
+  PlannedRotation _plan_feature_rotation_for_sync(const Manifest& manifest, const Artifacts& artifacts,
+                                                  std::int64_t free_disk_bytes, bool force_new_candidate);
   /// What a selection wants beyond the given paths, in plan order, with the manifest's entries; an entry that
   /// the manifest lacks is made from the descriptor.
   static std::vector<std::pair<std::string, Document>> _rotation_scoped_files_to_download(
@@ -64,8 +73,10 @@ class RotationPlanner {
                                             const std::vector<std::string>& available_relative_paths);
   /// The file comes first, so that a failed write leaves memory at the old state.
   /// `FeatureRotationStateError`, `SyncError`.
-  RotationState _write_promoted_rotation_state(const RotationState& promoted);
-  std::optional<RotationState> _normalize_active_rotation_state_for_manifest(const Manifest& manifest);
+  RotationState _write_promoted_rotation_state(RotationState promoted);
+  /// Takes paths of retired runtime modules that the manifest no longer has out of the active state, and
+  /// gives that.
+  ActiveState _normalize_active_rotation_state_for_manifest(const Manifest& manifest);
   void _cleanup_inactive_rotation_artifacts(const Manifest& manifest,
                                             const std::vector<std::string>& active_relative_paths) const;
   /// All of a promotion, after the new data is in place. `vocabulary` null: absent.
@@ -74,8 +85,6 @@ class RotationPlanner {
                                              const Manifest& manifest, const Vocabularies* vocabulary);
 
  private:
-  using ActiveState = std::shared_ptr<const std::optional<RotationState>>;  // never null
-
   ActiveState _active() const;
   void _set_active(std::optional<RotationState> state);
   bool _is_due(const Manifest& manifest, const Artifacts& artifacts,

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "download/local_files.hpp"
@@ -28,6 +29,10 @@ std::optional<Document> read_state_payload(const std::string& data_dir) {
     throw FeatureRotationStateError(fmt::format("invalid feature rotation state at {}: {}",
                                                 feature_rotation_state_path(data_dir), failure.what()));
   }
+}
+
+bool is_retired_path(const std::string& path, const Manifest& manifest) {
+  return _is_retired_unsupported_runtime_module_path(path) && find_member(manifest.files(), path) == nullptr;
 }
 
 }  // namespace
@@ -63,13 +68,17 @@ std::string write_feature_rotation_state(const std::string& data_dir, const Rota
   return path;
 }
 
+bool _names_retired_unsupported_runtime_paths(const RotationState& state, const Manifest& manifest) {
+  const auto& paths = state.active_relative_paths;
+  return std::any_of(paths.begin(), paths.end(),
+                     [&](const std::string& path) { return is_retired_path(path, manifest); });
+}
+
 std::optional<RotationState> _drop_retired_unsupported_runtime_paths_from_state(
     std::optional<RotationState> state, const Manifest& manifest) {
   if (!state) return state;
-  std::erase_if(state->active_relative_paths, [&](const std::string& path) {
-    return find_member(manifest.files(), path) == nullptr &&
-           _is_retired_unsupported_runtime_module_path(path);
-  });
+  std::erase_if(state->active_relative_paths,
+                [&](const std::string& path) { return is_retired_path(path, manifest); });
   return state;
 }
 

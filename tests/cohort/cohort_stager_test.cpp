@@ -119,8 +119,8 @@ TEST_F(StagingTest, MembersThatAnotherManagerAddedToTheLiveCohortStay) {
   const auto second = make_manager();
   first->repair({FEATURE_A});
   second->repair({FEATURE_B});
-  const auto members = local_cohort::load_active_cohort(data.path(), true)->active_relative_paths;
-  EXPECT_THAT(members, ::testing::IsSupersetOf({FEATURE_A, FEATURE_B}));
+  const auto cohort = local_cohort::load_active_cohort(data.path(), true);
+  EXPECT_THAT(cohort->members.active_relative_paths, ::testing::IsSupersetOf({FEATURE_A, FEATURE_B}));
   EXPECT_THAT(load_feature_rotation_state(data.path())->active_relative_paths,
               ::testing::IsSupersetOf({FEATURE_A, FEATURE_B}));
 }

@@ -5,6 +5,8 @@
 #include "fuzz/targets.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
+#include "host/plain_json.hpp"
+#include "host/text.hpp"
 #include "manifest/feature_paths.hpp"
 #include "manifest/identity.hpp"
 #include "manifest/paths.hpp"
@@ -57,6 +59,9 @@ void check_declared_files(const Manifest& manifest) {
 
 void feed_manifest(std::string_view bytes) {
   static const sync::testing::TempDir data;
+  if (const auto plain = text::is_valid_utf8(bytes) ? read_plain_json(bytes) : std::nullopt) {
+    require(plain->dump() == Document::parse(bytes).dump(), "two readers read two documents");
+  }
   const Manifest manifest(_parse_full_distribution_manifest_bytes(bytes, "fuzzed manifest"));
   check_declared_files(manifest);
   _require_manifest_market_identity(manifest, 1, "fuzzed manifest");

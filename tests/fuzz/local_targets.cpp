@@ -43,7 +43,7 @@ void feed_completion(std::string_view bytes) {
   }
   const auto members = local_cohort::parse_completion_record(parts[0], digest, 10);
   for (const auto& path : members.active_relative_paths)
-    require(members.artifact_identities.contains(path), "a member has no identity");
+    require(members.find(path) != nullptr, "a member has no identity");
 }
 
 void feed_seed_sidecar(std::string_view bytes) {

@@ -143,7 +143,7 @@ TEST_F(RequiredPathsTest, WidenSelectionStateAndRecordAlike) {
   const auto plan = _rotation_plan_with_required_paths(plan_with_budget(0), manifest, {"b", "m", "b"});
   EXPECT_THAT(plan.selection.active_relative_paths, ElementsAre("m", "n", "b"));
   EXPECT_EQ(plan.candidate_state.active_relative_paths, plan.selection.active_relative_paths);
-  EXPECT_EQ(plan.rotation_record.at("active_relative_paths"), Document({"m", "n", "b"}));
+  EXPECT_EQ(plan.rotation_record().at("active_relative_paths"), Document({"m", "n", "b"}));
 
   SyncResult result;
   _apply_rotation_result_fields(result, plan.selection);

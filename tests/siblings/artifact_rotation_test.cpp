@@ -110,7 +110,7 @@ TEST(PlanRotation, HoldsMandatoryFilesFirstAndFillsTheBudget) {
   EXPECT_EQ(chosen(plan).size(), 5u);
   EXPECT_EQ(selection.skipped_relative_paths().size(), 15u);
   EXPECT_EQ(plan.candidate_state.active_relative_paths, selection.active_relative_paths);
-  EXPECT_EQ(plan.rotation_record.at("active_relative_paths"), Document(selection.active_relative_paths));
+  EXPECT_EQ(plan.rotation_record().at("active_relative_paths"), Document(selection.active_relative_paths));
 
   // The choice depends on the rows, not on their order; the result keeps the row order.
   std::reverse(artifacts.begin(), artifacts.end());

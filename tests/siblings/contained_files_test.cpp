@@ -101,16 +101,16 @@ TEST_P(ContainedFilesTest, SweepsOnlyInsideThePrefixes) {
     dir.write(path, "x");
   }
   create_directory_symlink(outside.path("kept"), dir.path("features/linked"));
-  cleanup_contained_regular_files_in_prefixes(dir.path(), {"features/", "found", "absent/"},
-                                              {"features/keep"});
+  const auto is_kept = [](const std::string& path) { return path == "features/keep"; };
+  cleanup_contained_regular_files_in_prefixes(dir.path(), {"features/", "found", "absent/"}, is_kept);
   EXPECT_THAT(testing::files_below(dir),
               UnorderedElementsAre("features/keep", "features/linked", "features_too/stays", "stays"));
 
   create_directory_symlink(outside.path("kept"), dir.path("useful"));
-  EXPECT_THROW(cleanup_contained_regular_files_in_prefixes(dir.path(), {"useful/"}, {}), OSError);
+  EXPECT_THROW(cleanup_contained_regular_files_in_prefixes(dir.path(), {"useful/"}, is_kept), OSError);
   for (const char* bad : {"", "/", "../x", ".tidalcrest-cohorts/", ".tidalcrest-cohorts/g"}) {
     SCOPED_TRACE(bad);
-    EXPECT_THROW(cleanup_contained_regular_files_in_prefixes(dir.path(), {bad}, {}), ValueError);
+    EXPECT_THROW(cleanup_contained_regular_files_in_prefixes(dir.path(), {bad}, is_kept), ValueError);
   }
 }
 

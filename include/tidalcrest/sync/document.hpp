@@ -7,7 +7,10 @@
 #include <initializer_list>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -17,8 +20,9 @@ namespace tidalcrest::sync {
 ///
 /// The JSON library's own ordered type searches linearly, so a manifest of 100,000 files would take
 /// quadratic time. This adapts an insertion-ordered hash map to the interface that the library asks
-/// of an object type. Iterators are plain pointers into contiguous storage; any insertion or erasure
-/// invalidates them. Not safe for concurrent modification.
+/// of an object type. A few members lie in a plain list: a manifest has one small object for each file, and
+/// an index would be the larger part of it. Iterators are plain pointers into contiguous storage; any
+/// insertion or erasure invalidates them. Not safe for concurrent modification.
 template <class Key, class T, class IgnoredLess = std::less<Key>,
           class Allocator = std::allocator<std::pair<const Key, T>>>
 class IndexedObject {
@@ -43,24 +47,51 @@ class IndexedObject {
   }
   IndexedObject(std::initializer_list<value_type> items, const Allocator& = Allocator())
       : IndexedObject(items.begin(), items.end()) {}
+  IndexedObject(const IndexedObject& other)
+      : _few(other._few), _many(other._many ? std::make_unique<Many>(*other._many) : nullptr) {}
+  IndexedObject(IndexedObject&&) noexcept = default;
+  IndexedObject& operator=(IndexedObject other) noexcept {
+    _few.swap(other._few);
+    _many.swap(other._many);
+    return *this;
+  }
+  ~IndexedObject() = default;
 
   iterator begin() noexcept { return const_cast<iterator>(std::as_const(*this).begin()); }
   iterator end() noexcept { return begin() + size(); }
-  const_iterator begin() const noexcept { return _items.values_container().data(); }
+  const_iterator begin() const noexcept { return _items().data(); }
   const_iterator end() const noexcept { return begin() + size(); }
   const_iterator cbegin() const noexcept { return begin(); }
   const_iterator cend() const noexcept { return end(); }
 
-  bool empty() const noexcept { return _items.empty(); }
-  size_type size() const noexcept { return _items.size(); }
-  size_type max_size() const noexcept { return _items.max_size(); }
-  void clear() noexcept { _items.clear(); }
-  void reserve(size_type count) { _items.reserve(count); }
+  bool empty() const noexcept { return size() == 0; }
+  size_type size() const noexcept { return _items().size(); }
+  size_type max_size() const noexcept { return _few.max_size(); }
+  void clear() noexcept {
+    _few.clear();
+    _many.reset();
+  }
+  void reserve(size_type count) {
+    if (count > FEW) _index();
+    if (_many) {
+      _many->reserve(count);
+    } else {
+      _few.reserve(count);
+    }
+  }
 
   template <class K, class... Args>
   std::pair<iterator, bool> emplace(K&& key, Args&&... args) {
-    auto [at, inserted] = _items.try_emplace(Key(std::forward<K>(key)), std::forward<Args>(args)...);
-    return {begin() + (at - _items.begin()), inserted};
+    if (!_many && _few.size() == FEW) _index();
+    if (_many) {
+      auto [at, inserted] = _many->try_emplace(Key(std::forward<K>(key)), std::forward<Args>(args)...);
+      return {begin() + (at - _many->begin()), inserted};
+    }
+    const iterator known = find(key);
+    if (known != end()) return {known, false};
+    _few.emplace_back(std::piecewise_construct, std::forward_as_tuple(std::forward<K>(key)),
+                      std::forward_as_tuple(std::forward<Args>(args)...));
+    return {end() - 1, true};
   }
   std::pair<iterator, bool> insert(value_type item) {
     return emplace(std::move(item.first), std::move(item.second));
@@ -74,23 +105,45 @@ class IndexedObject {
   T& operator[](K&& key) {
     return emplace(std::forward<K>(key)).first->second;
   }
-  T& at(const Key& key) { return _items.at(key); }
-  const T& at(const Key& key) const { return _items.at(key); }
-
-  iterator find(const Key& key) { return begin() + (_items.find(key) - _items.begin()); }
-  const_iterator find(const Key& key) const { return begin() + (_items.find(key) - _items.begin()); }
-  size_type count(const Key& key) const { return _items.count(key); }
-
-  size_type erase(const Key& key) { return _items.erase(key); }
-  iterator erase(iterator at) {
-    const auto offset = at - begin();
-    _items.erase(_items.begin() + offset);
-    return begin() + offset;
+  T& at(const Key& key) { return const_cast<T&>(std::as_const(*this).at(key)); }
+  const T& at(const Key& key) const {
+    const const_iterator item = find(key);
+    if (item == end()) throw std::out_of_range("no such key");
+    return item->second;
   }
+
+  /// Finds by anything that compares as the key does, so that a look needs no key of its own.
+  template <class K>
+  iterator find(const K& key) {
+    return const_cast<iterator>(std::as_const(*this).find(key));
+  }
+  template <class K>
+  const_iterator find(const K& key) const {
+    if (_many) return begin() + (_many->find(std::string_view(key)) - _many->begin());
+    const_iterator item = begin();
+    while (item != end() && item->first != key) ++item;
+    return item;
+  }
+  template <class K>
+  size_type count(const K& key) const {
+    return find(key) == end() ? 0 : 1;
+  }
+
+  size_type erase(const Key& key) {
+    const iterator item = find(key);
+    if (item == end()) return 0;
+    erase(item);
+    return 1;
+  }
+  iterator erase(iterator at) { return erase(at, at + 1); }
   iterator erase(iterator first, iterator last) {
     const auto offset = first - begin();
-    const auto count = last - first;
-    _items.erase(_items.begin() + offset, _items.begin() + offset + count);
+    const auto past = last - begin();
+    if (_many) {
+      _many->erase(_many->begin() + offset, _many->begin() + past);
+    } else {
+      _few.erase(_few.begin() + offset, _few.begin() + past);
+    }
     return begin() + offset;
   }
 
@@ -105,9 +158,27 @@ class IndexedObject {
   friend bool operator<(const IndexedObject& a, const IndexedObject& b) { return a.size() < b.size(); }
 
  private:
-  using Storage = std::vector<std::pair<Key, T>>;
-  tsl::ordered_map<Key, T, std::hash<Key>, std::equal_to<Key>, std::allocator<std::pair<Key, T>>, Storage>
-      _items;
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view key) const noexcept { return std::hash<std::string_view>()(key); }
+  };
+  using Items = std::vector<value_type>;
+  using Many = tsl::ordered_map<Key, T, Hash, std::equal_to<>, std::allocator<value_type>, Items>;
+  static constexpr size_type FEW = 8;  // members that are compared faster than hashed
+
+  const Items& _items() const noexcept { return _many ? _many->values_container() : _few; }
+
+  void _index() {
+    if (_many) return;
+    auto many = std::make_unique<Many>();
+    many->reserve(2 * FEW);
+    for (value_type& item : _few) many->insert(std::move(item));
+    _few = Items();
+    _many = std::move(many);
+  }
+
+  Items _few;                   // all members until there are too many for it, then none
+  std::unique_ptr<Many> _many;  // null until then
 };
 
 /// One JSON value. Objects keep the order of their keys and find a key in constant time.

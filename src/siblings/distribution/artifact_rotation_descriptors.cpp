@@ -9,9 +9,10 @@
 namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
-std::string text_member(const Document& file_info, const char* key) {
+const std::string& text_member(const Document& file_info, const char* key) {
+  static const std::string none;
   const Document* value = find_member(file_info, key);
-  return value != nullptr && value->is_string() ? value->get<std::string>() : std::string();
+  return value != nullptr && value->is_string() ? value->get_ref<const std::string&>() : none;
 }
 
 std::string_view file_stem(std::string_view path) {
@@ -46,7 +47,7 @@ const std::set<std::string>& FEATURE_ARTIFACT_KINDS() {
   return kinds;
 }
 
-std::string manifest_file_kind(const Document& file_info) { return text_member(file_info, "kind"); }
+const std::string& manifest_file_kind(const Document& file_info) { return text_member(file_info, "kind"); }
 
 ArtifactDescriptor artifact_descriptor_from_manifest_file(const std::string& file_path,
                                                           const Document& file_info,

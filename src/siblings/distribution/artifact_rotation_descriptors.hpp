@@ -32,7 +32,7 @@ using Artifact = std::shared_ptr<const ArtifactDescriptor>;
 using Artifacts = std::vector<Artifact>;
 
 /// The entry's `kind` when that is a string, else empty.
-std::string manifest_file_kind(const Document& file_info);
+const std::string& manifest_file_kind(const Document& file_info);
 /// The entry's own `mandatory` when it is a boolean, else everything that is not a feature is mandatory. The
 /// entry's own `family` and `subfamily`, else the first two `__` segments of a file stem of at least four.
 ArtifactDescriptor artifact_descriptor_from_manifest_file(const std::string& file_path,

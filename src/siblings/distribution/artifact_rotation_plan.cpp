@@ -52,18 +52,6 @@ std::int64_t next_generation(const std::optional<RotationState>& previous_state)
   return previous_state ? std::min(previous_state->generation, last - 1) + 1 : 1;
 }
 
-Document record_of(const Selection& selection, const RotationState& candidate_state) {
-  return {{"reason", candidate_state.reason},
-          {"algorithm", candidate_state.algorithm},
-          {"generation", candidate_state.generation},
-          {"seed", candidate_state.seed},
-          {"feature_budget_bytes", selection.feature_budget_bytes},
-          {"mandatory_bytes", selection.mandatory_bytes},
-          {"rotatable_bytes", total_bytes(selection.rotatable_artifacts)},
-          {"eligible_count", selection.eligible_artifacts.size()},
-          {"active_relative_paths", selection.active_relative_paths}};
-}
-
 RotationPlan finished_plan(const Artifacts& artifacts, const ArtifactRotationSettings& settings,
                            Selection selection, RotationState candidate_state) {
   selection.rebuild_active_relative_paths();
@@ -72,8 +60,7 @@ RotationPlan finished_plan(const Artifacts& artifacts, const ArtifactRotationSet
   if (anything_rotates(artifacts, settings)) {
     candidate_state.active_relative_paths = selection.active_relative_paths;
   }
-  Document rotation_record = record_of(selection, candidate_state);
-  return {std::move(selection), std::move(candidate_state), std::move(rotation_record)};
+  return {std::move(selection), std::move(candidate_state)};
 }
 
 std::vector<std::string> paths_of(const Artifacts& artifacts) {
@@ -106,13 +93,25 @@ std::vector<std::string> Selection::skipped_relative_paths() const {
 void Selection::rebuild_active_relative_paths() {
   active_relative_paths.clear();
   active_relative_paths.reserve(mandatory_artifacts.size() + rotatable_artifacts.size());
-  std::unordered_set<std::string_view> seen;
+  std::unordered_set<std::string_view> seen(active_relative_paths.capacity());
   for (const Artifacts* artifacts : {&mandatory_artifacts, &rotatable_artifacts}) {
     for (const auto& artifact : *artifacts) {
       if (seen.insert(artifact->relative_path).second)
         active_relative_paths.push_back(artifact->relative_path);
     }
   }
+}
+
+Document RotationPlan::rotation_record() const {
+  return {{"reason", candidate_state.reason},
+          {"algorithm", candidate_state.algorithm},
+          {"generation", candidate_state.generation},
+          {"seed", candidate_state.seed},
+          {"feature_budget_bytes", selection.feature_budget_bytes},
+          {"mandatory_bytes", selection.mandatory_bytes},
+          {"rotatable_bytes", total_bytes(selection.rotatable_artifacts)},
+          {"eligible_count", selection.eligible_artifacts.size()},
+          {"active_relative_paths", selection.active_relative_paths}};
 }
 
 RotationPlan plan_rotation(const Artifacts& artifacts, const ArtifactRotationSettings& settings,
@@ -160,11 +159,13 @@ RotationPlan plan_from_active_rotation_state(const Artifacts& artifacts,
 RotationState promote_rotation_candidate(const std::optional<RotationState>& active_state,
                                          const RotationState& candidate_state,
                                          const std::vector<std::string>& available_relative_paths) {
-  const std::unordered_set<std::string_view> available(available_relative_paths.begin(),
-                                                       available_relative_paths.end());
   RotationState promoted = candidate_state;
-  std::erase_if(promoted.active_relative_paths,
-                [&](const std::string& path) { return !available.contains(path); });
+  if (promoted.active_relative_paths != available_relative_paths) {
+    const std::unordered_set<std::string_view> available(available_relative_paths.begin(),
+                                                         available_relative_paths.end());
+    std::erase_if(promoted.active_relative_paths,
+                  [&](const std::string& path) { return !available.contains(path); });
+  }
   if (active_state) promoted.generation = std::max(promoted.generation, active_state->generation);
   return promoted;
 }

@@ -50,7 +50,9 @@ struct Selection {
 struct RotationPlan {
   Selection selection;
   RotationState candidate_state;
-  Document rotation_record;  ///< what was decided and why, with its `active_relative_paths`
+
+  /// What was decided and why, with the `active_relative_paths`.
+  Document rotation_record() const;
 };
 
 /// A new candidate: every mandatory artifact, and as many eligible ones as the algorithm fits into the

@@ -83,7 +83,7 @@ class PayloadReader {
 
 std::optional<std::string> rotation_state_fault(const RotationState& state) {
   if (state.generation < 0) return fmt::format("generation must not be negative, got {}", state.generation);
-  std::unordered_set<std::string_view> seen;
+  std::unordered_set<std::string_view> seen(state.active_relative_paths.size());
   for (const auto& path : state.active_relative_paths) {
     if (path.empty()) return "active_relative_paths holds an empty path";
     if (!text::is_valid_utf8(path))

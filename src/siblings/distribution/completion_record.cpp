@@ -20,7 +20,7 @@ namespace {
 constexpr std::int64_t SCHEMA_VERSION = 1;
 constexpr std::size_t SHA256_HEX_SIZE = 64;
 
-bool is_sha256_text(const std::string& value) {
+bool is_sha256_text(std::string_view value) {
   return value.size() == SHA256_HEX_SIZE && std::all_of(value.begin(), value.end(), [](char c) {
            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
          });
@@ -88,23 +88,19 @@ void require_heading(const Document& record, const std::string& manifest_sha256,
   }
 }
 
-// The two members of a record that grow with the generation, and all others.
-struct SplitRecord {
-  CompletedMembers members;
-  Document short_members;
-};
-
-bool take_paths(TextScanner& scanner, std::vector<std::string>& paths) {
+bool take_paths(TextScanner& scanner, std::vector<std::string_view>& paths) {
+  if (scanner.rest().starts_with(']')) return true;
   do {
     const auto path = scanner.take_quoted();
     if (!path) return false;
-    paths.emplace_back(*path);
+    paths.push_back(*path);
   } while (scanner.take(","));
   return true;
 }
 
 // Sorted keys, so that none stands there twice.
-bool take_identities(TextScanner& scanner, ArtifactIdentities& identities) {
+bool take_identities(TextScanner& scanner, std::vector<RecordedIdentity>& identities) {
+  if (scanner.rest().starts_with('}')) return true;
   do {
     const auto path = scanner.take_quoted();
     if (!path || !scanner.take(":{\"sha256\":")) return false;
@@ -112,33 +108,71 @@ bool take_identities(TextScanner& scanner, ArtifactIdentities& identities) {
     if (!sha256 || !scanner.take(",\"size_bytes\":")) return false;
     const auto size = scanner.take_integer();
     if (!size || *size < 0 || !scanner.take("}")) return false;
-    if (!identities.empty() && identities.rbegin()->first >= *path) return false;
-    ArtifactIdentity identity{std::string(*sha256), *size};
-    if (!is_sha256_text(identity.sha256)) return false;
-    identities.emplace_hint(identities.end(),
-                            client_manifest::validate_manifest_relative_path(std::string(*path)),
-                            std::move(identity));
+    if (!identities.empty() && identities.back().path >= *path) return false;
+    if (!is_sha256_text(*sha256)) return false;
+    client_manifest::check_manifest_relative_path(*path);
+    identities.push_back({*path, *sha256, *size});
   } while (scanner.take(","));
   return true;
 }
 
+// The active paths mostly follow the order of the identities, so the next one is tried before a search.
+bool knows_all_paths(const CompletedMembers& members) {
+  const auto& identities = members.artifact_identities;
+  std::size_t next = 0;
+  return std::all_of(members.active_relative_paths.begin(), members.active_relative_paths.end(),
+                     [&](std::string_view path) {
+                       if (next == identities.size() || identities[next].path != path) {
+                         const RecordedIdentity* identity = members.find(path);
+                         if (identity == nullptr) return false;
+                         next = static_cast<std::size_t>(identity - identities.data());
+                       }
+                       ++next;
+                       return true;
+                     });
+}
+
+// The two members of a record that grow with the generation, as they stand at its begin.
+std::string members_text(const std::vector<std::string>& active_relative_paths,
+                         const ArtifactIdentities& artifact_identities) {
+  // Written as it goes: a document of it would hold a large generation once more. Paths need no escape.
+  std::string bytes = "{\"active_relative_paths\":[";
+  const char* separator = "";
+  for (const auto& path : active_relative_paths)
+    fmt::format_to(std::back_inserter(bytes), "{}\"{}\"", std::exchange(separator, ","), path);
+  bytes += "],\"artifact_identities\":{";
+  separator = "";
+  for (const auto& [path, identity] : artifact_identities) {
+    fmt::format_to(std::back_inserter(bytes), R"({}"{}":{{"sha256":"{}","size_bytes":{}}})",
+                   std::exchange(separator, ","), path, identity.sha256, identity.size_bytes);
+  }
+  return bytes += "}";
+}
+
+bool take_members(TextScanner& scanner, CompletedMembers& members) {
+  return scanner.take("{\"active_relative_paths\":[") && take_paths(scanner, members.active_relative_paths) &&
+         scanner.take("],\"artifact_identities\":{") &&
+         take_identities(scanner, members.artifact_identities) && scanner.take("}") &&
+         knows_all_paths(members);
+}
+
+struct SplitRecord {
+  CompletedMembers members;
+  Document short_members;
+};
+
 // Reads a record whose long members are exactly as `build_completion_payload` wrote them, absent for any
 // other. Every process that opens a cohort reads its record, and as any JSON it costs several times as much.
-std::optional<SplitRecord> split_own_form(const std::string& bytes) try {
-  TextScanner scanner(bytes);
+std::optional<SplitRecord> split_own_form(std::shared_ptr<const std::string> bytes) try {
+  TextScanner scanner(*bytes);
   SplitRecord record;
-  auto& paths = record.members.active_relative_paths;
-  auto& identities = record.members.artifact_identities;
-  if (!scanner.take("{\"active_relative_paths\":[") || !take_paths(scanner, paths)) return std::nullopt;
-  if (!scanner.take("],\"artifact_identities\":{") || !take_identities(scanner, identities))
-    return std::nullopt;
-  if (!scanner.take("},")) return std::nullopt;
+  if (!take_members(scanner, record.members) || !scanner.take(",")) return std::nullopt;
   record.short_members = parse_strict_json(fmt::format("{{{}", scanner.rest()));
   const bool repeats_a_key = record.short_members.contains("active_relative_paths") ||
                              record.short_members.contains("artifact_identities");
-  const bool knows_all =
-      std::all_of(paths.begin(), paths.end(), [&](const auto& path) { return identities.contains(path); });
-  if (repeats_a_key || !knows_all) return std::nullopt;
+  if (repeats_a_key) return std::nullopt;
+  record.members.record = bytes;
+  record.members.text = std::move(bytes);
   return record;
 } catch (const ValueError&) {
   return std::nullopt;  // read as any JSON, the record tells its first fault
@@ -161,39 +195,39 @@ CompletionRecord build_completion_payload(const std::string& manifest_bytes,
   }
   Document derived = Document::object();
   for (const auto& [path, mapping] : derived_artifacts) derived[path] = mapping;
-  // Written as it goes, in the order of the keys: a document of it would hold a large generation once more.
-  // Paths need no escape.
-  std::string bytes = "{\"active_relative_paths\":[";
-  const char* separator = "";
-  for (const auto& path : active_relative_paths)
-    fmt::format_to(std::back_inserter(bytes), "{}\"{}\"", std::exchange(separator, ","), path);
-  bytes += "],\"artifact_identities\":{";
-  separator = "";
-  for (const auto& [path, identity] : artifact_identities) {
-    fmt::format_to(std::back_inserter(bytes), R"({}"{}":{{"sha256":"{}","size_bytes":{}}})",
-                   std::exchange(separator, ","), path, identity.sha256, identity.size_bytes);
-  }
+  std::string bytes = members_text(active_relative_paths, artifact_identities);
   fmt::format_to(
       std::back_inserter(bytes),
-      R"(}},"derived_artifacts":{},"manifest_sha256":"{}","manifest_size_bytes":{},"schema_version":{}}})",
+      R"(,"derived_artifacts":{},"manifest_sha256":"{}","manifest_size_bytes":{},"schema_version":{}}})",
       dump_json(derived, {.sort_keys = true, .compact = true}), sha256_hex(manifest_bytes),
       manifest_bytes.size(), SCHEMA_VERSION);
   return {std::move(bytes)};
 }
 
-CompletedMembers parse_completion_record(const std::string& bytes, const std::string& manifest_sha256,
+const RecordedIdentity* CompletedMembers::find(std::string_view path) const {
+  const auto found =
+      std::lower_bound(artifact_identities.begin(), artifact_identities.end(), path,
+                       [](const auto& identity, auto wanted) { return identity.path < wanted; });
+  return found != artifact_identities.end() && found->path == path ? &*found : nullptr;
+}
+
+CompletedMembers parse_completion_record(std::string bytes, const std::string& manifest_sha256,
                                          std::size_t manifest_size_bytes) {
-  if (auto own = split_own_form(bytes)) {
+  auto exact = std::make_shared<const std::string>(std::move(bytes));
+  if (auto own = split_own_form(exact)) {
     require_heading(own->short_members, manifest_sha256, manifest_size_bytes);
     return std::move(own->members);
   }
-  const Document record = parse_strict_json(bytes);
+  const Document record = parse_strict_json(*exact);
   if (!record.is_object()) throw ValueError("completion record is not an object");
   require_heading(record, manifest_sha256, manifest_size_bytes);
+  const ArtifactIdentities identities = parse_identities(member(record, "artifact_identities"));
+  const auto paths = parse_active_paths(member(record, "active_relative_paths"), identities);
   CompletedMembers members;
-  members.artifact_identities = parse_identities(member(record, "artifact_identities"));
-  members.active_relative_paths =
-      parse_active_paths(member(record, "active_relative_paths"), members.artifact_identities);
+  members.record = std::move(exact);
+  members.text = std::make_shared<const std::string>(members_text(paths, identities));
+  TextScanner scanner(*members.text);
+  take_members(scanner, members);
   return members;
 }
 

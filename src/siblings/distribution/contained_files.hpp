@@ -46,11 +46,12 @@ void remove_contained_directory_tree(const std::string& base, const std::string&
 /// failure is thrown at its end.
 void cleanup_contained_regular_files(const std::string& root, const std::string& suffix,
                                      const std::set<std::string>& preserve_relative_paths);
-/// Removes every regular file below the given directories (a trailing slash is welcome), except the preserved
-/// paths, under the same rules. A prefix that reaches into the cohorts directory is a `ValueError`.
+/// Removes every regular file below the given directories (a trailing slash is welcome), except the paths
+/// that `preserves` is true for, under the same rules. A prefix that reaches into the cohorts directory is a
+/// `ValueError`.
 void cleanup_contained_regular_files_in_prefixes(const std::string& root,
                                                  const std::vector<std::string>& prefixes,
-                                                 const std::set<std::string>& preserve_relative_paths);
+                                                 const std::function<bool(const std::string&)>& preserves);
 
 /// On one file named by a path outside any root; the same refusals for its last component.
 std::string read_regular_file_path(const std::string& path, const std::string& label);

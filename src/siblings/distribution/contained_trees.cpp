@@ -190,11 +190,11 @@ void cleanup_contained_regular_files(const std::string& root, const std::string&
 
 void cleanup_contained_regular_files_in_prefixes(const std::string& root,
                                                  const std::vector<std::string>& prefixes,
-                                                 const std::set<std::string>& preserve_relative_paths) {
+                                                 const std::function<bool(const std::string&)>& preserves) {
   const PinnedRoot pinned(root);
   Sweep sweep(pinned);
   sweep.selects_name = [](const std::string&) { return true; };
-  sweep.preserves = [&](const std::string& path) { return preserve_relative_paths.contains(path); };
+  sweep.preserves = preserves;
   sweep.skips_directory = [](const std::string&) { return false; };
   for (const std::string& prefix : prefixes) {
     const std::string directory = without_trailing_slash(prefix);

@@ -5,7 +5,6 @@
 #include <map>
 #include <mutex>
 
-#include "host/digest.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -19,34 +18,24 @@ constexpr const char* COMPLETION_LABEL = "local cohort completion record";
 
 /// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
 /// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
-struct Parsed {
-  std::shared_ptr<const Selection> selection;  // null: nothing known
-  std::string completion_sha256;
-};
-
 class ParsedSelections {
  public:
-  Parsed find(const std::string& base_dir, const std::string& manifest_bytes) {
+  std::shared_ptr<const Selection> find(const std::string& base_dir, const std::string& manifest_bytes) {
     const std::lock_guard lock(_mutex);
     const auto known = _by_base_dir.find(base_dir);
-    if (known == _by_base_dir.end()) return {};
-    auto selection = known->second.selection.lock();
-    if (!selection || selection->manifest_bytes != manifest_bytes) return {};
-    return {std::move(selection), known->second.completion_sha256};
+    if (known == _by_base_dir.end()) return nullptr;
+    auto selection = known->second.lock();
+    return selection && selection->manifest_bytes == manifest_bytes ? selection : nullptr;
   }
-  void remember(const std::shared_ptr<const Selection>& selection, std::string completion_sha256) {
+  void remember(const std::shared_ptr<const Selection>& selection) {
     const std::lock_guard lock(_mutex);
-    std::erase_if(_by_base_dir, [](const auto& entry) { return entry.second.selection.expired(); });
-    _by_base_dir[selection->base_dir] = {selection, std::move(completion_sha256)};
+    std::erase_if(_by_base_dir, [](const auto& entry) { return entry.second.expired(); });
+    _by_base_dir[selection->base_dir] = selection;
   }
 
  private:
-  struct Entry {
-    std::weak_ptr<const Selection> selection;
-    std::string completion_sha256;
-  };
   std::mutex _mutex;  // guards the map; a leaf
-  std::map<std::string, Entry> _by_base_dir;
+  std::map<std::string, std::weak_ptr<const Selection>> _by_base_dir;
 };
 
 ParsedSelections& parsed_selections() {
@@ -99,10 +88,10 @@ GenerationFiles read_generation_files(const PinnedRoot& base, const std::string&
   return {std::move(root), std::move(manifest_bytes), completion_stat, std::move(completion_bytes)};
 }
 
-CompletedMembers parse_completion(const std::string& completion_bytes, const Selection& selection,
+CompletedMembers parse_completion(std::string completion_bytes, const Selection& selection,
                                   const std::string& sha256) {
   try {
-    return parse_completion_record(completion_bytes, sha256, selection.manifest_bytes.size());
+    return parse_completion_record(std::move(completion_bytes), sha256, selection.manifest_bytes.size());
   } catch (const ValueError& failure) {
     refuse(selection.root_dir, failure.what());
   }
@@ -111,32 +100,26 @@ CompletedMembers parse_completion(const std::string& completion_bytes, const Sel
 }  // namespace
 
 LoadedGeneration load_generation(const PinnedRoot& base, const std::string& manifest_bytes) {
-  const Parsed known = parsed_selections().find(base.path(), manifest_bytes);
-  const std::string relative_root = known.selection ? known.selection->root_dir.substr(base.path().size() + 1)
-                                                    : generation_relative_root(manifest_bytes);
+  auto known = parsed_selections().find(base.path(), manifest_bytes);
+  const std::string relative_root =
+      known ? known->root_dir.substr(base.path().size() + 1) : generation_relative_root(manifest_bytes);
   auto selection = std::make_shared<Selection>();
   selection->base_dir = base.path();
   selection->root_dir = base.display_path(relative_root);
   const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
-  selection->manifest = known.selection ? known.selection->manifest
-                                        : parse_manifest(manifest_bytes, sha256, selection->root_dir);
+  selection->manifest = known ? known->manifest : parse_manifest(manifest_bytes, sha256, selection->root_dir);
 
   GenerationFiles files =
       look_at_generation(selection->root_dir, [&] { return read_generation_files(base, relative_root); });
   if (files.manifest_bytes != manifest_bytes) {
     refuse(selection->root_dir, "its manifest file does not hold the bytes that name it");
   }
-  const std::string completion_sha256 = sha256_hex(files.completion_bytes);
-  if (known.selection && known.completion_sha256 == completion_sha256) {
-    return {known.selection, std::move(files.root)};
-  }
+  if (known && *known->members.record == files.completion_bytes)
+    return {std::move(known), std::move(files.root)};
   selection->manifest_bytes = std::move(files.manifest_bytes);
   selection->completion_stat = files.completion_stat;
-  CompletedMembers members = parse_completion(files.completion_bytes, *selection, sha256);
-  selection->active_relative_paths = std::move(members.active_relative_paths);
-  selection->artifact_identities =
-      std::make_shared<const ArtifactIdentities>(std::move(members.artifact_identities));
-  parsed_selections().remember(selection, completion_sha256);
+  selection->members = parse_completion(std::move(files.completion_bytes), *selection, sha256);
+  parsed_selections().remember(selection);
   return {std::move(selection), std::move(files.root)};
 }
 

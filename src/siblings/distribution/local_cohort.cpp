@@ -86,7 +86,7 @@ const std::string* declared_sha256(const Document& manifest, const std::string& 
   return &sha256->get_ref<const std::string&>();
 }
 
-void require_sha256(const std::string& label, const std::string& path, const std::string& expected,
+void require_sha256(const std::string& label, const std::string& path, std::string_view expected,
                     const std::string& measured) {
   if (measured == expected) return;
   throw ValueError(
@@ -164,17 +164,16 @@ Pin::Pin(std::shared_ptr<const Selection> selection, PinnedRoot root)
     : selection(std::move(selection)), root(std::move(root)) {}
 
 void Pin::verify_manifest_file_identity(const std::string& path, const std::string& label) const {
-  const auto recorded = selection->artifact_identities->find(path);
-  if (recorded == selection->artifact_identities->end()) {
+  const RecordedIdentity* expected = selection->members.find(path);
+  if (expected == nullptr) {
     throw LocalCohortError(fmt::format("{}: {}: not a member of the active local cohort", label, path));
   }
-  const ArtifactIdentity& expected = recorded->second;
   const auto measured = root.identify_regular_file(path, label);
-  if (measured.size_bytes != expected.size_bytes) {
+  if (measured.size_bytes != expected->size_bytes) {
     throw ValueError(fmt::format("{}: {}: size mismatch: expected {} bytes, got {}", label, path,
-                                 expected.size_bytes, measured.size_bytes));
+                                 expected->size_bytes, measured.size_bytes));
   }
-  require_sha256(label, path, expected.sha256, measured.sha256);
+  require_sha256(label, path, expected->sha256, measured.sha256);
   if (const auto* declared = declared_sha256(*selection->manifest, path)) {
     require_sha256(label, path, *declared, measured.sha256);
   }

@@ -25,12 +25,11 @@ namespace tidalcrest::sync::local_cohort {
 
 /// One selected, complete generation. Immutable; shared by pointer to const.
 struct Selection {
-  std::string base_dir;        ///< the data directory, absolute
-  std::string root_dir;        ///< the generation root, absolute
-  std::string manifest_bytes;  ///< the exact served bytes
-  std::vector<std::string> active_relative_paths;
+  std::string base_dir;                      ///< the data directory, absolute
+  std::string root_dir;                      ///< the generation root, absolute
+  std::string manifest_bytes;                ///< the exact served bytes
   std::shared_ptr<const Document> manifest;  ///< the parsed manifest bytes
-  std::shared_ptr<const ArtifactIdentities> artifact_identities;
+  CompletedMembers members;  ///< `active_relative_paths` and `artifact_identities` of the completion record
   client_manifest::FileStat completion_stat;  ///< of the record that was read
 };
 

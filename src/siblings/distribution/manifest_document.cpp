@@ -177,6 +177,8 @@ Document parse_distribution_manifest_bytes(std::string_view body, const std::str
   return document;
 }
 
+void check_manifest_relative_path(std::string_view path) { validate_path(path); }
+
 const std::string& validate_manifest_relative_path(const std::string& path) {
   validate_path(path);
   return path;

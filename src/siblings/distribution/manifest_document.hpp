@@ -16,6 +16,7 @@ Document parse_distribution_manifest_bytes(std::string_view body, const std::str
 
 /// The path itself when it obeys the manifest path rule; `ValueError` saying which rule broke otherwise.
 const std::string& validate_manifest_relative_path(const std::string& path);
+void check_manifest_relative_path(std::string_view path);
 /// The same for a value of any type; what is no string is a `TypeError`.
 std::string validate_manifest_relative_path(const Document& path);
 
