@@ -16,7 +16,9 @@ class PlainReader {
 
   std::optional<Document> read() {
     Document root;
-    if (!_value(root, 0) || _next() != END) return std::nullopt;
+    if (!_value(root, 0)) return std::nullopt;
+    _next();
+    if (_at != _end) return std::nullopt;
     return root;
   }
 
