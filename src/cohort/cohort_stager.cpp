@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <future>
+#include <iterator>
 #include <limits>
 #include <set>
 #include <unordered_set>
@@ -109,14 +110,15 @@ bool any_vocabulary(const FilesToDownload& files) {
   });
 }
 
-std::vector<std::string> found_pnl_local_paths(const FilesToDownload& files,
-                                               const std::string& selected_root) {
+bool is_found_pnl(const FileToDownload& file) {
+  const Document* kind = file.file_info != nullptr ? find_member(*file.file_info, "kind") : nullptr;
+  return kind != nullptr && kind->is_string() && is_found_pnl_file_kind(kind->get<std::string>());
+}
+
+std::vector<std::string> local_paths(const FilesToDownload& files, const std::string& selected_root) {
   std::vector<std::string> paths;
-  for (const auto& file : files) {
-    const Document* kind = file.file_info != nullptr ? find_member(*file.file_info, "kind") : nullptr;
-    if (kind == nullptr || !kind->is_string() || !is_found_pnl_file_kind(kind->get<std::string>())) continue;
-    paths.push_back(_manifest_local_path(selected_root, file.file_path));
-  }
+  paths.reserve(files.size());
+  for (const auto& file : files) paths.push_back(_manifest_local_path(selected_root, file.file_path));
   return paths;
 }
 
@@ -177,6 +179,7 @@ class StagingRun {
 
   std::string _signals_index_path;
   SelectedMembers _members;
+  FilesToDownload _new_found_pnl;
   Vocabularies _staged_vocabularies;
   RotationState _promoted_rotation_state;
   std::vector<RefreshPayload> _refresh_payloads;
@@ -231,6 +234,9 @@ void StagingRun::gather_members() {
   result.vocabulary_downloaded = vocab_downloaded || any_vocabulary(_members.new_files);
   result.shuffle_seed_downloaded =
       _with.shuffle_seed._download_shuffle_seed(_manifest, candidate_root, &_manifest_bytes);
+  std::copy_if(_members.new_files.begin(), _members.new_files.end(), std::back_inserter(_new_found_pnl),
+               is_found_pnl);
+  _members.new_files = {};
 }
 
 // The artifacts of a root that are checked beyond size and digest; gives its merged vocabularies.
@@ -314,7 +320,7 @@ void StagingRun::fill_result() {
   SyncResult& result = _request.result;
   _apply_vocabulary_metadata(result, *_selected_vocabularies);
   _apply_manifest_counts(result, _manifest);
-  result.found_pnl_paths_downloaded = found_pnl_local_paths(_members.new_files, _selection->root_dir);
+  result.found_pnl_paths_downloaded = local_paths(_new_found_pnl, _selection->root_dir);
 }
 
 }  // namespace

@@ -1,11 +1,17 @@
 #include "cohort/staged_members.hpp"
 
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "host/descriptor.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/parallel.hpp"
 #include "host/text.hpp"
 #include "host/threads.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "siblings/distribution/shuffle_seed_state.hpp"
 #include "siblings/runtime/modules.hpp"
@@ -54,6 +60,11 @@ local_cohort::ArtifactIdentity measured(const PinnedRoot& root, const std::strin
   return {identity.sha256, identity.size_bytes};
 }
 
+// Nearly every member of a first sync is missing: told without the cost of a failure.
+bool is_missing(const PinnedRoot& root, const std::string& path) {
+  return !Descriptor(client_manifest::open_beneath(root.descriptor(), path, O_PATH)) && errno == ENOENT;
+}
+
 // Whether the live member is already right. One that is missing, or that cannot be read as a regular file, is
 // not: the copy that follows replaces whatever stands in its place.
 bool is_already_right(const PinnedRoot& active, const std::string& path,
@@ -93,6 +104,7 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
     Member& member = members[i];
     if (forced_paths.contains(*member.path)) return;
     stop_check();
+    if (!roots.active_is_generation && is_missing(*active, *member.path)) return;
     const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *member.file_info);
     if (!hash_cache._local_file_matches_manifest(*active, *member.path, *member.file_info, cache_allowed))
       return;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 
 #include "host/integer.hpp"
 #include "host/json.hpp"
@@ -16,6 +17,7 @@ namespace tidalcrest::sync {
 namespace {
 
 constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
+constexpr std::size_t ENTRY_BYTES_BESIDE_PATH = 224;
 
 // The six members of one entry while they are read; of two equal keys the last one counts.
 struct EntryFields {
@@ -203,6 +205,9 @@ HashCacheEntries parse_hash_cache(std::string_view text) {
 std::string hash_cache_text(std::vector<std::pair<std::string, HashCacheEntry>> entries) {
   std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
   std::string text = "{\"files\": {";
+  text.reserve(std::accumulate(
+      entries.begin(), entries.end(), std::size_t{64},
+      [](auto bytes, const auto& entry) { return bytes + entry.first.size() + ENTRY_BYTES_BESIDE_PATH; }));
   const char* separator = "";
   for (const auto& [path, entry] : entries) {
     fmt::format_to(
