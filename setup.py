@@ -10,6 +10,7 @@ from pathlib import Path
 
 from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
+from setuptools.errors import CompileError
 
 SOURCE = Path(__file__).resolve().parent
 
@@ -21,7 +22,7 @@ class CMakeBuild(build_ext):
         build = os.environ.get("TIDALCREST_BUILD_DIR") or self._build()
         target = Path(self.build_lib).resolve() / "installed"
         self._cmake("--install", build, "--strip", "--component", "python", "--prefix", target)
-        (package,) = target.glob("lib/python*/site-packages/tidalcrest")
+        (package,) = target.glob("lib/python*/*-packages/tidalcrest")
         destination = Path(self.get_ext_fullpath("tidalcrest.sync._native")).resolve().parent
         self.copy_tree(str(package / "sync"), str(destination))
         self._cmake("-E", "rm", "-r", target)
@@ -36,7 +37,10 @@ class CMakeBuild(build_ext):
 
     @staticmethod
     def _cmake(*arguments):
-        subprocess.run(["cmake", *map(str, arguments)], check=True)
+        try:
+            subprocess.run(["cmake", *map(str, arguments)], check=True)
+        except (OSError, subprocess.CalledProcessError) as failure:
+            raise CompileError(f"{failure}\nWhat the build needs is installed by `./dev setup`.") from failure
 
 
 setup(ext_modules=[Extension("tidalcrest.sync._native", sources=[])], cmdclass={"build_ext": CMakeBuild})
