@@ -55,10 +55,10 @@ ExitCode collect(const GcArguments& arguments, Display& display) {
 void add_gc_command(CLI::App& app, int& exit_code) {
   auto* command = app.add_subcommand("gc", "Make room: remove generations that nobody needs any more");
   command->footer(
-      "Every publication leaves the generation before it on disk, so that its readers can go on. This "
-      "removes\n"
-      "generations that are not selected, not pinned by a reader and not among the newest --keep, and what\n"
-      "failed syncs left more than a day ago. It waits for a running sync and never runs by itself.");
+      "Every publication leaves the generation before it on disk, so that its readers can go on. This\n"
+      "removes generations that are not selected, not pinned by a reader and not among the newest --keep,\n"
+      "and what failed syncs left more than a day ago. It waits for a running sync and never runs by\n"
+      "itself.");
   auto arguments = std::make_shared<GcArguments>();
   arguments->common.add_to(*command);
   command->add_option("--keep", arguments->keep, "How many of the newest generations stay")

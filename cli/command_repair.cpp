@@ -74,11 +74,9 @@ void add_repair_command(CLI::App& app, int& exit_code) {
   auto* command =
       app.add_subcommand("repair", "Fetch damaged files of the published cohort again and put them back");
   command->footer(
-      "Only files that really differ are replaced, and only after the whole cohort has been proven aside. "
-      "The\n"
-      "two shuffle seed files are always fetched together. When the server has moved on meanwhile, the "
-      "newest\n"
-      "version is synced instead.");
+      "Only files that really differ are replaced, and only after the whole cohort has been proven aside.\n"
+      "The two shuffle seed files are always fetched together. When the server has moved on meanwhile,\n"
+      "the newest version is synced instead.");
   auto arguments = std::make_shared<RepairArguments>();
   arguments->manager.add_to(*command);
   command->add_option("PATH", arguments->paths, "Paths below the cohort's root, as `verify` prints them")

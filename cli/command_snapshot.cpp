@@ -28,9 +28,8 @@ ExitCode snapshot(const CommonArguments& arguments, Display& display) {
 void add_snapshot_command(CLI::App& app, int& exit_code) {
   auto* command = app.add_subcommand("snapshot", "Print the directory in which the published files lie");
   command->footer(
-      "What is in it never changes. It stays readable at least until one more version has been published "
-      "and\n"
-      "old generations are collected.");
+      "What is in it never changes. It stays readable at least until one more version has been published\n"
+      "and old generations are collected.");
   auto arguments = std::make_shared<CommonArguments>();
   arguments->add_to(*command);
   command->callback([arguments, &exit_code] {

@@ -80,9 +80,8 @@ void add_sync_command(CLI::App& app, int& exit_code) {
   auto* command = app.add_subcommand(
       "sync", "Bring the data directory in step with the server: fetch what changed, prove it, publish it");
   command->footer(
-      "Nothing is visible to readers before all of it is proven. A stopped or failed sync is continued by "
-      "the\n"
-      "next one. Prints the directory in which the published files lie.");
+      "Nothing is visible to readers before all of it is proven. A stopped or failed sync is continued by\n"
+      "the next one. Prints the directory in which the published files lie.");
   auto arguments = std::make_shared<ManagerArguments>();
   arguments->add_to(*command);
   command->callback([arguments, &exit_code] {

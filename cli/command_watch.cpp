@@ -99,10 +99,9 @@ void add_watch_command(CLI::App& app, int& exit_code) {
   auto* command = app.add_subcommand(
       "watch", "Keep the data directory in step until it is stopped, through new versions and new eras");
   command->footer(
-      "Asks the server every --poll-interval seconds, publishes what is new, and follows the market's era. "
-      "One\n"
-      "line per event; on a terminal the progress too. Failures are told and tried again. Ctrl-C or SIGTERM\n"
-      "stops it cleanly with exit code 0; a second one at once.");
+      "Asks the server every --poll-interval seconds, publishes what is new, and follows the market's era.\n"
+      "One line per event; on a terminal the progress too. Failures are told and tried again. Ctrl-C or\n"
+      "SIGTERM stops it cleanly with exit code 0; a second one at once.");
   auto arguments = std::make_shared<WatchArguments>();
   arguments->manager.add_to(*command, "Print one JSON object per event on standard output");
   command

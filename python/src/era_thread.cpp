@@ -58,9 +58,8 @@ void bind_era_thread(py::module_& module) {
            py::arg("era_poll_interval_s") = ERA_POLL_INTERVAL_SECONDS,
            py::arg("kill_searches_fn") = py::none(), py::arg("restart_searches_fn") = py::none(),
            py::arg("market_id") = DEFAULT_AGENT_MARKET_ID,
-           "get_token is asked on every poll; the two callables are handed to the transition. The manager is "
-           "not "
-           "owned.")
+           "get_token is asked on every poll; the two callables are handed to the transition. The manager "
+           "is not owned.")
       .def(
           "start",
           [](const py::object& self) {

@@ -102,18 +102,16 @@ void describe_serve(CLI::App& command, ServeCommand& serve) {
   command.add_flag("-v,--verbose", serve.verbose, "Print every request");
   command.footer(
       "A fault is one text:  PATTERN KIND [count=N|all] [skip=N] [seconds=S] [body=TEXT]\n"
-      "  PATTERN  /data/manifest, /data/shuffle, ... at the API; a manifest path or manifest.json at the "
-      "data\n"
-      "           origin; * stands for anything\n"
+      "  PATTERN  /data/manifest, /data/shuffle, ... at the API; a manifest path or manifest.json at\n"
+      "           the data origin; * stands for anything\n"
       "  KIND     status=CODE, body, cut=BYTES, reset=BYTES, stall=BYTES, delay=SECONDS, ignore-range, 416,\n"
       "           wrong-bytes[=BYTES], switch[=BYTES] (the held release becomes current in mid-download)\n"
       "  Example: --fault 'features/* cut=1000 count=3' --fault '/data/manifest status=503 "
       "body={\"retryable\":false}'\n"
       "While it runs: GET, POST (one fault a line) and DELETE of /control/faults at the API, with the "
       "token.\n"
-      "A data origin other than the one built in rewrites the manifests: clients that have these versions "
-      "refuse\n"
-      "them then, so keep the ports of a distribution that clients keep.");
+      "A data origin other than the one built in rewrites the manifests: clients that have these versions\n"
+      "refuse them then, so keep the ports of a distribution that clients keep.");
 }
 
 int run(int argc, char** argv) {
