@@ -1,5 +1,7 @@
 """Another process swaps members, directories and roots for links, sockets, FIFOs, directories and hard links to
-outside files, while syncs, proofs and sweeps run. Nothing outside is read into a cohort, written or removed."""
+outside files, while syncs, proofs and sweeps run. Nothing outside is read into a cohort, written or removed.
+
+The data directory itself may be reached through a link, as its user likes: it is swapped for everything else."""
 
 import os
 import random
@@ -29,8 +31,10 @@ class Attacker(threading.Thread):
         while not self.stopping.is_set():
             try:
                 victim = self.victim()
+                if victim == self.data:
+                    self.swap_data_directory()
                 # Not through a link of our own making: the attack is on the data directory only.
-                if victim.parent.resolve().is_relative_to(self.data.resolve()):
+                elif victim.parent.resolve().is_relative_to(self.data.resolve()):
                     self.swap(victim)
             except (OSError, IndexError):
                 pass  # somebody else was faster
@@ -38,6 +42,8 @@ class Attacker(threading.Thread):
 
     def victim(self):
         choice = self.randomness.random()
+        if choice < 0.01:
+            return self.data
         if choice < 0.03:
             return self.data / COHORTS
         if choice < 0.08:
@@ -57,7 +63,32 @@ class Attacker(threading.Thread):
         was_there = os.path.lexists(victim)
         if was_there:
             os.rename(victim, aside)
-        kind = self.randomness.randrange(7)
+        self.put(self.randomness.randrange(7), victim)
+        # Roots come back, or nothing would ever get far; members sometimes do.
+        if was_there and (victim.parent in (self.data, self.data / COHORTS) or self.randomness.random() < 0.5):
+            time.sleep(self.randomness.choice([0, 0.001, 0.01]))
+            take_away(victim)
+            os.rename(aside, victim)
+        else:
+            take_away(aside)
+
+
+    def swap_data_directory(self):
+        aside = self.data.with_name(self.data.name + ".aside")
+        os.rename(self.data, aside)
+        try:
+            self.put(self.randomness.choice([0, 2, 3, 4, 5, 6]), self.data)
+            time.sleep(0.005)
+        except FileExistsError:
+            pass  # a sync has made itself a new one
+        while aside.exists():
+            try:
+                take_away(self.data)
+                os.rename(aside, self.data)
+            except OSError:
+                pass  # made again in between
+
+    def put(self, kind, victim):
         if kind == 0:
             os.symlink(self.outside / "file", victim)
         elif kind == 1:
@@ -74,13 +105,6 @@ class Attacker(threading.Thread):
             with socket.socket(socket.AF_UNIX) as listening:
                 listening.bind(str(victim))
         self.swaps += 1
-        # Roots come back, or nothing would ever get far; members sometimes do.
-        if was_there and (victim.parent in (self.data, self.data / COHORTS) or self.randomness.random() < 0.5):
-            time.sleep(self.randomness.choice([0, 0.001, 0.01]))
-            take_away(victim)
-            os.rename(aside, victim)
-        else:
-            take_away(aside)
 
 
 def take_away(path):

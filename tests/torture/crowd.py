@@ -1,4 +1,4 @@
-"""Several processes on one directory: writers, readers under pins, a verifier, a collector, and kills at random."""
+"""Two to eight processes on one directory: writers, readers under pins, a verifier, a collector, kills at random."""
 
 import fcntl
 import json
@@ -9,7 +9,8 @@ import time
 from world import COHORTS, Finding, Origin, World, left_for_good, leftovers, remove, selected, wrong_members
 
 SEED = 7
-CAST = ["write-loop", "write-loop", "read-loop", "read-loop", "read-loop", "verify-loop", "collect-loop"]
+ROLES = ["write-loop", "read-loop", "collect-loop", "verify-loop", "write-loop", "read-loop", "write-loop", "read-loop"]
+SIZES = (2, 5, 8)
 # What a reader may meet when somebody else publishes or collects at the same moment; everything else is a finding.
 EXPECTED = ("StateError", "ManifestSupersededError", "LocalCohortError", "FileNotFoundError")
 
@@ -57,17 +58,11 @@ def waiting_is_visible(world, data):
         raise Finding(f"a waiting process says nothing of it: {said[-500:]}")
 
 
-def run(programs, work, options, tell):
-    seconds = 6 if options.quick else options.seconds
-    randomness = random.Random(SEED)
-    origin = Origin(programs, work)
+def crowd(world, data, roles, seconds, randomness):
+    """Gives how many of them were killed, how many versions came, and the rounds of those that lived to the end."""
     cast = []
     try:
-        world = World(programs, work, origin)
-        data = world.fresh_data()
-        world.must("sync", data)
-        waiting_is_visible(world, data)
-        cast = [Member(world, operation, data, seconds) for operation in CAST]
+        cast = [Member(world, role, data, seconds) for role in roles]
         end = time.monotonic() + seconds
         kills = versions = 0
         while time.monotonic() < end - 1:
@@ -75,29 +70,46 @@ def run(programs, work, options, tell):
             randomness.choice(cast).kill()
             kills += 1
             if kills % 3 == 0:
-                origin.evolve("--change", "4", "--add", "1")
+                world.origin.evolve("--change", "4", "--add", "1")
                 versions += 1
-        outcomes = [member.outcome() for member in cast]
         rounds = {}
-        for member, outcome in zip(cast, outcomes):
+        for member in cast:
+            outcome = member.outcome()
             if not outcome["ok"]:
                 raise Finding(f"{member.operation}: {outcome['wrong']}")
             strange = [text for text in outcome["failures"] if not text.startswith(EXPECTED)]
             if strange:
                 raise Finding(f"{member.operation}: {strange}")
             rounds[member.operation] = rounds.get(member.operation, 0) + outcome["rounds"]
-        world.must("sync", data)
-        if wrong_members(data) != [] or left_for_good(world, data):
-            raise Finding(f"at the end: wrong {wrong_members(data)}, left {leftovers(data)} (kept in {data})")
-        if not world.must("read", data).document["value"]["valid"]:
-            raise Finding(f"at the end the selected cohort {selected(data)} is not valid")
-        remove(data)
-        tell(f"crowd: {len(cast)} processes, {seconds} s, {kills} kills, {versions} versions; rounds of those that "
-             f"lived to the end: {rounds}")
-        return f"{kills} kills among {len(cast)} processes in {seconds} s"
+        return kills, versions, rounds
     finally:
         for member in cast:
             if member.process.poll() is None:
                 member.process.kill()
                 member.process.wait()
+
+
+def run(programs, work, options, tell):
+    seconds = 2 if options.quick else options.seconds / len(SIZES)
+    randomness = random.Random(SEED)
+    origin = Origin(programs, work)
+    try:
+        world = World(programs, work, origin)
+        data = world.fresh_data()
+        world.must("sync", data)
+        waiting_is_visible(world, data)
+        all_kills = 0
+        for size in SIZES:
+            kills, versions, rounds = crowd(world, data, ROLES[:size], seconds, randomness)
+            all_kills += kills
+            world.must("sync", data)
+            if wrong_members(data) != [] or left_for_good(world, data):
+                raise Finding(f"at the end: wrong {wrong_members(data)}, left {leftovers(data)} (kept in {data})")
+            if not world.must("read", data).document["value"]["valid"]:
+                raise Finding(f"at the end the selected cohort {selected(data)} is not valid")
+            tell(f"crowd: {size} processes, {seconds:.0f} s, {kills} kills, {versions} versions; rounds of those that "
+                 f"lived to the end: {rounds}")
+        remove(data)
+        return f"{all_kills} kills among {SIZES[0]} to {SIZES[-1]} processes in {len(SIZES) * seconds:.0f} s"
+    finally:
         origin.close()

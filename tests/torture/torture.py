@@ -33,7 +33,7 @@ def main():
     parser.add_argument("--build", default=Path(__file__).parents[2] / "build/release", help="build directory")
     parser.add_argument("--work", help="directory to work in (default: memory)")
     parser.add_argument("--quick", action="store_true", help="a short slice of fixed choice")
-    parser.add_argument("--seconds", type=float, default=120, help="how long the races run (default: %(default)s)")
+    parser.add_argument("--seconds", type=float, default=180, help="how long the races run (default: %(default)s)")
     parser.add_argument("--thorough", action="store_true", help="every error at every call: hours")
     arguments = parser.parse_args()
     unknown = [name for name in arguments.slices if name not in SLICES]
