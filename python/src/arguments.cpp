@@ -63,6 +63,22 @@ double number_argument(const py::handle& value, const char* name) {
   raise_argument_type(name, "a number", value);
 }
 
+std::int64_t integer_argument(const py::handle& value, const char* name) {
+  if (PyIndex_Check(value.ptr()) == 0 || PyBool_Check(value.ptr())) raise_argument_type(name, "int", value);
+  const Document number = to_document(value, name);
+  if (number.is_number_unsigned()) {
+    PyErr_Format(PyExc_ValueError, "%s: integer out of the 64-bit range", name);
+    throw py::error_already_set();
+  }
+  return number.get<std::int64_t>();
+}
+
+bool flag_argument(const py::handle& value) {
+  const int truth = PyObject_IsTrue(value.ptr());
+  if (truth < 0) throw py::error_already_set();
+  return truth == 1;
+}
+
 std::vector<std::string> texts_argument(const py::handle& value, const char* name) {
   if (PyUnicode_Check(value.ptr()) || PyBytes_Check(value.ptr()) || !py::hasattr(value, "__iter__")) {
     raise_argument_type(name, "an iterable of str", value);

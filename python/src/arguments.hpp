@@ -23,6 +23,10 @@ std::string data_dir_argument(const py::handle& value);
 std::string text_argument(const py::handle& value, const char* name);
 std::optional<std::string> optional_text_argument(const py::handle& value, const char* name);
 double number_argument(const py::handle& value, const char* name);
+/// An integer of 64 bits, and no truth value.
+std::int64_t integer_argument(const py::handle& value, const char* name);
+/// Anything that has a truth value.
+bool flag_argument(const py::handle& value);
 /// Any iterable of texts, but no text itself.
 std::vector<std::string> texts_argument(const py::handle& value, const char* name);
 /// A callable; `None` too where `or_none`.

@@ -71,8 +71,7 @@ void bind_construction(ManagerClass& manager) {
            py::arg("sync_http_chunk_bytes") = py::none(), py::arg("sync_max_concurrency") = py::none(),
            py::arg("get_wallet_secret") = py::none(),
            "Reads what is on disk and comes up with the selected cohort when it is complete and proves "
-           "itself; "
-           "touches no network. Stays outside the registry.")
+           "itself; touches no network. Stays outside the registry.")
       .def_static(
           "get_or_create", &got_or_created, py::arg("data_dir"), py::arg("server_url"), py::arg("get_token"),
           py::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
@@ -127,9 +126,11 @@ void bind_main_job(ManagerClass& manager) {
           "Return the exact manifest-selected generation root.")
       .def(
           "collect_generations",
-          [](const py::object& self, std::int64_t keep, bool dry_run) {
+          [](const py::object& self, const py::object& keep, const py::object& dry_run) {
+            const std::int64_t kept = integer_argument(keep, "keep");
+            const bool only_plan = flag_argument(dry_run);
             return to_python(without_gil(
-                [&, manager = shared(self)] { return manager->collect_generations(keep, dry_run); }));
+                [&, manager = shared(self)] { return manager->collect_generations(kept, only_plan); }));
           },
           py::arg("keep") = 2, py::arg("dry_run") = false,
           "Removes generation roots that are not selected, not pinned and not among the newest `keep`.");
@@ -200,14 +201,19 @@ void bind_lifecycle(ManagerClass& manager) {
       .def("stop", waiting(&SyncManager::stop), "Stop background sync polling loop.")
       .def(
           "cleanup_old_eras",
-          [](const py::object& self, bool keep_current) {
-            return without_gil(
-                [&, manager = shared(self)] { return manager->cleanup_old_eras(keep_current); });
+          [](const py::object& self, const py::object& keep_current) {
+            const bool keep = flag_argument(keep_current);
+            return without_gil([&, manager = shared(self)] { return manager->cleanup_old_eras(keep); });
           },
           py::arg("keep_current") = true,
           "Deletes the era-named directories of earlier eras; gives the bytes freed.")
-      .def("_schedule_cleanup_old_eras", &SyncManager::_schedule_cleanup_old_eras,
-           py::arg("keep_current") = true, "The same on a background thread, at most one at a time.")
+      .def(
+          "_schedule_cleanup_old_eras",
+          [](const py::object& self, const py::object& keep_current) {
+            const bool keep = flag_argument(keep_current);
+            without_gil([&, manager = shared(self)] { manager->_schedule_cleanup_old_eras(keep); });
+          },
+          py::arg("keep_current") = true, "The same on a background thread, at most one at a time.")
       .def(
           "trigger_era_transition",
           [](const py::object& self, const py::object& new_era_number, const py::object& kill_searches_fn,

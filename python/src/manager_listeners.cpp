@@ -43,11 +43,15 @@ void unregister_search_consumer(const py::object& self, const py::object& consum
 }
 
 void refresh_running_searches(const py::object& self, const py::object& rotation_state,
-                              const py::object& vocabulary, const Manifest* manifest) {
+                              const py::object& vocabulary, const py::object& manifest) {
   const RotationState state = rotation_state_argument(rotation_state, "rotation_state");
   const Document document = to_document(vocabulary, "vocabulary");
-  without_gil([manager = shared(self), &state, &document, manifest] {
-    manager->refresh_running_searches_for_rotation(state, document, manifest);
+  if (!manifest.is_none() && !py::isinstance<Manifest>(manifest)) {
+    raise_argument_type("manifest", "a Manifest", manifest);
+  }
+  const auto* given = manifest.is_none() ? nullptr : manifest.cast<const Manifest*>();
+  without_gil([manager = shared(self), &state, &document, given] {
+    manager->refresh_running_searches_for_rotation(state, document, given);
   });
 }
 
@@ -61,9 +65,10 @@ void bind_manager_listeners(ManagerClass& manager) {
            "Removes the first registration of an equal callback; an unknown one is ignored.")
       .def(
           "_notify_era_callbacks",
-          [](const py::object& self, const py::object& event_type, std::int64_t era_number) {
+          [](const py::object& self, const py::object& event_type, const py::object& era_number) {
             const std::string type = text_argument(event_type, "event_type");
-            without_gil([&, manager = shared(self)] { manager->_notify_era_callbacks(type, era_number); });
+            const std::int64_t era = integer_argument(era_number, "era_number");
+            without_gil([&, manager = shared(self)] { manager->_notify_era_callbacks(type, era); });
           },
           py::arg("event_type"), py::arg("era_number"), "Calls the era callbacks in registration order.")
       .def("register_rotation_search_consumer", &register_search_consumer, py::arg("consumer"),
@@ -71,7 +76,7 @@ void bind_manager_listeners(ManagerClass& manager) {
       .def("unregister_rotation_search_consumer", &unregister_search_consumer, py::arg("consumer"),
            "Removes an equal consumer; one that is not present is ignored.")
       .def("refresh_running_searches_for_rotation", &refresh_running_searches, py::arg("rotation_state"),
-           py::arg("vocabulary"), py::arg("manifest") = nullptr,
+           py::arg("vocabulary"), py::arg("manifest") = py::none(),
            "Prepares and delivers refreshes; for a caller that rotated by itself.");
 }
 

@@ -17,12 +17,6 @@ py::object attribute(const py::handle& value, const char* attribute_name, const 
   return value.attr(attribute_name);
 }
 
-std::int64_t integer_attribute(const py::handle& value, const char* attribute_name, const char* name) {
-  const Document number = to_document(attribute(value, attribute_name, name), attribute_name);
-  if (!number.is_number_integer()) raise_argument_type(attribute_name, "int", value.attr(attribute_name));
-  return number.get<std::int64_t>();
-}
-
 }  // namespace
 
 py::list paths_to_python(const std::vector<std::string>& paths) {
@@ -72,8 +66,8 @@ RotationState rotation_state_argument(const py::handle& value, const char* name)
   return {
       .active_relative_paths =
           texts_argument(attribute(value, "active_relative_paths", name), "active_relative_paths"),
-      .generation = integer_attribute(value, "generation", name),
-      .seed = integer_attribute(value, "seed", name),
+      .generation = integer_argument(attribute(value, "generation", name), "generation"),
+      .seed = integer_argument(attribute(value, "seed", name), "seed"),
       .rng_state = text_argument(attribute(value, "rng_state", name), "rng_state"),
       .algorithm = text_argument(attribute(value, "algorithm", name), "algorithm"),
       .reason = text_argument(attribute(value, "reason", name), "reason"),
