@@ -12,6 +12,7 @@
 #include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -79,9 +80,8 @@ std::string read_downloaded(const Member& member) {
 void remove_failed(const Member& member) {
   try {
     client_manifest::remove_contained_regular_file(member.data_dir, member.file_path, true);
-  } catch (const OSError&) {
-  } catch (const TypeError&) {
-  } catch (const ValueError&) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
   }
 }
 

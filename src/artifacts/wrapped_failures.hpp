@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "host/unusable.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -16,11 +17,8 @@ auto wrap_unusable(const std::string& what_failed, Call call) {
   };
   try {
     return call();
-  } catch (const OSError& failure) {
-    throw wrapped(failure);
-  } catch (const TypeError& failure) {
-    throw wrapped(failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     throw wrapped(failure);
   }
 }

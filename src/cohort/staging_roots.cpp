@@ -5,6 +5,7 @@
 
 #include "host/log.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "siblings/distribution/cohort_roots.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/contained_open.hpp"
@@ -57,11 +58,8 @@ void clear_leftover(const std::string& data_dir, const std::string& served_manif
   };
   try {
     move_leftover_aside(data_dir, local_cohort::manifest_sha256(served_manifest_bytes), seams);
-  } catch (const OSError& failure) {
-    refuse(failure);
-  } catch (const TypeError& failure) {
-    refuse(failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     refuse(failure);
   }
 }

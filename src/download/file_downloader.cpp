@@ -8,6 +8,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "manifest/file_kinds.hpp"
 #include "manifest/paths.hpp"
 
@@ -67,11 +68,8 @@ void FileDownloader::_download_file(const FileToDownload& file, SyncResult& resu
     }
   } catch (const SyncError&) {
     throw;
-  } catch (const OSError& failure) {
-    throw unsafe_boundary(failure);
-  } catch (const TypeError& failure) {
-    throw unsafe_boundary(failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     throw unsafe_boundary(failure);
   }
 }

@@ -16,6 +16,7 @@
 #include "host/local_path.hpp"
 #include "host/log.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/sync_progress.hpp"
@@ -95,11 +96,8 @@ void _atomic_write(const std::string& filepath, std::string_view data) {
   };
   try {
     client_manifest::write_regular_file_path(filepath, data, true);
-  } catch (const OSError& failure) {
-    throw unwritten(failure);
-  } catch (const TypeError& failure) {
-    throw unwritten(failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     throw unwritten(failure);
   }
 }
@@ -139,11 +137,8 @@ void _remove_manifest_tmp_file(const std::string& data_dir, const std::string& f
     client_manifest::remove_contained_regular_file(data_dir, tmp_path, true);
   } catch (const ManifestError&) {
   } catch (const FileNotFoundError&) {  // gone is what was asked for
-  } catch (const OSError& failure) {
-    log_failed_tmp_removal(file_path, failure);
-  } catch (const TypeError& failure) {
-    log_failed_tmp_removal(file_path, failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     log_failed_tmp_removal(file_path, failure);
   }
 }
@@ -153,11 +148,8 @@ void _cleanup_sync_tmp_files(const std::string& data_dir,
   const auto preserved = preserved_staging_paths(preserve_relative_paths);
   try {
     client_manifest::cleanup_contained_regular_files(data_dir, ".tmp", preserved);
-  } catch (const OSError& failure) {
-    log_failed_tmp_scan(data_dir, failure);
-  } catch (const TypeError& failure) {
-    log_failed_tmp_scan(data_dir, failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     log_failed_tmp_scan(data_dir, failure);
   }
 }

@@ -6,6 +6,7 @@
 #include "artifacts/signals_index.hpp"
 #include "artifacts/vocabulary.hpp"
 #include "host/json.hpp"
+#include "host/unusable.hpp"
 #include "rotation/exclusion.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -41,9 +42,8 @@ class CompletenessTest::Members {
     try {
       _root.emplace(root);
       _cursor.emplace(*_root);
-    } catch (const OSError&) {
-    } catch (const TypeError&) {
-    } catch (const ValueError&) {
+    } catch (const Failure& failure) {
+      if (!is_unusable(failure)) throw;
     }
   }
 

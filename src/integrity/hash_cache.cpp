@@ -8,6 +8,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/unusable.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -24,11 +25,8 @@ template <class Look>
 auto absent_when_unreadable(Look&& look) -> std::optional<decltype(look())> {
   try {
     return look();
-  } catch (const OSError&) {
-    return std::nullopt;
-  } catch (const TypeError&) {
-    return std::nullopt;
-  } catch (const ValueError&) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     return std::nullopt;
   }
 }

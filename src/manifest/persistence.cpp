@@ -11,6 +11,7 @@
 #include "host/local_path.hpp"
 #include "host/log.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
@@ -150,11 +151,8 @@ Document _read_distribution_manifest_file(const std::string& path, const std::st
     };
     try {
       return client_manifest::read_regular_file_path(path, label);
-    } catch (const OSError& failure) {
-      throw unreadable(failure);
-    } catch (const TypeError& failure) {
-      throw unreadable(failure);
-    } catch (const ValueError& failure) {
+    } catch (const Failure& failure) {
+      if (!is_unusable(failure)) throw;
       throw unreadable(failure);
     }
   };

@@ -4,6 +4,7 @@
 #include "host/equality.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "rotation/catalog.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -54,11 +55,8 @@ std::set<std::string> PrefetchedFeatures::_read_prefetched_feature_relative_path
                                                                     "prefetched features");
     if (!bytes) return {};
     payload = parse_json(*bytes);
-  } catch (const OSError&) {
-    return {};
-  } catch (const TypeError&) {
-    return {};
-  } catch (const ValueError&) {  // bad JSON is one
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;  // bad JSON is
     return {};
   }
   static const Document absent;

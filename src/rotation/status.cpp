@@ -8,6 +8,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
+#include "host/unusable.hpp"
 #include "manifest/persistence.hpp"
 #include "rotation/catalog.hpp"
 #include "siblings/distribution/contained_files.hpp"
@@ -30,11 +31,8 @@ std::optional<std::string> read_status_manifest(const std::string& data_dir) {
   try {
     return client_manifest::read_contained_regular_file_if_present(data_dir, "manifest.json",
                                                                    STATUS_MANIFEST_LABEL);
-  } catch (const OSError& failure) {
-    throw_invalid_manifest(failure);
-  } catch (const TypeError& failure) {
-    throw_invalid_manifest(failure);
-  } catch (const ValueError& failure) {
+  } catch (const Failure& failure) {
+    if (!is_unusable(failure)) throw;
     throw_invalid_manifest(failure);
   }
 }
