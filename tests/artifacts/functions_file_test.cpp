@@ -9,7 +9,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-using namespace artifacts_testing;
+using namespace testing;
 using ::testing::StartsWith;
 
 const std::string GOOD = R"({"era_number": 7, "functions": {"add": 1}})";
@@ -21,12 +21,12 @@ std::string upper(std::string text) {
 
 // What the validation of `bytes` under these declarations says.
 std::string outcome(const Document& pointer, const Document& entry, const std::string& bytes) {
-  TempRoot root;
+  TempDir root;
   root.write("functions.json", bytes);
   Document data = {{"era_number", 7}, {"files", Document::object()}};
   data["functions"] = pointer;
   if (!entry.is_null()) data["files"]["functions.json"] = entry;
-  return thrown([&] { _validate_functions_file(root.path(), Manifest(data)); });
+  return failure_of([&] { _validate_functions_file(root.path(), Manifest(data)); });
 }
 
 TEST(FunctionsFile, DeclarationIsTestedBeforeTheBytes) {

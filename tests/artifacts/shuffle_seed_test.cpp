@@ -2,14 +2,14 @@
 
 #include <gmock/gmock.h>
 
-#include "artifacts/network_fixture.hpp"
-#include "build_paths.hpp"
+#include "artifacts/fixture.hpp"
+#include "origin/generated_bytes.hpp"
 #include "tidalcrest/sync/constants.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using namespace artifacts_testing;
+using namespace testing;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -27,7 +27,7 @@ HeaderMap header(const std::string& name, const std::string& value) {
 TEST(ShuffleSeedHeaders, AreFoundInAnyLetterCaseAndBindTheEra) {
   EXPECT_EQ(_header_value({}, "X-Era-Number"), std::nullopt);
   const auto outcome = [](const HeaderMap& headers) {
-    return thrown([&] { _validate_response_era_header(headers, 7, "seed"); });
+    return failure_of([&] { _validate_response_era_header(headers, 7, "seed"); });
   };
   EXPECT_EQ(outcome(header("x-ERA-number", " 7 ")), "nothing");
   EXPECT_EQ(outcome({}), "SyncError: seed response is missing X-Era-Number");
@@ -44,30 +44,21 @@ TEST(ShuffleKey, CoercesWhatTheManifestAndTheHeadersSay) {
   }
   EXPECT_EQ(_coerce_shuffle_key_generation(" market-era-v1 "), "market-era-v1");
   EXPECT_EQ(
-      thrown([] { _coerce_shuffle_key_generation("legacy-era-only-v1"); }),
+      failure_of([] { _coerce_shuffle_key_generation("legacy-era-only-v1"); }),
       "SyncError: retired shuffle_key_generation 'legacy-era-only-v1' is not supported; sync the current "
       "market-era-v1 distribution");
-  EXPECT_EQ(thrown([] { _coerce_shuffle_key_generation(2); }),
+  EXPECT_EQ(failure_of([] { _coerce_shuffle_key_generation(2); }),
             "SyncError: unknown shuffle_key_generation '2'");
   EXPECT_EQ(_coerce_shuffle_key_source(" vault "), "vault");
   for (const std::string& text : {std::string("a\rb"), std::string("a\nb"), std::string("a\0b", 3)}) {
-    EXPECT_EQ(thrown([&] { _coerce_shuffle_key_source(text); }),
+    EXPECT_EQ(failure_of([&] { _coerce_shuffle_key_source(text); }),
               "SyncError: shuffle_key_source must be a single-line string");
   }
-}
-
-std::string unhex(const std::string& digits) {
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
 }
 
 class ShuffleSeedTest : public ::testing::Test {
  protected:
   ShuffleSeedTest() {
-    net.credentials.set_get_token([] { return "token"; });
     net.credentials.set_get_wallet_secret([this] { return std::optional(secret); });
   }
   std::string manifest_bytes() const { return dump_json(data); }
@@ -76,30 +67,29 @@ class ShuffleSeedTest : public ::testing::Test {
   }
   bool download() const {
     const std::string bytes = manifest_bytes();
-    return seed._download_shuffle_seed(Manifest(data), net.root.path(), &bytes);
+    return seed._download_shuffle_seed(Manifest(data), net.data.path(), &bytes);
   }
   std::string validation() const {
-    return thrown([&] { seed._validate_shuffle_seed_at_root(net.root.path(), manifest_bytes()); });
+    return failure_of([&] { seed._validate_shuffle_seed_at_root(net.data.path(), manifest_bytes()); });
   }
 
   // The vector of market 1 and era 7.
-  const Document vector = parse_json(read_file(TIDALCREST_TEST_DATA "/shuffle_seed.json"))["vectors"][1];
-  std::string secret = unhex(vector["wallet_secret"]);
-  const std::string ciphertext = unhex(vector["ciphertext"]);
+  const Document vector = seed_vector(1);
+  std::string secret = origin::from_hex(vector["wallet_secret"]);
+  const std::string ciphertext = origin::from_hex(vector["ciphertext"]);
   Document data = {{"era_number", 7}, {"market_id", 1}, {"files", Document::object()}};
   Network net;
   ShuffleSeed seed{net.server.url(), net.http, net.active, net.seams};
-  const Warnings warnings;
 };
 
 TEST_F(ShuffleSeedTest, IsFetchedWithTheTokenProvenAndKeptForItsManifest) {
   net.server.script("/data/shuffle", {reply(ciphertext)});
   EXPECT_TRUE(download());
-  EXPECT_EQ(net.root.read(CIPHERTEXT), ciphertext);
+  EXPECT_EQ(net.data.read(CIPHERTEXT), ciphertext);
   EXPECT_EQ(validation(), "nothing");
-  EXPECT_THAT(warnings.messages(), SizeIs(1));
+  EXPECT_THAT(net.log.lines(LogLevel::warning), SizeIs(1));
   EXPECT_FALSE(download());
-  ASSERT_EQ(net.requests_for("data/shuffle"), 1u);
+  ASSERT_EQ(net.server.requests("/data/shuffle").size(), 1u);
   EXPECT_EQ(net.server.requests()[0].header("Authorization"), "Bearer token");
   data["version"] = 2;
   EXPECT_TRUE(download());
@@ -108,7 +98,7 @@ TEST_F(ShuffleSeedTest, IsFetchedWithTheTokenProvenAndKeptForItsManifest) {
 
 TEST_F(ShuffleSeedTest, TakesRootAndBytesOfTheActiveCohortByDefault) {
   net.server.script("/data/shuffle", {reply(ciphertext)});
-  EXPECT_EQ(thrown([&] { seed._download_shuffle_seed(Manifest(data)); }),
+  EXPECT_EQ(failure_of([&] { seed._download_shuffle_seed(Manifest(data)); }),
             "SyncError: exact served manifest bytes are required for shuffle seed download");
   net.activate(nullptr, manifest_bytes());
   EXPECT_TRUE(seed._download_shuffle_seed(Manifest(data)));
@@ -117,9 +107,9 @@ TEST_F(ShuffleSeedTest, TakesRootAndBytesOfTheActiveCohortByDefault) {
 
 TEST_F(ShuffleSeedTest, AtARootIsAbsentOrInvalid) {
   EXPECT_THAT(validation(), StartsWith("FileNotFoundError: "));
-  net.root.write(CIPHERTEXT, ciphertext);
+  net.data.write(CIPHERTEXT, ciphertext);
   EXPECT_THAT(validation(), StartsWith("FileNotFoundError: "));
-  net.root.write(METADATA, shuffle_seed_state::build_shuffle_seed_metadata(manifest_bytes(), ciphertext));
+  net.data.write(METADATA, shuffle_seed_state::build_shuffle_seed_metadata(manifest_bytes(), ciphertext));
   EXPECT_EQ(validation(), "nothing");
   data["version"] = 2;
   EXPECT_THAT(validation(), StartsWith("SyncError: "));
@@ -129,15 +119,16 @@ TEST_F(ShuffleSeedTest, WaitsWhileTheAnswerHasTheWrongLength) {
   const origin::Reply shorter = reply(ciphertext.substr(1));
   net.server.script("/data/shuffle", {shorter, shorter, reply(ciphertext + "x"), reply(ciphertext)});
   EXPECT_TRUE(download());
-  EXPECT_THAT(net.backoff->waits, ElementsAre(1, 2, 3));
-  EXPECT_EQ(net.backoff->events.at(2), "shuffle_seed_download 3 partial_transfer shuffle_seed.enc");
+  EXPECT_THAT(net.backoff.waits(), SizeIs(3));
+  EXPECT_EQ(net.backoff.waits().back(),
+            (RecordedBackoff::Wait{"shuffle_seed_download", 3, "partial_transfer"}));
 }
 
 TEST_F(ShuffleSeedTest, StopEndsTheWaiting) {
   net.server.script("/data/shuffle", {reply("short")});
-  net.backoff->stop_at = 2;
+  const ScopedBackoffContext context({.stop_requested = [this] { return net.backoff.waits().size() == 2; }});
   EXPECT_THROW(download(), SyncBackoffCancelled);
-  EXPECT_EQ(net.requests_for("data/shuffle"), 2u);
+  EXPECT_EQ(net.server.requests("/data/shuffle").size(), 2u);
 }
 
 TEST_F(ShuffleSeedTest, RefusesAnAnswerThatBelongsElsewhereAndWritesNothing) {
@@ -171,11 +162,11 @@ TEST_F(ShuffleSeedTest, RefusesAnAnswerThatBelongsElsewhereAndWritesNothing) {
   };
   for (const auto& item : cases) {
     net.server.script("/data/shuffle", {item.answer});
-    EXPECT_THAT(thrown([&] { download(); }), StartsWith(item.failure));
-    EXPECT_FALSE(net.root.has(CIPHERTEXT));
-    EXPECT_FALSE(net.root.has(METADATA));
+    EXPECT_THAT(failure_of([&] { download(); }), StartsWith(item.failure));
+    EXPECT_FALSE(net.data.has(CIPHERTEXT));
+    EXPECT_FALSE(net.data.has(METADATA));
   }
-  EXPECT_THAT(net.backoff->waits, IsEmpty());
+  EXPECT_THAT(net.backoff.waits(), IsEmpty());
 }
 
 TEST_F(ShuffleSeedTest, AcceptsAnAnswerThatNamesTheKeyOfTheManifestOrNone) {
@@ -185,7 +176,7 @@ TEST_F(ShuffleSeedTest, AcceptsAnAnswerThatNamesTheKeyOfTheManifestOrNone) {
   named.headers.emplace("x-tidalcrest-shuffle-key-generation", " market-era-v1 ");
   named.headers.emplace("x-tidalcrest-shuffle-key-source", "vault");
   for (const origin::Reply& answer : {named, reply(ciphertext)}) {
-    net.root.remove(CIPHERTEXT);
+    net.data.remove(CIPHERTEXT);
     net.server.script("/data/shuffle", {answer});
     EXPECT_TRUE(download());
   }
@@ -194,13 +185,13 @@ TEST_F(ShuffleSeedTest, AcceptsAnAnswerThatNamesTheKeyOfTheManifestOrNone) {
 TEST_F(ShuffleSeedTest, NeedsAWalletSecretOf32Bytes) {
   net.server.script("/data/shuffle", {reply(ciphertext)});
   secret.pop_back();
-  EXPECT_EQ(thrown([&] { download(); }), "SyncError: wallet_secret must be exactly 32 bytes");
+  EXPECT_EQ(failure_of([&] { download(); }), "SyncError: wallet_secret must be exactly 32 bytes");
   net.credentials.set_get_wallet_secret([]() -> std::optional<std::string> { return std::nullopt; });
-  EXPECT_EQ(thrown([&] { download(); }), "SyncError: wallet_secret must be exactly 32 bytes");
+  EXPECT_EQ(failure_of([&] { download(); }), "SyncError: wallet_secret must be exactly 32 bytes");
   net.credentials.set_get_wallet_secret(nullptr);
-  EXPECT_EQ(thrown([&] { download(); }),
+  EXPECT_EQ(failure_of([&] { download(); }),
             "SyncError: wallet_secret supplier is required to authenticate shuffle seed state");
-  EXPECT_FALSE(net.root.has(CIPHERTEXT));
+  EXPECT_FALSE(net.data.has(CIPHERTEXT));
 }
 
 }  // namespace

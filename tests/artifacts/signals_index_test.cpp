@@ -2,12 +2,13 @@
 
 #include <gmock/gmock.h>
 
-#include "artifacts/network_fixture.hpp"
+#include "artifacts/fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using namespace artifacts_testing;
+using namespace testing;
+using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
 constexpr const char* PATH = "signals_index.json";
@@ -31,19 +32,14 @@ Document manifest_declaring(const std::string& body) {
           {"files", {{PATH, entry_for(body, "signals_index")}}}};
 }
 
-TEST(FoundPnlSortKey, PutsTheNewestFirstThenThePath) {
-  EXPECT_LT(_found_pnl_sort_key(2, "b"), _found_pnl_sort_key(1, "a"));
-  EXPECT_LT(_found_pnl_sort_key(1, "a"), _found_pnl_sort_key(1, "b"));
-  EXPECT_THROW(_found_pnl_sort_key(1, "../a"), ManifestError);
-}
-
 TEST(SignalsIndexSections, AreInstalledTogetherOrNotAtAll) {
   const Manifest manifest(Document{{"era_number", 7}});
   SyncResult result;
   EXPECT_THROW(_apply_signal_result_counts(result, manifest), TypeError);
   Document index = index_document();
   index.erase("useful_signals");
-  EXPECT_EQ(thrown([&] { _apply_manifest_signals_index(manifest, index); }), "KeyError: 'useful_signals'");
+  EXPECT_EQ(failure_of([&] { _apply_manifest_signals_index(manifest, index); }),
+            "KeyError: 'useful_signals'");
   index["useful_signals"] = 1;
   EXPECT_THROW(_apply_manifest_signals_index(manifest, index), TypeError);
   EXPECT_EQ(manifest.membership(), nullptr);
@@ -63,11 +59,11 @@ TEST(SignalsIndexBytes, FailInTheWordsOfDownloadsWhenTheyWereDamaged) {
   std::string other = body;
   other.back() = ' ';
   EXPECT_THAT(
-      thrown([&] { _verify_signals_index_bytes(other, manifest); }),
+      failure_of([&] { _verify_signals_index_bytes(other, manifest); }),
       StartsWith("IntegrityError: Checksum failure for signals_index.json: signals_index sidecar sha256"));
-  EXPECT_THAT(thrown([&] { _verify_signals_index_bytes(body + " ", manifest); }),
+  EXPECT_THAT(failure_of([&] { _verify_signals_index_bytes(body + " ", manifest); }),
               StartsWith("IntegrityError: Size failure for signals_index.json: signals_index sidecar size"));
-  EXPECT_THAT(thrown([&] { _validate_signals_index_bytes(body + " ", manifest); }),
+  EXPECT_THAT(failure_of([&] { _validate_signals_index_bytes(body + " ", manifest); }),
               StartsWith("ManifestError: signals_index sidecar size"));
   EXPECT_EQ(manifest.membership(), nullptr);
 
@@ -75,20 +71,20 @@ TEST(SignalsIndexBytes, FailInTheWordsOfDownloadsWhenTheyWereDamaged) {
   wrong_era["era_number"] = 8;
   const std::string wrong_body = dump_json(wrong_era);
   EXPECT_THAT(
-      thrown([&] { _verify_signals_index_bytes(wrong_body, Manifest(manifest_declaring(wrong_body))); }),
+      failure_of([&] { _verify_signals_index_bytes(wrong_body, Manifest(manifest_declaring(wrong_body))); }),
       StartsWith("ManifestError: "));
   EXPECT_EQ(_verify_signals_index_bytes(body, manifest), index_document());
   EXPECT_EQ(manifest.membership()->useful_signals, index_document()["useful_signals"]);
 }
 
 TEST(SignalsIndexOfARoot, IsLoadedOrNamedAsMissing) {
-  const TempRoot root;
+  const TempDir root;
   const std::string body = dump_json(index_document());
   const Manifest manifest(manifest_declaring(body));
-  EXPECT_EQ(thrown([&] { _load_manifest_signals_index(root.path(), manifest); }),
+  EXPECT_EQ(failure_of([&] { _load_manifest_signals_index(root.path(), manifest); }),
             "SyncError: signals_index.json or membership file missing from local sync: signals_index.json");
   root.write(PATH, body + " ");
-  EXPECT_THAT(thrown([&] { _load_manifest_signals_index(root.path(), manifest); }),
+  EXPECT_THAT(failure_of([&] { _load_manifest_signals_index(root.path(), manifest); }),
               StartsWith("SyncError: Unable to load authenticated accepted set: signals_index sidecar size"));
   root.write(PATH, body);
   EXPECT_TRUE(_load_manifest_signals_index(root.path(), manifest));
@@ -104,7 +100,7 @@ class SignalsIndexDownloadTest : public ::testing::Test {
   }
 
   Network net;
-  SignalsIndex signals_index{net.root.path(), net.downloader, net.hash_cache, net.guard};
+  SignalsIndex signals_index{net.data.path(), net.downloader, net.hash_cache, net.guard};
   const std::string body = dump_json(index_document());
 };
 
@@ -113,48 +109,35 @@ TEST_F(SignalsIndexDownloadTest, FetchesWhatIsNotThereAndReplacesWhatIsDamaged) 
   SyncResult result;
   for (const bool damaged : {false, true}) {
     const Manifest manifest = manifest_for(body);
-    if (damaged) net.root.write(PATH, std::string(body.size(), 'x'));
+    if (damaged) net.data.write(PATH, std::string(body.size(), 'x'));
     EXPECT_TRUE(signals_index._download_signals_index(manifest, {}, &result));
-    EXPECT_EQ(net.root.read(PATH), body);
+    EXPECT_EQ(net.data.read(PATH), body);
     EXPECT_NE(manifest.membership(), nullptr);
   }
   EXPECT_EQ(result.bytes_downloaded, static_cast<std::int64_t>(2 * body.size()));
   EXPECT_FALSE(signals_index._download_signals_index(manifest_for(body), {}, &result));
-  EXPECT_EQ(net.requests_for(PATH), 2u);
+  EXPECT_EQ(net.server.requests("/signals_index.json").size(), 2u);
 }
 
 TEST_F(SignalsIndexDownloadTest, DoesNotAskAgainForDeclaredBytesThatAreRefused) {
-  net.root.write(PATH, "{}");
-  EXPECT_THAT(thrown([&] { signals_index._download_signals_index(manifest_for("{}")); }),
+  net.data.write(PATH, "{}");
+  EXPECT_THAT(failure_of([&] { signals_index._download_signals_index(manifest_for("{}")); }),
               StartsWith("ManifestError: signals_index schema_version"));
-  EXPECT_EQ(net.requests_for(PATH), 0u);
-}
-
-TEST_F(SignalsIndexDownloadTest, NeedsADeclaration) {
-  EXPECT_THAT(thrown([&] {
-                signals_index._download_signals_index(Manifest(Document{{"era_number", 7}}));
-              }),
-              StartsWith("ManifestError: Invalid manifest file path None: "));
+  EXPECT_EQ(net.server.requests("/signals_index.json").size(), 0u);
 }
 
 TEST_F(SignalsIndexDownloadTest, RecordsAnUpdateForTheGuardAndTheCache) {
-  struct Guard : RuntimeFreshnessGuard {
-    void record_sync_update(const std::string& path, const std::string& kind,
-                            const std::string& sha256) override {
-      seen = path + " " + kind + " " + sha256;
-    }
-    std::string seen;
-  };
-  const auto guard = std::make_shared<Guard>();
+  const auto guard = std::make_shared<RecordingGuard>();
   net.guard.set(guard);
-  net.root.write("sub/index.json", body);
+  net.data.write("sub/index.json", body);
   const std::string sha = sha256_hex(body);
   Document update = {{"relative_path", "sub/index.json"}, {"sha256", sha}};
-  EXPECT_EQ(thrown([&] { signals_index._record_signals_index_update(update); }), "KeyError: 'local_path'");
-  update["local_path"] = net.root.path() + "/sub/index.json";
+  EXPECT_EQ(failure_of([&] { signals_index._record_signals_index_update(update); }),
+            "KeyError: 'local_path'");
+  update["local_path"] = net.data.path() + "/sub/index.json";
   signals_index._record_signals_index_update(update);
-  EXPECT_EQ(guard->seen, "sub/index.json signals_index " + sha);
-  const client_manifest::PinnedRoot root(net.root.path());
+  EXPECT_THAT(guard->updates, ElementsAre("sub/index.json signals_index " + sha));
+  const client_manifest::PinnedRoot root(net.data.path());
   EXPECT_EQ(net.hash_cache._cached_local_sha("sub/index.json",
                                              root.stat_regular_file("sub/index.json", "test"), sha),
             sha);

@@ -8,7 +8,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-using namespace artifacts_testing;
+using namespace testing;
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
@@ -28,10 +28,11 @@ TEST(RetiredTokens, AreReportedOnceAndOnlyFromTheScannedSections) {
            "; regenerate the era distribution with DB-token vocabulary";
   };
   for (int i = 3; i <= 5; ++i) vocabulary["aggregations"]["fn_" + std::to_string(i)] = 0;
-  EXPECT_EQ(thrown([&] { _validate_no_retired_function_tokens(vocabulary); }),
+  EXPECT_EQ(failure_of([&] { _validate_no_retired_function_tokens(vocabulary); }),
             message("FN_2, fn_1, fn_2, fn_3, fn_4 (+1 more)"));
   vocabulary.erase("aggregations");
-  EXPECT_EQ(thrown([&] { _validate_no_retired_function_tokens(vocabulary); }), message("FN_2, fn_1, fn_2"));
+  EXPECT_EQ(failure_of([&] { _validate_no_retired_function_tokens(vocabulary); }),
+            message("FN_2, fn_1, fn_2"));
 }
 
 TEST(VocabularyData, IsTestedInOrder) {
@@ -61,15 +62,15 @@ TEST(VocabularyData, IsTestedInOrder) {
   Document vocabulary = vocabulary_document("u1");
   for (const auto& step : steps) {
     step.breaks(vocabulary);
-    EXPECT_EQ(thrown([&] { _validate_vocabulary_data(vocabulary, 7, "u1"); }), step.failure);
+    EXPECT_EQ(failure_of([&] { _validate_vocabulary_data(vocabulary, 7, "u1"); }), step.failure);
   }
 }
 
 TEST(VocabularyData, TakesItsOwnUniverseWhenNoneIsGiven) {
   EXPECT_EQ(_validate_vocabulary_data(vocabulary_document("u1"), 7), vocabulary_document("u1"));
-  EXPECT_EQ(thrown([] { _validate_vocabulary_data(vocabulary_document(".."), 7); }),
+  EXPECT_EQ(failure_of([] { _validate_vocabulary_data(vocabulary_document(".."), 7); }),
             "SyncError: named_universe must be a single safe path segment: '..'");
-  EXPECT_EQ(thrown([] { _validate_vocabulary_data(vocabulary_document(" "), 7); }),
+  EXPECT_EQ(failure_of([] { _validate_vocabulary_data(vocabulary_document(" "), 7); }),
             "SyncError: named_universe is required");
 }
 
@@ -93,7 +94,7 @@ TEST(VocabularyPath, MissesWhatIsNoneAndRefusesAnUnsafeUniverse) {
                                  "named_universes/a b/vocabulary.json", "x/u1/vocabulary.json"}) {
     EXPECT_EQ(_vocabulary_named_universe_from_path(path), std::nullopt) << path;
   }
-  EXPECT_EQ(thrown([] { _vocabulary_named_universe_from_path("named_universes/.u/vocabulary.json"); }),
+  EXPECT_EQ(failure_of([] { _vocabulary_named_universe_from_path("named_universes/.u/vocabulary.json"); }),
             "SyncError: named_universe must be a single safe path segment: '.u'");
 }
 
@@ -115,7 +116,7 @@ class VocabularyRootTest : public ::testing::Test {
     return _validate_manifest_vocabulary_files(root.path(), Manifest(manifest));
   }
 
-  TempRoot root;
+  TempDir root;
   Document manifest = {{"era_number", 7}, {"functions", "functions.json"}, {"files", Document::object()}};
 };
 
@@ -133,21 +134,22 @@ TEST_F(VocabularyRootTest, NamesWhatIsWrongWithIt) {
   const std::string good = root.read(path);
 
   put(path, dump_json(vocabulary_document("u2")), "vocabulary");
-  EXPECT_EQ(thrown([&] { validate(); }),
+  EXPECT_EQ(failure_of([&] { validate(); }),
             "SyncError: vocabulary.json named_universe does not match manifest path 'u1'");
   root.write(path, good);
-  EXPECT_EQ(thrown([&] { validate(); }), "IntegrityError: " + path + " sha256 mismatch");
+  EXPECT_EQ(failure_of([&] { validate(); }), "IntegrityError: " + path + " sha256 mismatch");
   manifest["files"][path]["sha256"] = nullptr;
-  EXPECT_EQ(thrown([&] { validate(); }), "SyncError: manifest files[\"" + path + "\"].sha256 is required");
+  EXPECT_EQ(failure_of([&] { validate(); }),
+            "SyncError: manifest files[\"" + path + "\"].sha256 is required");
   root.remove(path);
-  EXPECT_EQ(thrown([&] { validate(); }), "SyncError: vocabulary.json is missing");
+  EXPECT_EQ(failure_of([&] { validate(); }), "SyncError: vocabulary.json is missing");
   root.write(path + "/inside", "a directory in the place of the file");
-  EXPECT_THAT(thrown([&] { validate(); }), StartsWith("SyncError: vocabulary.json is not readable: "));
+  EXPECT_THAT(failure_of([&] { validate(); }), StartsWith("SyncError: vocabulary.json is not readable: "));
   root.remove("functions.json");
-  EXPECT_EQ(thrown([&] { validate(); }), "SyncError: functions.json is missing: functions.json");
+  EXPECT_EQ(failure_of([&] { validate(); }), "SyncError: functions.json is missing: functions.json");
   manifest["files"].erase(path);
   manifest["files"].erase(vocabulary_path("u2"));
-  EXPECT_EQ(thrown([&] { validate(); }),
+  EXPECT_EQ(failure_of([&] { validate(); }),
             "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 

@@ -123,14 +123,5 @@ TEST_F(SalvageTest, AttemptsThatEndEarlyLeaveOneCopyOfEachMember) {
   EXPECT_FALSE(data.has(".tidalcrest-cohorts/.leftover-d"));
 }
 
-TEST_F(SalvageTest, RepairNeverTakesAForcedMemberFromALeftover) {
-  origin.publish(distribution());
-  const auto manager = make_manager();
-  manager->sync();
-  origin.forget_requests();
-  manager->repair({path_of(1)});
-  EXPECT_THAT(origin.resources_asked("reference/*"), ElementsAre(path_of(1)));
-}
-
 }  // namespace
 }  // namespace tidalcrest::sync

@@ -8,6 +8,7 @@
 #include "core/registry.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "siblings/telemetry/logging_style.hpp"
+#include "support/eventually.hpp"
 #include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
@@ -17,21 +18,9 @@ namespace {
 using namespace std::chrono_literals;
 using origin::Fault;
 using ::testing::ElementsAre;
+using testing::eventually;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-template <class Condition>
-bool eventually(Condition condition) {
-  for (int i = 0; i < 5000 && !condition(); ++i) std::this_thread::sleep_for(1ms);
-  return condition();
-}
-
-std::size_t entries_of(const char* directory) {
-  std::size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    count += entry.path().empty() ? 0 : 1;
-  return count;
-}
 
 // Managers with real threads between a data directory and an origin.
 class LifecycleTest : public testing::SyncFixture {
@@ -175,35 +164,6 @@ TEST_F(LifecycleTest, StopsSoonDuringEveryWait) {
   }
 }
 
-TEST_F(LifecycleTest, LeavesNoThreadAndNoDescriptorBehind) {
-  origin.publish(small_distribution());
-  const auto run = [&] {
-    const testing::TempDir directory;
-    auto wanted = options();
-    wanted.data_dir = directory.path();
-    wanted.poll_interval_s = 0.005;
-    auto manager = std::make_unique<SyncManager>(wanted, seams);
-    manager->acquire();
-    EXPECT_TRUE(eventually([&] { return manager->get_manifest() != nullptr; }));
-    manager->report_corruption("reference/calendar.bin");
-    manager->_schedule_cleanup_old_eras();
-    manager.reset();  // a destructor stops what runs
-  };
-  run();  // what a process keeps for good is there now
-  const auto settled = [&](std::size_t threads, std::size_t descriptors) {
-    return eventually([&] {
-      return entries_of("/proc/self/task") <= threads && entries_of("/proc/self/fd") <= descriptors;
-    });
-  };
-  std::this_thread::sleep_for(100ms);
-  const std::size_t threads = entries_of("/proc/self/task");
-  const std::size_t descriptors = entries_of("/proc/self/fd");
-  for (int i = 0; i < 3; ++i) run();
-  EXPECT_TRUE(settled(threads, descriptors))
-      << entries_of("/proc/self/task") << " of " << threads << " threads, " << entries_of("/proc/self/fd")
-      << " of " << descriptors << " descriptors";
-}
-
 // The last reference goes with the release, on the era thread, inside a callback of the transition.
 TEST_F(LifecycleTest, MayBeReleasedForGoodFromAnEraCallback) {
   origin.publish(small_distribution());
@@ -253,17 +213,6 @@ TEST_F(LifecycleTest, TellsSearchesOfEraZeroWithoutAManifest) {
   manager->acquire();
   EXPECT_TRUE(killed.wait_for(5s));
   manager->release();
-}
-
-TEST_F(LifecycleTest, LetsAMonitorOutliveItsManager) {
-  origin.publish(small_distribution());
-  auto manager = make_manager();
-  EraThread era_thread(
-      origin.server_url(), [this] { return origin.token(); }, *manager, 0.01);
-  era_thread.start();
-  EXPECT_TRUE(eventually([&] { return monitors(); }));
-  manager.reset();
-  EXPECT_TRUE(eventually([&] { return !era_thread.is_alive(); }));
 }
 
 // The bounds of a stop, with threads that do not obey.

@@ -61,16 +61,8 @@ class FileDownloaderTest : public DownloadFixture {
   int _cases = 0;
 };
 
-struct Guard : RuntimeFreshnessGuard {
-  void record_sync_update(const std::string& path, const std::string& kind,
-                          const std::string& sha256) override {
-    updates.push_back(path + " " + kind + " " + sha256);
-  }
-  std::vector<std::string> updates;
-};
-
 TEST_F(FileDownloaderTest, PublishesOneProvenFileAndTellsEveryoneOfIt) {
-  const auto runtime_guard = std::make_shared<Guard>();
+  const auto runtime_guard = std::make_shared<RecordingGuard>();
   guard.set(runtime_guard);
   server.script(url_path("u1/a.arrow"), {whole(SMALL)});
   server.script(url_path("u1/found.arrow"), {whole(SMALL)});
@@ -95,7 +87,7 @@ TEST_F(FileDownloaderTest, PublishesOneProvenFileAndTellsEveryoneOfIt) {
 }
 
 TEST_F(FileDownloaderTest, LeavesGuardAndCacheAloneOutsideTheDataDirectory) {
-  const auto runtime_guard = std::make_shared<Guard>();
+  const auto runtime_guard = std::make_shared<RecordingGuard>();
   guard.set(runtime_guard);
   options.target_data_dir = data.path("generation");
   server.script(url_path("a.arrow"), {whole(SMALL)});
@@ -291,7 +283,7 @@ TEST_F(FileDownloaderTest, StopsRepairsThatBringNoMoreBytes) {
     EXPECT_EQ(ranges_asked(path).size(), item.requests);
     EXPECT_EQ(backoff.waits().size() - waits_before, item.requests - 1);
     EXPECT_FALSE(data.has(path + ".tmp"));
-    const auto exhausted = events.of_type("checksum_repair_exhausted").back();
+    const auto exhausted = log.events("checksum_repair_exhausted").back();
     EXPECT_EQ(exhausted.at("reason"), item.event_reason);
     EXPECT_EQ(exhausted.at("count"), item.requests);
   }
@@ -321,7 +313,7 @@ TEST_F(FileDownloaderTest, AbandonsAFileOfASupersededManifest) {
         "ManifestSupersededError: Manifest advanced while downloading " + path + "; refreshing before retry");
     ASSERT_TRUE(data.has(path + ".tmp"));
     EXPECT_EQ(data.read(path + ".tmp"), "");
-    const auto event = events.of_type("manifest_superseded").back();
+    const auto event = log.events("manifest_superseded").back();
     EXPECT_EQ(event.at("reason"), item.reason);
     EXPECT_EQ(event.at("manifest_version"), 10);
     EXPECT_EQ(event.at("manifest_era_number"), 5);
@@ -338,14 +330,14 @@ TEST_F(FileDownloaderTest, LogsResumesAndResets) {
   std::vector<double> told;
   options.retry_status_callback = [&told](double wait_s) { told.push_back(wait_s); };
   download(path, entry_for(LARGE));
-  const auto resumes = events.of_type("range_resume");
+  const auto resumes = log.events("range_resume");
   ASSERT_THAT(resumes, SizeIs(1));
   EXPECT_EQ(resumes[0], (Document{{"event_type", "range_resume"},
                                   {"file", path},
                                   {"count", 1},
                                   {"reason", "partial_tmp"},
                                   {"bytes_existing", 60}}));
-  const auto resets = events.of_type("range_resume_reset");
+  const auto resets = log.events("range_resume_reset");
   ASSERT_THAT(resets, SizeIs(1));
   EXPECT_EQ(resets[0], (Document{{"event_type", "range_resume_reset"},
                                  {"file", path},
@@ -426,75 +418,6 @@ TEST_F(FileDownloaderTest, NeverRepeatsALocalFailure) {
   options.target_data_dir = data.path("elsewhere");  // a file where a root should be
   EXPECT_THAT(boundary_failure("a.bin"), StartsWith("SyncError: Unsafe local download boundary for a.bin: "));
   EXPECT_THAT(backoff.waits(), IsEmpty());
-}
-
-TEST_F(FileDownloaderTest, IsNotDisturbedByAFailingDisplay) {
-  progress->on_staged = [](std::int64_t) { throw std::string("broken terminal"); };
-  const std::string path = prepare("", {whole(SMALL)});
-  download(path, entry_for(SMALL));
-  EXPECT_EQ(data.read(path), SMALL);
-}
-
-// --- A process that dies in the middle: the test starts itself once more to be killed. ---
-
-constexpr const char* KILLED_ORIGIN = "TIDALCREST_TEST_KILLED_ORIGIN";
-constexpr const char* KILLED_DIRECTORY = "TIDALCREST_TEST_KILLED_DIRECTORY";
-constexpr std::int64_t KILLED_AT = 65536;  // one read of the response
-constexpr std::int64_t KILLED_CHUNK = 100000;
-const std::string KILLED_FILE = pattern_bytes(200000);
-
-TEST(KilledProcess, DISABLED_DownloadsUntilItDies) {
-  const char* origin_url = std::getenv(KILLED_ORIGIN);
-  const char* directory = std::getenv(KILLED_DIRECTORY);
-  ASSERT_TRUE(origin_url != nullptr && directory != nullptr);
-  struct Deadly : SyncProgress {
-    void on_bytes(std::int64_t count) override {
-      staged += count;
-      if (staged >= KILLED_AT) raise(SIGKILL);
-    }
-    std::int64_t staged = 0;
-  };
-  const Seams seams = Seams::real();
-  const Credentials credentials;
-  const RuntimeKnobs knobs("urllib", KILLED_CHUNK, nullptr);
-  HttpClient client(seams);
-  const ManagerHttp http(client, credentials, knobs);
-  const ActiveViewHolder active(std::make_shared<ActiveView>());
-  const SupersedeProbe probe(http, active, origin_url, 1);
-  HashCache hash_cache(directory);
-  const FreshnessGuardHolder guard;
-  const FileDownloader downloader(directory, origin_url, http, probe, active, hash_cache, guard,
-                                  std::make_shared<Deadly>(), seams);
-  SyncResult result;
-  const Document file_info = DownloadFixture::entry_for(KILLED_FILE);
-  downloader._download_file({"a.bin", &file_info}, result,
-                            {.generation = {std::string(origin_url) + "/data/releases", {}, {}}});
-}
-
-TEST_F(FileDownloaderTest, ResumesWhereAKilledProcessWas) {
-  server.serve(url_path("a.bin"), KILLED_FILE);
-  knobs.set(nullptr, KILLED_CHUNK, nullptr);
-  const std::string origin_url = server.url();
-  const std::string directory = data.path();
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    setenv(KILLED_ORIGIN, origin_url.c_str(), 1);
-    setenv(KILLED_DIRECTORY, directory.c_str(), 1);
-    execl("/proc/self/exe", "download_tests", "--gtest_also_run_disabled_tests",
-          "--gtest_filter=KilledProcess.DISABLED_DownloadsUntilItDies", nullptr);
-    _exit(1);
-  }
-  int end = 0;
-  ASSERT_EQ(waitpid(child, &end, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(end) && WTERMSIG(end) == SIGKILL);
-
-  EXPECT_EQ(data.read("a.bin.tmp"), KILLED_FILE.substr(0, KILLED_AT));
-  download("a.bin", entry_for(KILLED_FILE));
-  EXPECT_EQ(data.read("a.bin"), KILLED_FILE);
-  EXPECT_EQ(ranges_asked("a.bin"), (Ranges{"", "bytes=65536-165535", "bytes=165536-199999"}));
-  EXPECT_EQ(result.bytes_downloaded, 200000);
-  EXPECT_THAT(events.of_type("range_resume"), SizeIs(1));
 }
 
 }  // namespace

@@ -84,13 +84,5 @@ TEST(ChildProcess, KeepsItsOutputsApartWhereTheHostHasClosedItsOwn) {
   EXPECT_EQ(dir.read("out"), "out\n");
 }
 
-TEST(ChildProcess, IsWaitedForAlsoWhereTheHostReapsEveryChild) {
-  const auto before = signal(SIGCHLD, SIG_IGN);
-  const ScopeExit restored([&] { signal(SIGCHLD, before); });
-  const ChildResult ended = run_script("echo out; exit 7");
-  EXPECT_EQ(ended.standard_output, "out\n");
-  EXPECT_TRUE(ended.exit_code_is_lost);
-}
-
 }  // namespace
 }  // namespace tidalcrest::sync

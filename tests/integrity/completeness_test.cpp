@@ -1,29 +1,22 @@
 #include "integrity/completeness.hpp"
 
-#include "artifacts/network_fixture.hpp"
+#include "artifacts/fixture.hpp"
 #include "artifacts/shuffle_seed.hpp"
-#include "build_paths.hpp"
+#include "origin/generated_bytes.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "tidalcrest/sync/rotation.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using namespace artifacts_testing;
-
-std::string unhex(const std::string& digits) {
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
+using namespace testing;
 
 // A flat root with one member of each sort, and the view that names it.
 class LocalCompletenessTest : public ::testing::Test {
  protected:
   LocalCompletenessTest() {
-    net.credentials.set_get_wallet_secret([this] { return std::optional(unhex(vector["wallet_secret"])); });
+    net.credentials.set_get_wallet_secret(
+        [this] { return std::optional(origin::from_hex(vector["wallet_secret"])); });
     put(vocabulary_path("u1"), dump_json(vocabulary_document("u1")), "vocabulary");
     put("functions.json", R"({"era_number": 7})", "functions");
     put("features/a.arrow", "feature a", "feature");
@@ -33,7 +26,7 @@ class LocalCompletenessTest : public ::testing::Test {
     data["files"]["modules/elsewhere.so"] = {{"kind", "vault_module"}, {"platform", "elsewhere"}};
   }
   void put(const std::string& path, const std::string& bytes, const std::string& kind) {
-    net.root.write(path, bytes);
+    net.data.write(path, bytes);
     data["files"][path] = entry_for(bytes, kind);
   }
   void put_signals_index(int era_number) {
@@ -43,22 +36,22 @@ class LocalCompletenessTest : public ::testing::Test {
     put("signals_index.json", dump_json(index), "signals_index");
   }
   void put_seed(const std::string& manifest_bytes) {
-    const std::string ciphertext = unhex(vector["ciphertext"]);
-    net.root.write("shuffle_seed.enc", ciphertext);
-    net.root.write("shuffle_seed.enc.meta.json",
+    const std::string ciphertext = origin::from_hex(vector["ciphertext"]);
+    net.data.write("shuffle_seed.enc", ciphertext);
+    net.data.write("shuffle_seed.enc.meta.json",
                    shuffle_seed_state::build_shuffle_seed_metadata(manifest_bytes, ciphertext));
   }
   bool complete(const RotationState* state = nullptr) {
     const auto bytes = std::make_shared<const std::string>(dump_json(data));
     if (with_seed) put_seed(*bytes);
     ActiveView view;
-    view.data_dir = net.root.path();
+    view.data_dir = net.data.path();
     if (with_bytes) view.manifest_bytes = bytes;
     return test._local_manifest_files_complete(view, Manifest(data), state);
   }
 
   // The vector of market 1 and era 7.
-  const Document vector = parse_json(read_file(TIDALCREST_TEST_DATA "/shuffle_seed.json"))["vectors"][1];
+  const Document vector = seed_vector(1);
   Document data = {{"era_number", 7},
                    {"market_id", 1},
                    {"functions", "functions.json"},
@@ -69,22 +62,21 @@ class LocalCompletenessTest : public ::testing::Test {
   Network net;
   ShuffleSeed seed{net.server.url(), net.http, net.active, net.seams};
   CompletenessTest test{net.hash_cache, seed};
-  const Warnings warnings;
 };
 
 TEST_F(LocalCompletenessTest, AsksForEveryProof) {
   EXPECT_TRUE(complete());
   EXPECT_TRUE(complete());  // now from the cache
 
-  net.root.remove("features/b.arrow");
+  net.data.remove("features/b.arrow");
   EXPECT_FALSE(complete());
-  net.root.write("features/b.arrow", "feature B");
+  net.data.write("features/b.arrow", "feature B");
   EXPECT_FALSE(complete());
-  net.root.write("features/b.arrow", "feature b");
+  net.data.write("features/b.arrow", "feature b");
 
-  net.root.write(vocabulary_path("u1"), "{}");
+  net.data.write(vocabulary_path("u1"), "{}");
   EXPECT_FALSE(complete());
-  net.root.write(vocabulary_path("u1"), dump_json(vocabulary_document("u1")));
+  net.data.write(vocabulary_path("u1"), dump_json(vocabulary_document("u1")));
 
   put_signals_index(8);  // as declared, but of another era
   EXPECT_FALSE(complete());
@@ -94,20 +86,20 @@ TEST_F(LocalCompletenessTest, AsksForEveryProof) {
   put_seed(R"({"era_number": 7, "market_id": 1})");  // of another manifest
   with_seed = false;
   EXPECT_FALSE(complete());
-  net.root.remove("shuffle_seed.enc");
+  net.data.remove("shuffle_seed.enc");
   EXPECT_FALSE(complete());
   with_seed = true;
   with_bytes = false;
   EXPECT_FALSE(complete());
-  EXPECT_TRUE(warnings.messages().empty());
+  EXPECT_TRUE(net.log.lines(LogLevel::warning).empty());
 }
 
 TEST_F(LocalCompletenessTest, ARotationStateLimitsItToItsMembers) {
   RotationState state;
   state.active_relative_paths = {"features/a.arrow", "modules/elsewhere.so"};
-  net.root.remove("features/b.arrow");
-  net.root.remove(vocabulary_path("u1"));
-  net.root.remove("signals_index.json");
+  net.data.remove("features/b.arrow");
+  net.data.remove(vocabulary_path("u1"));
+  net.data.remove("signals_index.json");
   EXPECT_TRUE(complete(&state));
   state.active_relative_paths.push_back("features/b.arrow");
   EXPECT_FALSE(complete(&state));
@@ -120,8 +112,8 @@ TEST_F(LocalCompletenessTest, HashesModulesInFull) {
   const std::string module = "modules/vault-" + CURRENT_PLATFORM + ".so";
   const auto lie_about = [&](const std::string& path, std::size_t size) {
     const std::string changed(size, '?');
-    net.root.write(path, changed);
-    net.hash_cache._remember_local_sha(net.root.path(), path, data["files"][path]["sha256"]);
+    net.data.write(path, changed);
+    net.hash_cache._remember_local_sha(net.data.path(), path, data["files"][path]["sha256"]);
   };
   lie_about("features/a.arrow", 9);
   EXPECT_TRUE(complete());

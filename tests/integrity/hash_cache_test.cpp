@@ -6,8 +6,8 @@
 #include "host/digest.hpp"
 #include "host/json.hpp"
 #include "support/failure_text.hpp"
+#include "support/log_capture.hpp"
 #include "support/temp_dir.hpp"
-#include "tidalcrest/sync/log.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -17,6 +17,7 @@ using client_manifest::FileIdentity;
 using client_manifest::FileStat;
 using client_manifest::PinnedRoot;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
@@ -26,16 +27,8 @@ constexpr FileStat STAT{.size_bytes = 1, .mtime_ns = 2, .ctime_ns = 3, .device =
 
 class HashCacheTest : public ::testing::Test {
  protected:
-  HashCacheTest() {
-    set_log_sink([this](const LogRecord& record) { log.push_back(record.message); });
-  }
-  ~HashCacheTest() override { set_log_sink({}); }
-
-  void write_cache(const std::string& text) const { data.write(SYNC_HASH_CACHE_FILENAME, text); }
-  std::string cache_text() const { return data.read(SYNC_HASH_CACHE_FILENAME); }
-
   TempDir data;
-  std::vector<std::string> log;
+  LogCapture log;
 };
 
 TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
@@ -47,9 +40,9 @@ TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
   cache._remember_local_sha("no digest", FileIdentity{STAT, "short"});
   cache._persist_hash_cache();
   const std::string stat = R"("ctime_ns": 3, "device": 4, "inode": 5, "mtime_ns": 2, )";
-  EXPECT_EQ(cache_text(), "{\"files\": {\"a\": {" + stat + "\"sha256\": \"" + SHA_A +
-                              "\", \"size_bytes\": 1}, " + "\"z/b\": {" + stat + "\"sha256\": \"" + SHA_B +
-                              "\", \"size_bytes\": 1}}, \"version\": 2}");
+  EXPECT_EQ(data.read(SYNC_HASH_CACHE_FILENAME),
+            "{\"files\": {\"a\": {" + stat + "\"sha256\": \"" + SHA_A + "\", \"size_bytes\": 1}, " +
+                "\"z/b\": {" + stat + "\"sha256\": \"" + SHA_B + "\", \"size_bytes\": 1}}, \"version\": 2}");
 
   const HashCache again(data.path());
   EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_B), SHA_B);
@@ -69,7 +62,7 @@ TEST_F(HashCacheTest, WritesOnlyWhatHasChangedAndTriesAgainAfterAFailure) {
   cache._remember_local_sha("a", FileIdentity{STAT, SHA_A});
   data.write(std::string(SYNC_HASH_CACHE_FILENAME) + "/in the way", "");
   cache._persist_hash_cache();
-  EXPECT_THAT(log, ElementsAre(StartsWith("Failed to persist sync hash cache: ")));
+  EXPECT_THAT(log.lines(), ElementsAre(HasSubstr("Failed to persist sync hash cache: ")));
   data.remove(SYNC_HASH_CACHE_FILENAME);
   cache._persist_hash_cache();
   EXPECT_TRUE(data.has(SYNC_HASH_CACHE_FILENAME));
@@ -83,49 +76,9 @@ TEST_F(HashCacheTest, WritesOnlyWhatHasChangedAndTriesAgainAfterAFailure) {
   EXPECT_TRUE(data.has(SYNC_HASH_CACHE_FILENAME));
 }
 
-TEST_F(HashCacheTest, ReadsADamagedFileAsAColdMiss) {
-  const std::string good = R"({"ctime_ns": 3, "device": 4, "inode": "5", "mtime_ns": 2, "sha256": ")" +
-                           SHA_A + R"(", "size_bytes": 1})";
-  const auto with_entry = [](const std::string& entry) {
-    return R"({"version": 2, "files": {"x": "text", "y": [{"a": 1}], "a": )" + entry + "}}";
-  };
-  struct Case {
-    const char* label;
-    std::string text;
-    bool hit;
-    std::size_t warnings;
-  };
-  const Case cases[] = {
-      {"good, others dropped", with_entry(good), true, 0},
-      {"more members", with_entry(R"({"extra": {"deep": [1]}, )" + good.substr(1)), true, 0},
-      {"version last", R"({"more": [{}], "files": {"a": )" + good + R"(}, "version": 2.0})", true, 0},
-      {"the last of two wins", R"({"version": 2, "files": {"a": 1, "a": )" + good + "}}", true, 0},
-      {"the last of two is none", R"({"version": 2, "files": {"a": )" + good + R"(, "a": null}})", false, 0},
-      {"the last files are none", R"({"files": {"a": )" + good + R"(}, "version": 2, "files": []})", false,
-       0},
-      {"a member is missing", with_entry(R"({"sha256": ")" + SHA_A + "\"}"), false, 0},
-      {"a member is no number", with_entry(R"({"device": [4], )" + good.substr(good.find("\"inode"))), false,
-       0},
-      {"another version", R"({"version": 1, "files": {"a": )" + good + "}}", false, 0},
-      {"no version", R"({"files": {"a": )" + good + "}}", false, 0},
-      {"a list", "[" + with_entry(good) + "]", false, 0},
-      {"not JSON", with_entry(good) + "}", false, 1},
-      {"not text", "\xff", false, 1},
-  };
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.label);
-    log.clear();
-    write_cache(item.text);
-    const HashCache cache(data.path());
-    EXPECT_EQ(cache._cached_local_sha("a", STAT, SHA_A).has_value(), item.hit);
-    EXPECT_EQ(log.size(), item.warnings);
-    for (const auto& line : log) EXPECT_THAT(line, StartsWith("Ignoring unreadable sync hash cache: "));
-  }
-}
-
 // A text in the form that the cache writes is read directly. Whatever differs from it, if only by a blank,
 // must be read to the same end.
-TEST_F(HashCacheTest, ReadsItsOwnFormAsItReadsAnyOther) {
+TEST_F(HashCacheTest, ReadsEveryFormOfTheFileAndADamagedOneAsAColdMiss) {
   const auto entry = [](const std::string& path, const std::string& sha256, const std::string& inode) {
     return "\"" + path + R"(": {"ctime_ns": 3, "device": 4, "inode": )" + inode +
            R"(, "mtime_ns": 2, "sha256": ")" + sha256 + R"(", "size_bytes": 1})";
@@ -143,26 +96,40 @@ TEST_F(HashCacheTest, ReadsItsOwnFormAsItReadsAnyOther) {
   const Case cases[] = {
       {"own form", text(own + ", " + entry("b", SHA_B, "6")), SHA_A, 0},
       {"one more blank", text(own) + " ", SHA_A, 0},
+      {"version first, others dropped",
+       R"({"version": 2.0, "more": [{}], "files": {"x": 1, "y": [{"a": 1}], )" + own + "}}", SHA_A, 0},
       {"the last of two wins", text(own + ", " + entry("a", SHA_B, "5")), SHA_B, 0},
+      {"the last of two is none", text(own + R"(, "a": null)"), std::nullopt, 0},
+      {"the last files are none", R"({"files": {)" + own + R"(}, "version": 2, "files": []})", std::nullopt,
+       0},
+      {"more members", text(R"("a": {"extra": {"deep": [1]}, )" + own.substr(6)), SHA_A, 0},
       {"escaped path", text(entry("\\u0061", SHA_A, "5")), SHA_A, 0},
+      {"number as text", text(entry("a", SHA_A, "\"5\"")), SHA_A, 0},
       {"fraction", text(entry("a", SHA_A, "5.0")), SHA_A, 0},
+      {"a member is no number", text(entry("a", SHA_A, "[5]")), std::nullopt, 0},
+      {"a member is missing", text(R"("a": {"sha256": ")" + SHA_A + "\"}"), std::nullopt, 0},
       {"number too large", text(entry("a", SHA_A, "99999999999999999999")), std::nullopt, 0},
       {"leading zero", text(entry("a", SHA_A, "05")), std::nullopt, 1},
       {"digest that is none", text(entry("a", "short", "5")), std::nullopt, 0},
       {"another version", R"({"files": {)" + own + R"(}, "version": 3})", std::nullopt, 0},
+      {"no version", R"({"files": {)" + own + "}}", std::nullopt, 0},
+      {"a list", "[" + text(own) + "]", std::nullopt, 0},
       {"text after the end", text(own) + "}", std::nullopt, 1},
       {"cut in an entry", text(own).substr(0, 40), std::nullopt, 1},
       {"cut in a number", text(own).substr(0, 27), std::nullopt, 1},
+      {"not text", "\xff", std::nullopt, 1},
       {"no entry", text(""), std::nullopt, 0},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.label);
     log.clear();
-    write_cache(item.text);
+    data.write(SYNC_HASH_CACHE_FILENAME, item.text);
     const HashCache cache(data.path());
     for (const auto& sha256 : {SHA_A, SHA_B})
       EXPECT_EQ(cache._cached_local_sha("a", STAT, sha256).has_value(), item.found == sha256);
-    EXPECT_EQ(log.size(), item.warnings);
+    EXPECT_EQ(log.lines().size(), item.warnings);
+    for (const auto& line : log.lines())
+      EXPECT_THAT(line, HasSubstr("Ignoring unreadable sync hash cache: "));
   }
 }
 
@@ -225,7 +192,7 @@ TEST_F(HashCacheTest, AnswersFromTheCacheWithoutReadingTheFile) {
   EXPECT_FALSE(cache._local_file_matches_manifest(root, "a", lie));
 
   cache._remember_local_sha(data.path(), "missing", SHA_A);  // remembers nothing, fails nothing
-  EXPECT_THAT(log, IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 }  // namespace

@@ -69,14 +69,5 @@ TEST(FileUrl, ComesFromThePublicOriginOnly) {
               StartsWith("ManifestError: Invalid manifest file path '../a': "));
 }
 
-TEST(EraDirectories, AreNumberedInTwoForms) {
-  EXPECT_EQ(_parse_era_directory_id("era_12"), 12);
-  EXPECT_EQ(_parse_era_directory_id("era12"), 12);
-  for (const char* name :
-       {"era", "era_", "era_1x", "era_-1", "epoch_1", "xera_1", "era_99999999999999999999"}) {
-    EXPECT_EQ(_parse_era_directory_id(name), std::nullopt) << name;
-  }
-}
-
 }  // namespace
 }  // namespace tidalcrest::sync

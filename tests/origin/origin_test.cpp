@@ -79,26 +79,6 @@ TEST_F(OriginTest, TheApiWantsTheTokenAndTheDataOriginNone) {
   EXPECT_EQ(data(FEATURE).status, 200);
 }
 
-TEST_F(OriginTest, TellsTheStateOfTheEra) {
-  const auto era = [this] { return sync::parse_json(api("/market/1/era/current").body); };
-  origin.publish(content);
-  EXPECT_EQ(era().at("era"), (Document{{"era_number", 1},
-                                       {"state", "active"},
-                                       {"next_closing_at", nullptr},
-                                       {"min_library_version", "0.0.0"}}));
-  origin.set_era_state("closing", "soon");
-  origin.set_min_library_version("9.0.0");
-  EXPECT_EQ(era().at("era").at("state"), "closing");
-  EXPECT_EQ(era().at("era").at("next_closing_at"), "soon");
-  EXPECT_EQ(era().at("era").at("min_library_version"), "9.0.0");
-  origin.set_era_state("between_eras");
-  EXPECT_EQ(era(), (Document{{"era", nullptr}, {"state", "between_eras"}}));
-  origin.publish(ManifestBuilder(content).era(2));
-  EXPECT_EQ(era().at("era").at("era_number"), 2);
-  EXPECT_EQ(era().at("state"), "active");
-  EXPECT_EQ(api("/market/2/era/current").status, 404);
-}
-
 TEST_F(OriginTest, OnlyFilesOfAReleaseAreServed) {
   origin.publish(content);
   const std::string base = origin.data_url();
@@ -195,42 +175,6 @@ TEST_F(OriginTest, TakesUpWhatAnotherUserOfTheTreePublishes) {
   EXPECT_EQ(sync::parse_json(manifest).at("base_url"), "https://data.example/releases/m1-e1-v2");
   EXPECT_EQ(sync::parse_json(api("/data/manifest/version").body).at("manifest_sha256"),
             sync::sha256_hex(manifest));
-}
-
-TEST_F(OriginTest, RecordsWhatWasAsked) {
-  origin.publish(content);
-  data(FEATURE);
-  data(FEATURE, {"Range: bytes=3-"});
-  api("/data/manifest");
-  EXPECT_THAT(origin.ranges_asked(FEATURE), ElementsAre("", "bytes=3-"));
-  EXPECT_THAT(origin.resources_asked(), ElementsAre(FEATURE, FEATURE, "/data/manifest"));
-  EXPECT_EQ(origin.requests("features/*").at(1).status, 206);
-  EXPECT_EQ(origin.requests("features/*").at(0).request.header("Authorization"), "");
-  origin.forget_requests();
-  EXPECT_THAT(origin.requests(), IsEmpty());
-}
-
-TEST_F(OriginTest, BuildersMakeWhatEveryReleaseNeedsAndCanLieAboutIt) {
-  content.universe("u1", {{"rotations", {{"fn_12", 1}}}, {"metadata", {{"n_instruments", 7}}}})
-      .file("functions.json", "{}", "functions")
-      .file("odd.bin", "12345", "reference", {{"size_bytes", 99}})
-      .set("pnl_column_count", std::nullopt)
-      .edit([](Document& manifest) { manifest["version"] = "text"; });
-  const auto release = origin.publish(content);
-  EXPECT_EQ(release.manifest.at("files").at("odd.bin").at("size_bytes"), 99);
-  EXPECT_FALSE(release.manifest.contains("pnl_column_count"));
-  EXPECT_EQ(release.manifest.at("version"), "text");
-  EXPECT_EQ(origin.publish(ManifestBuilder{}).manifest.at("version"), 2);
-  EXPECT_EQ(disk::read_text(release.directory / "functions.json"), "{}");
-  const auto vocabulary =
-      sync::parse_json(disk::read_text(release.directory / "named_universes/u1/vocabulary.json"));
-  EXPECT_EQ(vocabulary.at("metadata").at("n_instruments"), 7);
-  EXPECT_EQ(vocabulary.at("metadata").at("named_universe"), "u1");
-  EXPECT_TRUE(vocabulary.at("rotations").contains("fn_12"));
-  EXPECT_THAT(vocabulary.at("features"), ElementsAre("a__b__c__d"));
-
-  Origin plain;
-  EXPECT_EQ(plain.publish(ManifestBuilder{}.bare().file("a", "1")).manifest.at("files").size(), 1u);
 }
 
 }  // namespace

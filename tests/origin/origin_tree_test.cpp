@@ -96,30 +96,6 @@ TEST_F(OriginTreeTest, TheSameRecipeGivesTheSameBytesAndAnotherNumberOthers) {
   EXPECT_NE(first.at(feature), other.at(feature));
 }
 
-TEST_F(OriginTreeTest, EveryManifestEntryTellsTheTruthAboutItsFile) {
-  const auto tree = build("a", recipe);
-  const auto release = tree.release(tree.state().current);
-  std::map<std::string, std::size_t> kinds;
-  for (const auto& [path, entry] : release.manifest.at("files").get_ref<const Document::object_t&>()) {
-    const auto bytes = disk::read_text(release.directory / path);
-    EXPECT_EQ(entry.at("sha256"), sync::sha256_hex(bytes)) << path;
-    EXPECT_EQ(entry.at("size_bytes"), bytes.size()) << path;
-    ++kinds[entry.at("kind")];
-  }
-  EXPECT_EQ(kinds, (std::map<std::string, std::size_t>{{"feature", 48},
-                                                       {"found_signal_is_pnl", 20},
-                                                       {"found_strategy_is_epoch_pnl", 6},
-                                                       {"functions", 1},
-                                                       {"reference", 2},
-                                                       {"signals_index", 1},
-                                                       {"vault_module", 1},
-                                                       {"vocabulary", 2}}));
-  EXPECT_EQ(digests(release.directory).size(), release.manifest.at("files").size() + 1);
-  const auto answer = sync::parse_json(disk::read_text(tree.api_directory(release.name) / "version.json"));
-  EXPECT_EQ(answer.at("manifest_sha256"), sync::sha256_hex(release.manifest_bytes));
-  EXPECT_EQ(release.manifest.at("base_url"), "http://127.0.0.1:1/releases/m1-e1-v1");
-}
-
 TEST_F(OriginTreeTest, EvolvingChangesWhatItSaysAndNothingElse) {
   const auto tree = build("a", recipe);
   const auto before = tree.release(tree.state().current);

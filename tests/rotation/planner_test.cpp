@@ -103,17 +103,6 @@ TEST_F(RotationPlannerTest, TheDefaultBudgetPassesItsOwnCheck) {
             "DiskSpaceError: Insufficient disk space: need 20 bytes, have 19 bytes available");
 }
 
-TEST_F(RotationPlannerTest, AnExplicitBudgetIsNotTiedToFreeSpace) {
-  data.write("rotation-settings.json", R"({"feature_budget_gb": 1})");
-  const auto planned = planner()->_plan_feature_rotation_for_sync(manifest, 19);
-  EXPECT_TRUE(planned.explicit_rotation_budget);
-  EXPECT_EQ(planned.rotation_plan.selection.feature_budget_bytes, 1073741824);
-  data.write("rotation-settings.json", R"({"feature_budget_gb": "full"})");
-  EXPECT_EQ(
-      planner()->_plan_feature_rotation_for_sync(manifest, 20).rotation_plan.selection.feature_budget_bytes,
-      80);
-}
-
 TEST_F(RotationPlannerTest, PrecheckCapsMandatoryAndTotal) {
   const auto check = [](std::int64_t mandatory, std::int64_t budget, bool cap) {
     RotationSelection selection;
@@ -217,30 +206,6 @@ TEST_F(RotationPlannerTest, APromotionPreparesWritesCleansAndTellsInThisOrder) {
   EXPECT_EQ(owner->active_rotation_state(), promoted);
   EXPECT_EQ(consumer->generation, 4);
   EXPECT_EQ(consumer->features, Document::array({"a"}));
-}
-
-TEST_F(RotationPlannerTest, AdoptsOnlyWhatWasRecorded) {
-  const auto owner = planner(state_with({A}));
-  owner->_adopt_rotation_state(std::nullopt);
-  EXPECT_EQ(owner->active_rotation_state(), state_with({A}));
-  owner->_adopt_rotation_state(state_with({B}));
-  EXPECT_EQ(owner->active_rotation_state(), state_with({B}));
-}
-
-TEST_F(RotationPlannerTest, ReadersOnOtherThreadsSeeWholeStates) {
-  const auto owner = planner(state_with({A, A}));
-  std::thread reader([&] {
-    for (int i = 0; i < 2000; ++i) {
-      const auto state = owner->active_rotation_state();
-      const auto& paths = state->active_relative_paths;
-      EXPECT_EQ(paths.front(), paths.back());
-    }
-  });
-  for (int i = 0; i < 2000; ++i) {
-    const char* const path = i % 2 == 0 ? B : A;
-    owner->_adopt_rotation_state(state_with({path, path}));
-  }
-  reader.join();
 }
 
 }  // namespace

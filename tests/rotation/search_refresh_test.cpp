@@ -113,16 +113,6 @@ TEST_F(SearchRefreshTest, RefusesAVocabularyThatSettlesNothing) {
   EXPECT_THAT(consumer->heard, IsEmpty());
 }
 
-TEST_F(SearchRefreshTest, AConsumerMayUnregisterFromInside) {
-  const auto first = registered("u1");
-  const auto second = registered("u1");
-  first->on_refresh = [&] { consumers.unregister_rotation_search_consumer(*first); };
-  consumers.refresh_running_searches_for_rotation(state, &both);
-  consumers.refresh_running_searches_for_rotation(state, &both);
-  EXPECT_EQ(first->heard.size(), 1u);
-  EXPECT_EQ(second->heard.size(), 2u);
-}
-
 TEST_F(SearchRefreshTest, ARaisingConsumerStopsTheDelivery) {
   registered("u1")->on_refresh = [] { throw RuntimeError("no"); };
   const auto later = registered("u1");

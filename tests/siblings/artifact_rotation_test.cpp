@@ -15,8 +15,6 @@ using ::testing::ElementsAre;
 using testing::failure_of;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Optional;
-using ::testing::UnorderedElementsAre;
 
 Artifact feature(const std::string& path, std::int64_t size = 10, const Document& more = Document::object()) {
   Document entry = {{"kind", "feature"}, {"size_bytes", size}};
@@ -89,15 +87,6 @@ TEST(Descriptors, ReadWhatTheEntrySaysAndDeriveTheRest) {
   EXPECT_EQ(feature("a", 3, {{"mandatory", "no"}, {"size_bytes", "3"}})->mandatory, false);
   EXPECT_TRUE(file("v")->mandatory);
   EXPECT_EQ(file("v")->artifact_kind, "vocabulary");
-}
-
-TEST(VocabularyPath, HasExactlyThreeSegments) {
-  EXPECT_THAT(vocabulary_named_universe_from_path("named_universes/u 1/vocabulary.json"),
-              Optional(std::string("u 1")));
-  for (const char* other : {"named_universes/vocabulary.json", "named_universes//vocabulary.json",
-                            "named_universes/a/b/vocabulary.json", "named_universes/a/vocabulary.json.tmp"}) {
-    EXPECT_EQ(vocabulary_named_universe_from_path(other), std::nullopt) << other;
-  }
 }
 
 TEST(PlanRotation, HoldsMandatoryFilesFirstAndFillsTheBudget) {
@@ -209,12 +198,6 @@ TEST(PlanRotation, ChoosesWithinTheScopeOnly) {
   EXPECT_THAT(eligible({.family = "fam", .subfamily = "tra"}), ElementsAre("fam__tra__x__y"));
 }
 
-TEST(PlanRotation, RecordsNoActivePathsWhereNothingRotates) {
-  const auto plan = plan_rotation({file("m")}, {}, state_with({"gone"}));
-  EXPECT_THAT(plan.selection.active_relative_paths, ElementsAre("m"));
-  EXPECT_THAT(plan.candidate_state.active_relative_paths, IsEmpty());
-}
-
 TEST(PlanFromActiveState, KeepsThePresentSubset) {
   const Artifacts artifacts = {feature("a"), file("new_mandatory"), feature("b"), feature("c"), file("m")};
   const RotationState state = state_with({"m", "c", "a", "departed"});
@@ -265,54 +248,34 @@ TEST(StatePayload, ReadsBackWhatItWrote) {
 
 TEST(StatePayload, IsStrictAboutItsShape) {
   const Document sound = rotation_state_payload(state_with({"a"}), 1);
-  const auto refusal = [&](const std::string& key, const Document& value) {
-    Document payload = sound;
-    payload[key] = value;
+  const struct {
+    const char* key;
+    Document value;
+    const char* text;
+  } cases[] = {
+      {"schema_version", 2, "schema_version must be 1, got 2"},
+      {"generation", true, "generation must be a 64-bit integer, got bool"},
+      {"generation", -1, "generation must not be negative, got -1"},
+      {"seed", 18446744073709551615u, "seed must be a 64-bit integer, got int"},
+      {"rng_state", nullptr, "rng_state must be a string, got NoneType"},
+      {"active_relative_paths", "a", "active_relative_paths must be a list of strings, got str"},
+      {"active_relative_paths", {"a", 1}, "active_relative_paths"},
+      {"active_relative_paths", {"a", "a"}, "active_relative_paths holds a path twice: 'a'"},
+      {"extra", 1, "'extra' is not a known key"},
+  };
+  const auto refusal = [](const Document& payload) {
     return failure_of([&] { rotation_state_from_payload(payload, "state.json", 1); });
   };
   const std::string start = "RotationStatePayloadError: invalid rotation state in state.json: ";
-  EXPECT_EQ(refusal("schema_version", 2), start + "schema_version must be 1, got 2");
-  EXPECT_EQ(refusal("generation", true), start + "generation must be a 64-bit integer, got bool");
-  EXPECT_EQ(refusal("generation", -1), start + "generation must not be negative, got -1");
-  EXPECT_EQ(refusal("seed", 18446744073709551615u), start + "seed must be a 64-bit integer, got int");
-  EXPECT_EQ(refusal("rng_state", nullptr), start + "rng_state must be a string, got NoneType");
-  EXPECT_EQ(refusal("active_relative_paths", "a"),
-            start + "active_relative_paths must be a list of strings, got str");
-  EXPECT_THAT(refusal("active_relative_paths", {"a", 1}), HasSubstr("active_relative_paths"));
-  EXPECT_THAT(refusal("active_relative_paths", {"a", "a"}), HasSubstr("holds a path twice: 'a'"));
-  EXPECT_EQ(refusal("extra", 1), start + "'extra' is not a known key");
+  for (const auto& [key, value, text] : cases) {
+    Document payload = sound;
+    payload[key] = value;
+    EXPECT_THAT(refusal(payload), HasSubstr(start + text));
+  }
   Document lacking = sound;
   lacking.erase("reason");
-  EXPECT_EQ(failure_of([&] { rotation_state_from_payload(lacking, "state.json", 1); }),
-            start + "reason is missing");
-  EXPECT_EQ(failure_of([] { rotation_state_from_payload(Document::array(), "state.json", 1); }),
-            start + "the payload must be an object, got list");
-}
-
-TEST(CleanupKeepPaths, SpareAllThatRotationDoesNotChoose) {
-  const Document files = parse_json(R"({"features/u1/signal_is/a": {"kind": "feature"},
-                                        "features/u1/signal_is/m": {"kind": "feature", "mandatory": true},
-                                        "universe_masks/x": {"kind": "mask"}})");
-  EXPECT_THAT(rotation_cleanup_keep_paths(files, {"features/u1/signal_is/p"}, {"manifest.json"}),
-              UnorderedElementsAre("features/u1/signal_is/p", "manifest.json", "features/u1/signal_is/m",
-                                   "universe_masks/x"));
-  EXPECT_THAT(rotation_cleanup_keep_paths(nullptr, {}, {}), IsEmpty());
-}
-
-TEST(StatusAccounting, SortsPathsIntoItsLists) {
-  const Artifacts artifacts = {feature("a", 1, {{"market", "crypto"}}),
-                               feature("b", 1, {{"market", "crypto"}}), feature("fx", 1, {{"market", "fx"}}),
-                               file("m")};
-  const auto accounting =
-      rotation_status_accounting({"m", "a", "gone"}, artifacts, {{"market", "crypto"}}, {"m"});
-  EXPECT_THAT(accounting.eligible_relative_paths, ElementsAre("a", "b"));
-  EXPECT_THAT(accounting.selected_relative_paths, ElementsAre("a"));
-  EXPECT_THAT(accounting.skipped_relative_paths, ElementsAre("b"));
-  EXPECT_THAT(accounting.departed_relative_paths, ElementsAre("gone"));
-  EXPECT_THAT(accounting.missing_active_relative_paths, ElementsAre("a"));
-  EXPECT_EQ(rotation_status_accounting({}, artifacts, nullptr, {}).eligible_relative_paths.size(), 3u);
-  EXPECT_THAT(rotation_status_accounting({"a"}, std::nullopt, nullptr, {}).missing_active_relative_paths,
-              ElementsAre("a"));
+  EXPECT_EQ(refusal(lacking), start + "reason is missing");
+  EXPECT_EQ(refusal(Document::array()), start + "the payload must be an object, got list");
 }
 
 TEST(ScopedVocabulary, KeepsFeaturesThatHaveAnActiveFileInTheirUniverse) {

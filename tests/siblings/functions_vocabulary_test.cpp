@@ -45,18 +45,6 @@ TEST(FunctionsVocabulary, RefusesAVocabularyOfAnotherEraOrUniverse) {
             "ValueError: vocabulary named_universe=None does not match expected 'u1'");
 }
 
-TEST(FunctionsVocabulary, UsesTheModuleThatTheHostPutInPlace) {
-  struct HostModule : FunctionsVocabularyModule {
-    Document merge_functions_vocabulary(const Document&, const Document&, const std::string&,
-                                        std::int64_t) const override {
-      return "the host's";
-    }
-  };
-  const ScopeExit restore([] { functions_vocabulary_module().install(nullptr); });
-  functions_vocabulary_module().install(std::make_shared<const HostModule>());
-  EXPECT_EQ(merge("{}", "{}"), "the host's");
-}
-
 TEST(NameRules, KnowRetiredTokensAndUnsafeUniverses) {
   for (const char* name : {"fn_0", "FN_12", "Fn_000"})
     EXPECT_TRUE(is_retired_public_function_token_name(name));

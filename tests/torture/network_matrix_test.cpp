@@ -3,7 +3,7 @@
 #include <fstream>
 
 #include "download/download_fixture.hpp"
-#include "torture/raw_server.hpp"
+#include "support/raw_server.hpp"
 
 namespace tidalcrest::sync {
 namespace {

@@ -55,9 +55,10 @@ TEST_F(Events, OfOneKeyFallSilentAfterTen) {
 
 TEST_F(Events, AreOneSortedLineAndAnAttachment) {
   _log_sync_event("range_resume", "one-line.arrow", "no number", "partial_tmp", {{"bytes_existing", 5}});
-  EXPECT_THAT(lines(), ::testing::ElementsAre(
-                           R"(info: tidalcrest_sync_event {"bytes_existing": 5, "count": 0, "event_type": )"
-                           R"("range_resume", "file": "one-line.arrow", "reason": "partial_tmp"})"));
+  EXPECT_THAT(
+      log.lines(),
+      ::testing::ElementsAre(R"(info: tidalcrest_sync_event {"bytes_existing": 5, "count": 0, "event_type": )"
+                             R"("range_resume", "file": "one-line.arrow", "reason": "partial_tmp"})"));
   EXPECT_EQ(event_values("range_resume", "count"), std::vector<Document>{0});
 }
 
@@ -117,18 +118,6 @@ TEST_F(Events, OfAnOutageHaveDefaultsAndAClock) {
   EXPECT_EQ(told.at("endpoint"), "/p");
   EXPECT_EQ(told.at("retryable"), false);
   EXPECT_EQ(told.at("reason"), "");
-}
-
-TEST_F(Events, FailureOfAnEndpointKnowsWhetherItWasTyped) {
-  const auto typed =
-      _sync_unavailable_from("https://h/p", 2, {503}, {}, {{"error", "busy"}, {"retryable", false}});
-  EXPECT_EQ(typed.server_error_code, "busy");
-  EXPECT_EQ(typed.retryable, false);
-  EXPECT_TRUE(_sync_unavailable_has_typed_details(typed));
-  const auto untyped =
-      _sync_unavailable_from("https://h/p", 2, {}, {}, {{"error", "busy"}, {"reason", "load"}});
-  EXPECT_FALSE(_sync_unavailable_has_typed_details(untyped));
-  EXPECT_FALSE(_sync_unavailable_has_typed_details(SyncError("x")));
 }
 
 }  // namespace

@@ -1,17 +1,15 @@
 #include "transport/http_client.hpp"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <thread>
 
 #include "origin/scripted_server.hpp"
 #include "support/failure_text.hpp"
+#include "support/raw_server.hpp"
 #include "support/temp_dir.hpp"
 #include "transport/fixture.hpp"
 
@@ -135,7 +133,7 @@ TEST_F(HttpClientTest, RepeatsTransientStatusesAndTellsOfTheOutageOnce) {
   for (const auto& request : server.requests("/data/files/a")) {
     EXPECT_EQ(request.header("Authorization"), "Bearer secret");
   }
-  for (const auto& line : lines()) EXPECT_EQ(line.find("secret"), std::string::npos) << line;
+  for (const auto& line : log.lines()) EXPECT_EQ(line.find("secret"), std::string::npos) << line;
 }
 
 TEST_F(HttpClientTest, TheServerCanStopARepetitionButNotStartOne) {
@@ -237,46 +235,12 @@ TEST_F(HttpClientTest, SilenceIsATimeout) {
   EXPECT_THROW(client._open_request({url("/waits"), {}}, 0.2), TimeoutError);
 }
 
-// Sends a byte every 50 ms to whoever connects, until that one has had enough.
-class TricklingServer {
- public:
-  TricklingServer() : _listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(_listener, reinterpret_cast<sockaddr*>(&address), size);
-    listen(_listener, 1);
-    getsockname(_listener, reinterpret_cast<sockaddr*>(&address), &size);
-    _port = ntohs(address.sin_port);
-    _thread = std::jthread([this] { _serve(); });
-  }
-  ~TricklingServer() {
-    shutdown(_listener, SHUT_RDWR);
-    _thread.join();
-    close(_listener);
-  }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(_port) + "/"; }
-
- private:
-  void _serve() const {
-    const int connection = accept(_listener, nullptr, nullptr);
-    std::string piece = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n";
-    for (int sent = 0; sent < 200 && send(connection, piece.data(), piece.size(), MSG_NOSIGNAL) > 0; ++sent) {
-      piece = "x";
-      poll(nullptr, 0, 50);
-    }
-    close(connection);
-  }
-
-  const int _listener;
-  int _port = 0;
-  std::jthread _thread;
-};
-
 TEST_F(HttpClientTest, ATrickleIsATimeout) {
-  const TricklingServer trickling;
-  EXPECT_THROW(client._open_request({trickling.url(), {}}, 1.0), TimeoutError);
+  const testing::RawServer trickling([](const testing::RawServer::Send& send, int) {
+    if (!send("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n")) return;
+    while (send("x")) poll(nullptr, 0, 50);
+  });
+  EXPECT_THROW(client._open_request({trickling.url() + "/", {}}, 1.0), TimeoutError);
 }
 
 TEST_F(HttpClientTest, NamesNetworkFailuresByTheirKind) {
@@ -306,13 +270,6 @@ TEST_F(HttpClientTest, NamesNetworkFailuresByTheirKind) {
     EXPECT_EQ(*failure.headers.find("X-Why"), "tea");
     EXPECT_STREQ(failure.what(), "HTTP 418");
   }
-}
-
-TEST_F(HttpClientTest, TheVersionPollIsKnownByItsAddress) {
-  EXPECT_TRUE(_is_manifest_version_url("https://h/data/manifest/version"));
-  EXPECT_TRUE(_is_manifest_version_url("https://h/data/manifest/version//"));
-  EXPECT_FALSE(_is_manifest_version_url("https://h/data/manifest/version?x=1"));
-  EXPECT_FALSE(_is_manifest_version_url("///"));
 }
 
 TEST_F(HttpClientTest, OneStreamingAttemptTurnsFailuresIntoConnectionErrors) {
@@ -348,20 +305,6 @@ TEST_F(HttpClientTest, AForkedChildLeavesTheConnectionsToItsParent) {
   EXPECT_EQ(server.connections_opened(), 2u);
   EXPECT_EQ(client._http_get_public(url("/f")).body, "0123456789");
   EXPECT_EQ(server.connections_opened(), 2u);
-}
-
-TEST_F(HttpClientTest, ServesManyThreadsAtOnce) {
-  server.serve("/f", std::string(100000, 'x'));
-  std::vector<std::thread> threads;
-  std::atomic<int> whole = 0;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < 10; ++k) whole += client._http_get_public(url("/f")).body.size() == 100000;
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(whole, 80);
-  EXPECT_LE(server.connections_opened(), 8u);
 }
 
 }  // namespace

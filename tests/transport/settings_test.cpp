@@ -51,12 +51,6 @@ TEST(TransportKnobs, ABadOneKeepsThoseAfterIt) {
   EXPECT_EQ(knobs.max_concurrency(), 3);
 }
 
-TEST(TransportSettings, AParallelDownloadHasNoDeadline) {
-  EXPECT_EQ(_sync_parallel_timeout_seconds(10000, 1), std::nullopt);
-  EXPECT_EQ(_sync_parallel_timeout_description(std::nullopt), "unbounded");
-  EXPECT_EQ(_sync_parallel_timeout_description(300.0), "300.0s");
-}
-
 TEST(TransportStatus, OnlySevenAreTransient) {
   std::vector<int> transient;
   for (int status = 0; status < 1000; ++status) {
@@ -89,11 +83,11 @@ TEST_F(ErrorBody, IsAnObjectOrNothing) {
   EXPECT_EQ(_parse_sync_error_body(R"({"error_code": "busy"})").at("error_code"), "busy");
   EXPECT_TRUE(_parse_sync_error_body("").empty());
   EXPECT_TRUE(_parse_sync_error_body("[1]").is_object());
-  EXPECT_THAT(lines(), ::testing::IsEmpty());
+  EXPECT_THAT(log.lines(), ::testing::IsEmpty());
   EXPECT_TRUE(_parse_sync_error_body("<html>").is_object());
   EXPECT_TRUE(_parse_sync_error_body("{\"a\": \"\xFF\"}").empty());
-  EXPECT_THAT(lines(), ::testing::Each("debug: sync_error_body_parse_failed"));
-  EXPECT_EQ(lines().size(), 2u);
+  EXPECT_THAT(log.lines(), ::testing::Each("debug: sync_error_body_parse_failed"));
+  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace

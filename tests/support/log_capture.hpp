@@ -1,0 +1,64 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tidalcrest/sync/log.hpp"
+
+namespace tidalcrest::sync::testing {
+
+/// Every log record of one test, instead of standard error. Thread-safe.
+class LogCapture {
+ public:
+  LogCapture() {
+    set_log_sink([this](const LogRecord& record) {
+      const std::lock_guard lock(_mutex);
+      _lines.push_back({record.level, std::string(log_level_name(record.level)) + ": " + record.message});
+      if (record.extra != nullptr && record.extra->contains("tidalcrest_sync_event"))
+        _events.push_back(record.extra->at("tidalcrest_sync_event"));
+    });
+  }
+  ~LogCapture() { set_log_sink({}); }
+
+  /// "level: message" of each record, or of those of one level.
+  std::vector<std::string> lines(std::optional<LogLevel> level = {}) const {
+    const std::lock_guard lock(_mutex);
+    std::vector<std::string> found;
+    for (const auto& line : _lines) {
+      if (!level || line.level == *level) found.push_back(line.text);
+    }
+    return found;
+  }
+  bool has(const std::string& part) const {
+    for (const auto& line : lines()) {
+      if (line.find(part) != std::string::npos) return true;
+    }
+    return false;
+  }
+  void clear() {
+    const std::lock_guard lock(_mutex);
+    _lines.clear();
+  }
+  /// The sync events, or those of one type.
+  std::vector<Document> events(const std::string& event_type = {}) const {
+    const std::lock_guard lock(_mutex);
+    std::vector<Document> found;
+    for (const auto& event : _events) {
+      if (event_type.empty() || event.at("event_type") == event_type) found.push_back(event);
+    }
+    return found;
+  }
+
+ private:
+  struct Line {
+    LogLevel level;
+    std::string text;
+  };
+  mutable std::mutex _mutex;  // guards the two below; a worker may log too
+  std::vector<Line> _lines;
+  std::vector<Document> _events;
+};
+
+}  // namespace tidalcrest::sync::testing
