@@ -1,7 +1,10 @@
 #include <algorithm>
 
+#include "artifacts/functions_file.hpp"
 #include "artifacts/vocabulary.hpp"
 #include "cohort/active_view.hpp"
+#include "cohort/staged_members.hpp"
+#include "fuzz/fed_file.hpp"
 #include "fuzz/targets.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
@@ -55,6 +58,20 @@ void check_declared_files(const Manifest& manifest) {
   }
 }
 
+// What a first sync would fetch.
+void check_staged_plan(const Manifest& manifest, const std::vector<std::string>& planned_paths) {
+  static const sync::testing::TempDir data;
+  static HashCache nothing_known(data.path());
+  const StagingRoots roots{.active_root = data.path("nothing yet"), .candidate_root = data.path()};
+  const SelectedMembers members =
+      reuse_selected_members(manifest, planned_paths, {}, roots, data.path(), nothing_known, [] {});
+  require(members.files_to_download.size() == members.selected_paths.size(), "a member is not fetched");
+  for (const auto& file : members.files_to_download) {
+    const std::string place = _manifest_local_path(data.path(), file.file_path);
+    require(place.starts_with(data.path() + "/"), "a member would lie outside of its root");
+  }
+}
+
 }  // namespace
 
 void feed_manifest(std::string_view bytes) {
@@ -72,7 +89,9 @@ void feed_manifest(std::string_view bytes) {
   const SearchConsumers consumers(active);
   RotationPlanner planner(data.path(), std::nullopt, consumers, {});
   const PlannedRotation planned = planner._plan_feature_rotation_for_sync(manifest, FREE_BYTES);
-  RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, FREE_BYTES);
+  const auto& selection = planned.rotation_plan.selection;
+  RotationPlanner::_precheck_rotation_disk_budget(selection, FREE_BYTES);
+  check_staged_plan(manifest, selection.active_relative_paths);
 }
 
 void feed_paths(std::string_view bytes) {
@@ -106,9 +125,24 @@ void feed_signals_index(std::string_view bytes) {
 }
 
 void feed_vocabulary(std::string_view bytes) {
+  static const sync::testing::TempDir data;
+  static const FedFile file(data.path("functions.json"));
   const auto parts = parts_of(bytes, 2);
+  file.set(parts[1]);
+  const Manifest manifest(Document{
+      {"era_number", 1},
+      {"functions", "functions.json"},
+      {"files",
+       {{"functions.json",
+         {{"kind", "functions"}, {"sha256", sha256_hex(parts[1])}, {"size_bytes", parts[1].size()}}}}}});
+  Document functions = Document::object();
+  try {
+    functions = _validate_functions_file(data.path(), manifest);
+  } catch (const Failure&) {
+    // The vocabulary is fed all the same.
+  }
   const Document vocabulary = _validate_vocabulary_bytes(parts[0], 1, "u1");
-  const Document merged = merge_functions_vocabulary(parse_strict_json(parts[1]), vocabulary, "u1", 1);
+  const Document merged = merge_functions_vocabulary(functions, vocabulary, "u1", 1);
   require(merged.is_object(), "a merged vocabulary is no object");
   for (const auto& [key, value] : vocabulary.get_ref<const Document::object_t&>())
     require(merged.contains(key), "a merge lost a member of the vocabulary");

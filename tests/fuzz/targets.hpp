@@ -35,10 +35,13 @@ void feed_vocabulary(std::string_view bytes);
 // Files that the client keeps.
 void feed_rotation(std::string_view bytes);
 void feed_completion(std::string_view bytes);
+void feed_hash_cache(std::string_view bytes);
 void feed_seed_sidecar(std::string_view bytes);
 // Answers of servers.
 void feed_curl_output(std::string_view bytes);
 void feed_error_body(std::string_view bytes);
 void feed_version_answer(std::string_view bytes);
+// All of them.
+void feed_json(std::string_view bytes);
 
 }  // namespace tidalcrest::fuzz
