@@ -28,7 +28,7 @@ fuzz() { # target seconds
   [ ! -s "$dictionary" ] || arguments=("-dict=$dictionary")
   printf '\n== %s, at most %s s or %s executions\n' "$1" "$2" "$RUNS"
   # New inputs go to the build directory; the saved corpus is read only.
-  if ! run "$1" -runs="$RUNS" -max_total_time="$2" -max_len=4096 -timeout=20 -rss_limit_mb=2048 -print_final_stats=1 \
+  if ! run "$1" -runs="$RUNS" -max_total_time="$2" -max_len=4096 -timeout=300 -rss_limit_mb=2048 -print_final_stats=1 \
     -entropic=0 "${arguments[@]}" -artifact_prefix="build/fuzz/findings/$1-" "$found/$1" "$saved/$1" >"$log"; then
     tail -n 40 "$log"
     return 1
