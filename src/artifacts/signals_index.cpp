@@ -23,7 +23,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-constexpr const char* LABEL = "signals_index sidecar";
+constexpr const char* INDEX_LABEL = "signals_index sidecar";
 
 Document take_section(Document& index_data, const std::string& name) {
   if (!index_data.is_object() || !index_data.contains(name)) throw KeyError(text::repr(name));
@@ -155,7 +155,7 @@ bool SignalsIndex::_download_signals_index(const Manifest& server_manifest,
   const ManifestEntry entry(server_manifest, rel_path);
   _downloader._download_file({rel_path, entry.document()}, result ? *result : unseen_result, options);
   const std::string body = wrap_unusable("Unable to read downloaded signals_index sidecar", [&] {
-    return client_manifest::read_contained_regular_file(data_dir, rel_path, LABEL);
+    return client_manifest::read_contained_regular_file(data_dir, rel_path, INDEX_LABEL);
   });
   _verify_signals_index_bytes(body, server_manifest);
   return true;
@@ -164,7 +164,7 @@ bool SignalsIndex::_download_signals_index(const Manifest& server_manifest,
 bool SignalsIndex::_local_sidecar_is_declared(const Manifest& manifest, const std::string& data_dir,
                                               const std::string& rel_path) const {
   const std::optional<std::string> body = wrap_unusable("Unable to read local signals_index sidecar", [&] {
-    return client_manifest::read_contained_regular_file_if_present(data_dir, rel_path, LABEL);
+    return client_manifest::read_contained_regular_file_if_present(data_dir, rel_path, INDEX_LABEL);
   });
   if (!body) return false;
   const std::string sha256 = sha256_hex(*body);

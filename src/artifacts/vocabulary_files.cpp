@@ -21,7 +21,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-constexpr const char* LABEL = "vocabulary file";
+constexpr const char* VOCABULARY_LABEL = "vocabulary file";
 
 // One vocabulary of a manifest, on its way into a root.
 struct Member {
@@ -37,7 +37,8 @@ struct Member {
 
 std::optional<std::string> read_local(const Member& member) {
   return wrap_unusable("Unable to read local vocabulary " + member.file_path, [&] {
-    return client_manifest::read_contained_regular_file_if_present(member.data_dir, member.file_path, LABEL);
+    return client_manifest::read_contained_regular_file_if_present(member.data_dir, member.file_path,
+                                                                   VOCABULARY_LABEL);
   });
 }
 
@@ -71,7 +72,7 @@ std::optional<Document> good_local_vocabulary(const Member& member) {
 
 std::string read_downloaded(const Member& member) {
   try {
-    return client_manifest::read_contained_regular_file(member.data_dir, member.file_path, LABEL);
+    return client_manifest::read_contained_regular_file(member.data_dir, member.file_path, VOCABULARY_LABEL);
   } catch (const FileNotFoundError&) {
     throw SyncError(fmt::format("Failed to download vocabulary: {} was not written", member.file_path));
   }

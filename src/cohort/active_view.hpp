@@ -2,9 +2,9 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "host/mutex.hpp"
 #include "siblings/distribution/local_cohort.hpp"
 #include "tidalcrest/sync/manifest.hpp"
 
@@ -28,17 +28,17 @@ class ActiveViewHolder {
  public:
   explicit ActiveViewHolder(std::shared_ptr<const ActiveView> first) : _view(std::move(first)) {}
   std::shared_ptr<const ActiveView> get() const {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     return _view;
   }
   void set(std::shared_ptr<const ActiveView> view) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _view = std::move(view);
   }
 
  private:
-  mutable std::mutex _mutex;  // guards `_view`; a leaf, held for the copy of one pointer
-  std::shared_ptr<const ActiveView> _view;
+  mutable Mutex _mutex;  // a leaf, held for the copy of one pointer
+  std::shared_ptr<const ActiveView> _view GUARDED_BY(_mutex);
 };
 
 }  // namespace tidalcrest::sync

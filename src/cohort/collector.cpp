@@ -7,6 +7,7 @@
 #include "siblings/distribution/cohort_roots.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/local_cohort.hpp"
+#include "siblings/distribution/lock.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -16,7 +17,21 @@ using local_cohort::CohortRoot;
 using local_cohort::CohortRootKind;
 
 constexpr double LEFTOVER_LIFETIME_SECONDS = 24 * 60 * 60;
-constexpr std::size_t NAME_TOKEN_BYTES = 16;
+
+// Writers stay out while roots are judged; while they are removed, so do those that read a selection.
+struct Locks {
+  Locks(const std::string& data_dir, SyncLock& lock, bool dry_run) {
+    if (dry_run) {
+      sync = std::unique_lock(lock._sync_lock());
+      shared.emplace(acquire_distribution_lock(data_dir, /*exclusive=*/false));
+    } else {
+      writer.emplace(lock);
+    }
+  }
+  std::optional<WriterScope> writer;
+  std::unique_lock<HolderMutex> sync;
+  std::optional<DistributionLock> shared;
+};
 
 // Decides about one root after the other, newest first.
 class Judgement {
@@ -32,7 +47,7 @@ class Judgement {
   std::optional<std::string> reason_to_remove(const CohortRoot& root, std::int64_t newest_ns) {
     switch (root.kind) {
       case CohortRootKind::repair:
-        return "abandoned repair";  // a live one would hold the lock that the collection holds
+        return "abandoned repair";  // a live one would hold the lock that keeps writers out here
       case CohortRootKind::removed:
         return "unfinished removal";
       case CohortRootKind::leftover:
@@ -65,7 +80,7 @@ void remove_root(const std::string& data_dir, const CohortRoot& root, const Seam
   std::string relative_path = root.relative_path;
   if (root.kind != CohortRootKind::removed) {
     const std::string name =
-        local_cohort::REMOVED_ROOT_PREFIX + text::hex(seams.random_bytes(NAME_TOKEN_BYTES));
+        local_cohort::REMOVED_ROOT_PREFIX + text::hex(seams.random_bytes(local_cohort::ROOT_TOKEN_BYTES));
     local_cohort::rename_cohort_root(data_dir, root.name, name);
     relative_path = std::string(local_cohort::COHORTS_DIRECTORY) + "/" + name;
   }
@@ -76,7 +91,7 @@ void remove_root(const std::string& data_dir, const CohortRoot& root, const Seam
 
 CollectionReport Collector::collect_generations(std::int64_t keep, bool dry_run) const {
   if (keep < 0) throw ValueError("keep must not be negative, got " + std::to_string(keep));
-  const WriterScope writer(_lock);
+  const Locks locks(_data_dir, _lock, dry_run);
   Judgement judgement(_data_dir, keep, _seams.wall_seconds());
   CollectionReport report;
   for (const auto& root : local_cohort::list_cohort_roots(_data_dir)) {

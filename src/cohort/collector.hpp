@@ -16,8 +16,9 @@ inline constexpr std::int64_t DEFAULT_KEPT_GENERATIONS = 2;
 ///
 /// A root goes unless it is selected, pinned by any process, or among the newest `keep` complete ones;
 /// leftovers of failed stagings go when they are older than a day; abandoned staging roots of repairs go at
-/// once. A writer: it holds the sync lock and the exclusive distribution lock. A root is renamed out of the
-/// way before it is deleted, so that a kill in the middle leaves no half of a generation under its name.
+/// once. A writer: it holds the sync lock and the exclusive distribution lock; a dry run holds the latter
+/// shared, as a reader does. A root is renamed out of the way before it is deleted, so that a kill in the
+/// middle leaves no half of a generation under its name.
 class Collector {
  public:
   Collector(std::string data_dir, SyncLock& lock, Seams seams)

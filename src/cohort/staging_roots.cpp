@@ -15,8 +15,6 @@
 namespace tidalcrest::sync {
 namespace {
 
-constexpr std::size_t NAME_TOKEN_BYTES = 16;
-
 // The root of the selected generation, when these bytes are the ones selected and its completion record still
 // reads: then it is mended. A disk that fails says nothing about the generation, and never gets it cleared.
 std::optional<std::string> mendable_selected_root(const std::string& data_dir,
@@ -45,7 +43,8 @@ std::optional<std::string> mendable_selected_root(const std::string& data_dir,
 void move_leftover_aside(const std::string& data_dir, const std::string& name, const Seams& seams) {
   try {
     local_cohort::rename_cohort_root(
-        data_dir, name, local_cohort::LEFTOVER_ROOT_PREFIX + text::hex(seams.random_bytes(NAME_TOKEN_BYTES)));
+        data_dir, name,
+        local_cohort::LEFTOVER_ROOT_PREFIX + text::hex(seams.random_bytes(local_cohort::ROOT_TOKEN_BYTES)));
   } catch (const FileNotFoundError&) {
     // The usual case: there is none.
   }
@@ -83,7 +82,7 @@ StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView&
   if (roots.same_identity) {
     roots.repair_relative = std::string(local_cohort::COHORTS_DIRECTORY) + "/.repair-" +
                             local_cohort::manifest_sha256(served_manifest_bytes) + "-" +
-                            text::hex(seams.random_bytes(NAME_TOKEN_BYTES));
+                            text::hex(seams.random_bytes(local_cohort::ROOT_TOKEN_BYTES));
     roots.candidate_root = client_manifest::ensure_contained_directory(data_dir, roots.repair_relative);
     return roots;
   }

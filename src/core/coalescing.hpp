@@ -1,9 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "host/event.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -15,24 +15,24 @@ inline constexpr double COALESCING_WAIT_SECONDS = 30.0;
 class Coalescing {
  public:
   std::shared_ptr<Event> current() const {
-    const std::lock_guard guard(_coalescing_lock);
+    const MutexLock guard(_coalescing_lock);
     return _coalescing_event;
   }
   std::shared_ptr<Event> install() {
-    const std::lock_guard guard(_coalescing_lock);
+    const MutexLock guard(_coalescing_lock);
     _coalescing_event = std::make_shared<Event>();
     return _coalescing_event;
   }
   /// Wakes those who wait for `event`, and leaves none.
   void finish(const std::shared_ptr<Event>& event) {
-    const std::lock_guard guard(_coalescing_lock);
+    const MutexLock guard(_coalescing_lock);
     event->set();
     _coalescing_event = nullptr;
   }
 
  private:
-  mutable std::mutex _coalescing_lock;  // guards the reference; a leaf, never held across a sync or a wait
-  std::shared_ptr<Event> _coalescing_event;
+  mutable Mutex _coalescing_lock;  // a leaf, never held across a sync or a wait
+  std::shared_ptr<Event> _coalescing_event GUARDED_BY(_coalescing_lock);
 };
 
 }  // namespace tidalcrest::sync

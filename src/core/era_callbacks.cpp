@@ -8,13 +8,13 @@ namespace tidalcrest::sync {
 
 void EraCallbacks::register_era_callback(EraCallback callback) {
   auto registered = std::make_shared<const EraCallback>(std::move(callback));
-  const std::lock_guard guard(_era_callbacks_lock);
+  const MutexLock guard(_era_callbacks_lock);
   _era_callbacks.push_back(std::move(registered));
 }
 
 void EraCallbacks::unregister_era_callback(const EraCallback& callback) {
   std::shared_ptr<const EraCallback> removed;  // destroyed after the lock is free
-  const std::lock_guard guard(_era_callbacks_lock);
+  const MutexLock guard(_era_callbacks_lock);
   const auto found = std::find_if(_era_callbacks.begin(), _era_callbacks.end(),
                                   [&](const auto& known) { return known->identity == callback.identity; });
   if (found == _era_callbacks.end()) return;
@@ -25,7 +25,7 @@ void EraCallbacks::unregister_era_callback(const EraCallback& callback) {
 void EraCallbacks::_notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
   std::vector<std::shared_ptr<const EraCallback>> callbacks;
   {
-    const std::lock_guard guard(_era_callbacks_lock);
+    const MutexLock guard(_era_callbacks_lock);
     callbacks = _era_callbacks;
   }
   for (const auto& callback : callbacks) {

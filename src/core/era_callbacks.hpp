@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "tidalcrest/sync/era_callback.hpp"
 
 namespace tidalcrest::sync {
@@ -22,8 +22,8 @@ class EraCallbacks {
   void _notify_era_callbacks(const std::string& event_type, std::int64_t era_number);
 
  private:
-  std::mutex _era_callbacks_lock;  // a leaf
-  std::vector<std::shared_ptr<const EraCallback>> _era_callbacks;
+  Mutex _era_callbacks_lock;  // a leaf
+  std::vector<std::shared_ptr<const EraCallback>> _era_callbacks GUARDED_BY(_era_callbacks_lock);
 };
 
 }  // namespace tidalcrest::sync

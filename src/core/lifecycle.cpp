@@ -43,7 +43,7 @@ Lifecycle::~Lifecycle() {
 }
 
 void Lifecycle::acquire() {
-  const std::lock_guard guard(_consumer_lock);
+  const MutexLock guard(_consumer_lock);
   _with.consumers.set(_with.consumers.value() + 1);
   if (_consumer_lifecycle_started || !_start_internal()) return;
   _consumer_lifecycle_started = true;
@@ -51,8 +51,8 @@ void Lifecycle::acquire() {
 
 std::shared_ptr<SyncManager> Lifecycle::release() {
   auto& registry = Registry::of_this_process();
-  const std::lock_guard class_guard(registry._class_lock);  // eviction must not race a creation
-  const std::lock_guard guard(_consumer_lock);
+  const MutexLock class_guard(registry._class_lock);  // eviction must not race a creation
+  const MutexLock guard(_consumer_lock);
   const std::int64_t count = _with.consumers.value();
   if (count <= 0) return nullptr;
   _with.consumers.set(count - 1);
@@ -71,12 +71,12 @@ void Lifecycle::stop() {
 }
 
 bool Lifecycle::is_alive() const {
-  const std::lock_guard guard(_threads_mutex);
+  const MutexLock guard(_threads_mutex);
   return _sync_thread && _sync_thread->is_alive();
 }
 
 bool Lifecycle::_start_sync_thread() {
-  const std::lock_guard guard(_threads_mutex);
+  const MutexLock guard(_threads_mutex);
   if (_with.state.running()) return false;
   auto stop = _with.state.renew_stop_event();
   _with.state.set_running(true);
@@ -99,7 +99,7 @@ bool Lifecycle::_start_internal() {
 void Lifecycle::_start_era_thread() {
   std::shared_ptr<EraMonitor> era_thread;
   {
-    const std::lock_guard guard(_threads_mutex);
+    const MutexLock guard(_threads_mutex);
     if (_era_thread) return;
     _era_thread = _with.make_era_thread(_notifier("kill"), _notifier("restart"));
     era_thread = _era_thread;
@@ -123,7 +123,7 @@ std::function<void()> Lifecycle::_notifier(const std::string& event_type) const 
 void Lifecycle::_stop_internal() {
   std::shared_ptr<BackgroundThread> sync_thread;
   {
-    const std::lock_guard guard(_threads_mutex);
+    const MutexLock guard(_threads_mutex);
     _with.state.stop_event()->set();
     sync_thread = _sync_thread;
   }
@@ -133,7 +133,7 @@ void Lifecycle::_stop_internal() {
   if (!inside_sync) const std::lock_guard wait_for_sync(_with.lock._sync_lock());
   if (sync_thread) sync_thread->join_for(_patience.poll_thread);
   {
-    const std::lock_guard guard(_threads_mutex);
+    const MutexLock guard(_threads_mutex);
     if (_sync_thread == sync_thread) {  // else another stop ended this run, and a new one began
       _with.state.set_running(false);
       _consumer_lifecycle_started = false;
@@ -146,7 +146,7 @@ void Lifecycle::_stop_internal() {
 void Lifecycle::_stop_era_thread() {
   std::shared_ptr<EraMonitor> era_thread;
   {
-    const std::lock_guard guard(_threads_mutex);
+    const MutexLock guard(_threads_mutex);
     era_thread = std::exchange(_era_thread, nullptr);
   }
   if (!era_thread) return;

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "cohort/active_view.hpp"
@@ -16,6 +15,7 @@
 #include "era/era_monitor.hpp"
 #include "host/background_thread.hpp"
 #include "host/event.hpp"
+#include "host/mutex.hpp"
 #include "host/seams.hpp"
 
 namespace tidalcrest::sync {
@@ -85,13 +85,11 @@ class Lifecycle {
   const Seams _seams;
   const StopPatience _patience;
 
-  std::mutex
-      _consumer_lock;  // guards the changes of the count, and is held over starts and stops by consumers
+  Mutex _consumer_lock;  // over changes of the count, with the starts and stops that follow from them
   std::atomic<bool> _consumer_lifecycle_started = false;  // threads were started by `acquire`
-  mutable std::mutex
-      _threads_mutex;  // guards the two handles below; a leaf, never held while waiting for a thread
-  std::shared_ptr<BackgroundThread> _sync_thread;
-  std::shared_ptr<EraMonitor> _era_thread;
+  mutable Mutex _threads_mutex;                           // a leaf, never held while waiting for a thread
+  std::shared_ptr<BackgroundThread> _sync_thread GUARDED_BY(_threads_mutex);
+  std::shared_ptr<EraMonitor> _era_thread GUARDED_BY(_threads_mutex);
 };
 
 }  // namespace tidalcrest::sync

@@ -2,12 +2,12 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
 #include "host/event.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -28,13 +28,13 @@ class ManagerState {
 
   /// Ends the poll loop, and the waits of the threads that run under it.
   std::shared_ptr<Event> stop_event() const {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     return _stop_event;
   }
   /// A cleared event for the threads of a new run. A thread that outlived its stop keeps the event that was
   /// set for it, so that a new start never revives it.
   std::shared_ptr<Event> renew_stop_event() {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _stop_event = std::make_shared<Event>();
     return _stop_event;
   }
@@ -49,20 +49,20 @@ class ManagerState {
   void leave_transition() noexcept { _transition_thread = std::thread::id{}; }
 
   std::optional<std::string> status_message() const {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     return _status_message;
   }
   void set_status_message(std::optional<std::string> message) {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _status_message = std::move(message);
   }
 
  private:
   std::atomic<bool> _running = false;
   std::atomic<std::thread::id> _transition_thread;  // the id of no thread when none runs
-  mutable std::mutex _mutex;                        // guards the two members below; a leaf
-  std::shared_ptr<Event> _stop_event = std::make_shared<Event>();
-  std::optional<std::string> _status_message;
+  mutable Mutex _mutex;                             // a leaf
+  std::shared_ptr<Event> _stop_event GUARDED_BY(_mutex) = std::make_shared<Event>();
+  std::optional<std::string> _status_message GUARDED_BY(_mutex);
 };
 
 }  // namespace tidalcrest::sync

@@ -2,8 +2,9 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -15,8 +16,8 @@ class SyncManager;
 /// file and lock work included) and across the release of the last consumer, so that two threads never build
 /// two managers for one directory and eviction never races a creation.
 struct Registry {
-  std::mutex _class_lock;  // guards `_instances`
-  std::map<std::string, std::shared_ptr<SyncManager>> _instances;
+  Mutex _class_lock;
+  std::map<std::string, std::shared_ptr<SyncManager>> _instances GUARDED_BY(_class_lock);
 
   static Registry& of_this_process();
 };

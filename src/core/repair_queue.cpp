@@ -39,12 +39,12 @@ void RepairQueue::_process_repair_queue() {
 }
 
 void RepairQueue::_append(const std::string& file_path) {
-  const std::lock_guard guard(_repair_lock);
+  const MutexLock guard(_repair_lock);
   _repair_queue.push_back(file_path);
 }
 
 std::vector<std::string> RepairQueue::_take_all() {
-  const std::lock_guard guard(_repair_lock);
+  const MutexLock guard(_repair_lock);
   return std::exchange(_repair_queue, {});
 }
 

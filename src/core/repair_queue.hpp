@@ -2,12 +2,12 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "cohort/active_view.hpp"
 #include "core/manager_state.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -40,8 +40,8 @@ class RepairQueue {
   const ManagerState& _state;
   const ActiveViewHolder& _active;
   const RepairFunction _repair;
-  std::mutex _repair_lock;  // guards the queue
-  std::vector<std::string> _repair_queue;
+  Mutex _repair_lock;
+  std::vector<std::string> _repair_queue GUARDED_BY(_repair_lock);
 };
 
 }  // namespace tidalcrest::sync

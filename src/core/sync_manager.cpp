@@ -30,7 +30,7 @@ std::shared_ptr<SyncManager> SyncManager::get_or_create(SyncOptions options) {
   const std::string key = canonical_path(options.data_dir);
   const std::int64_t market_id = _coerce_agent_market_id(options.market_id);
   auto& registry = Registry::of_this_process();
-  const std::lock_guard guard(registry._class_lock);
+  const MutexLock guard(registry._class_lock);
   const auto known = registry._instances.find(key);
   if (known == registry._instances.end()) {
     auto manager = std::make_shared<SyncManager>(std::move(options));
@@ -53,7 +53,7 @@ void SyncManager::_evict(const std::string& data_dir) {
   const std::string key = canonical_path(data_dir);
   std::shared_ptr<SyncManager> evicted;  // destroyed after the lock is free
   auto& registry = Registry::of_this_process();
-  const std::lock_guard guard(registry._class_lock);
+  const MutexLock guard(registry._class_lock);
   if (auto node = registry._instances.extract(key)) evicted = std::move(node.mapped());
 }
 

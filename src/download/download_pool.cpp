@@ -35,13 +35,14 @@ DownloadPool::~DownloadPool() {
 }
 
 std::optional<DownloadPool::End> DownloadPool::next_end(const Deadline& deadline) {
-  std::unique_lock lock(_mutex);
+  MutexLock lock(_mutex);
   if (_handed_out == _tasks) return std::nullopt;
-  const auto has_end = [this] { return !_ends.empty(); };
-  if (deadline) {
-    if (!_ended.wait_until(lock, *deadline, has_end)) return std::nullopt;
-  } else {
-    _ended.wait(lock, has_end);
+  while (_ends.empty()) {
+    if (!deadline) {
+      lock.wait(_ended);
+    } else if (!lock.wait_until(_ended, *deadline) && _ends.empty()) {
+      return std::nullopt;
+    }
   }
   End end = std::move(_ends.front());
   _ends.pop_front();
@@ -51,12 +52,12 @@ std::optional<DownloadPool::End> DownloadPool::next_end(const Deadline& deadline
 }
 
 void DownloadPool::cancel() {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   _cancelled = true;
 }
 
 std::vector<std::size_t> DownloadPool::pending() const {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   std::vector<std::size_t> indices;
   for (std::size_t index = 0; index < _tasks; ++index) {
     if (!_is_handed_out[index]) indices.push_back(index);
@@ -77,7 +78,7 @@ void DownloadPool::_work() {
 }
 
 std::optional<std::size_t> DownloadPool::_take() {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   if (_cancelled || _next == _tasks) return std::nullopt;
   return _next++;
 }
@@ -85,7 +86,7 @@ std::optional<std::size_t> DownloadPool::_take() {
 void DownloadPool::_put(End end) {
   bool worth_waking = end.failure != nullptr;
   {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _ends.push_back(std::move(end));
     const bool is_last = _handed_out + _ends.size() == _tasks;
     worth_waking = worth_waking || is_last || _ends.size() % ENDS_PER_WAKING == 0;

@@ -6,11 +6,11 @@
 #include <deque>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "tidalcrest/sync/records.hpp"
 
 namespace tidalcrest::sync {
@@ -50,13 +50,13 @@ class DownloadPool {
 
   const std::size_t _tasks;
   const Task _task;
-  mutable std::mutex _mutex;  // guards the five members below; never held while a task runs
+  mutable Mutex _mutex;  // never held while a task runs
   std::condition_variable _ended;
-  std::size_t _next = 0;
-  std::size_t _handed_out = 0;
-  std::vector<bool> _is_handed_out;
-  std::deque<End> _ends;
-  bool _cancelled = false;
+  std::size_t _next GUARDED_BY(_mutex) = 0;
+  std::size_t _handed_out GUARDED_BY(_mutex) = 0;
+  std::vector<bool> _is_handed_out GUARDED_BY(_mutex);
+  std::deque<End> _ends GUARDED_BY(_mutex);
+  bool _cancelled GUARDED_BY(_mutex) = false;
   std::vector<std::thread> _workers;
 };
 

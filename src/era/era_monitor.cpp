@@ -52,7 +52,7 @@ class EraMonitor::Watch {
   void run(const Event& stop);
   bool poll_once();
   EraMemory memory() const {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     return _memory;
   }
 
@@ -68,14 +68,14 @@ class EraMonitor::Watch {
 
   const Options _options;
   const std::int64_t _market_id;
-  mutable std::mutex _mutex;  // guards the memory, which only the polling thread changes; a leaf
-  EraMemory _memory;
+  mutable Mutex _mutex;                  // a leaf
+  EraMemory _memory GUARDED_BY(_mutex);  // only the polling thread changes it
 };
 
 void EraMonitor::Watch::start_from(const EraTarget& target) {
   auto era_number = target.manifest_era_number();
   if (!era_number) return;
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   _memory.last_known_era_number = *std::move(era_number);
 }
 
@@ -118,7 +118,7 @@ void EraMonitor::Watch::_poll(const EraTarget& target) {
 void EraMonitor::Watch::_resume_after_cancelled_closing() {
   log::info("Era transition cancelled — resuming normal operation.");
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _memory.in_closing = false;
   }
   if (!_options.restart_searches_fn) return;
@@ -132,7 +132,7 @@ void EraMonitor::Watch::_resume_after_cancelled_closing() {
 // Acted on once: a failed one is not tried again while the server stays in it.
 void EraMonitor::Watch::_close_era(const EraTarget& target, const EraReport& report) {
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _memory.in_closing = true;
   }
   log_announcement(report);
@@ -148,7 +148,7 @@ void EraMonitor::Watch::_close_era(const EraTarget& target, const EraReport& rep
 void EraMonitor::Watch::_enter_new_era(const EraTarget& target, const EraReport& report) {
   Document previous_era_number;
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     previous_era_number = _memory.last_known_era_number;
     _memory.in_closing = false;
   }
@@ -159,7 +159,7 @@ void EraMonitor::Watch::_enter_new_era(const EraTarget& target, const EraReport&
     return;
   }
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _memory.last_known_era_number = report.era_number;
   }
   _clear_transition_failed();
@@ -180,7 +180,7 @@ void EraMonitor::Watch::_nudge(const Document& new_era_number, const Document& p
 
 void EraMonitor::Watch::_mark_transition_failed(const char* context, const std::exception& failure) {
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     _memory.transition_failed = true;
     _memory.last_transition_error = fmt::format("{}: {}", context, failure.what());
   }
@@ -188,7 +188,7 @@ void EraMonitor::Watch::_mark_transition_failed(const char* context, const std::
 }
 
 void EraMonitor::Watch::_clear_transition_failed() {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   _memory.transition_failed = false;
   _memory.last_transition_error.reset();
 }
@@ -199,7 +199,7 @@ EraMonitor::EraMonitor(Options options)
 EraMonitor::~EraMonitor() { stop(); }
 
 void EraMonitor::start() {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   if (_started) throw StateError("EraThread already started");
   // A thread that outlived its stop keeps the event that was set for it.
   _stop_event = std::make_shared<Event>();
@@ -216,18 +216,18 @@ void EraMonitor::start() {
 void EraMonitor::stop() {
   std::shared_ptr<BackgroundThread> thread;
   {
-    const std::lock_guard guard(_mutex);
+    const MutexLock guard(_mutex);
     if (!_started) return;
     _stop_event->set();
     thread = _thread;
   }
   if (thread) thread->join_for(_stop_patience);
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   if (_thread == thread) _started = false;
 }
 
 bool EraMonitor::is_alive() const {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   return _thread && _thread->is_alive();
 }
 

@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "host/background_thread.hpp"
 #include "host/event.hpp"
+#include "host/mutex.hpp"
 #include "tidalcrest/sync/constants.hpp"
 #include "tidalcrest/sync/era_thread.hpp"
 #include "transport/http_types.hpp"
@@ -62,10 +62,10 @@ class EraMonitor {
 
   const std::chrono::duration<double> _stop_patience;
   const std::shared_ptr<Watch> _watch;
-  mutable std::mutex _mutex;  // guards the three members below; never held while waiting for the thread
-  bool _started = false;
-  std::shared_ptr<Event> _stop_event;
-  std::shared_ptr<BackgroundThread> _thread;  // null before the first start
+  mutable Mutex _mutex;  // never held while waiting for the thread
+  bool _started GUARDED_BY(_mutex) = false;
+  std::shared_ptr<Event> _stop_event GUARDED_BY(_mutex);
+  std::shared_ptr<BackgroundThread> _thread GUARDED_BY(_mutex);  // null before the first start
 };
 
 }  // namespace tidalcrest::sync

@@ -99,7 +99,7 @@ void OldEraCleanup::_cleanup_old_eras_background(bool keep_current) const {
 
 void OldEraCleanupThread::_schedule_cleanup_old_eras(std::shared_ptr<const OldEraCleanup> cleanup,
                                                      bool keep_current) {
-  const std::lock_guard guard(_cleanup_lock);
+  const MutexLock guard(_cleanup_lock);
   if (_cleanup_thread && _cleanup_thread->is_alive()) return;
   _cleanup_thread = std::make_unique<BackgroundThread>(
       "tidalcrest-sync-cleanup",

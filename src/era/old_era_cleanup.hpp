@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "cohort/active_view.hpp"
 #include "host/background_thread.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -37,8 +37,8 @@ class OldEraCleanupThread {
   void _schedule_cleanup_old_eras(std::shared_ptr<const OldEraCleanup> cleanup, bool keep_current);
 
  private:
-  std::mutex _cleanup_lock;  // guards the thread; a leaf
-  std::unique_ptr<BackgroundThread> _cleanup_thread;
+  Mutex _cleanup_lock;  // a leaf
+  std::unique_ptr<BackgroundThread> _cleanup_thread GUARDED_BY(_cleanup_lock);
 };
 
 }  // namespace tidalcrest::sync

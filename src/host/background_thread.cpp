@@ -40,7 +40,7 @@ BackgroundThread::~BackgroundThread() {
 bool BackgroundThread::join_for(std::chrono::duration<double> patience) {
   if (_is_this_thread()) return false;
   if (!_ended->wait_for(patience)) return false;
-  const std::lock_guard guard(_join_mutex);
+  const MutexLock guard(_join_mutex);
   if (_thread.joinable()) _thread.join();
   return true;
 }

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "host/event.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -33,8 +33,8 @@ class BackgroundThread {
   bool _is_this_thread() const { return is_alive() && _id == std::this_thread::get_id(); }
 
   const std::shared_ptr<Event> _ended = std::make_shared<Event>();
-  std::mutex _join_mutex;  // guards `_thread`
-  std::thread _thread;
+  Mutex _join_mutex;
+  std::thread _thread GUARDED_BY(_join_mutex);
   std::thread::id _id;  // never changes after construction
 };
 

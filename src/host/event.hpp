@@ -2,7 +2,8 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
+
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -16,9 +17,9 @@ class Event {
   bool wait_for(std::chrono::duration<double> timeout) const;
 
  private:
-  mutable std::mutex _mutex;  // guards `_set`
+  mutable Mutex _mutex;
   mutable std::condition_variable _changed;
-  bool _set = false;
+  bool _set GUARDED_BY(_mutex) = false;
 };
 
 }  // namespace tidalcrest::sync

@@ -3,14 +3,14 @@
 namespace tidalcrest::sync {
 
 void HolderMutex::lock() {
-  std::unique_lock guard(_mutex);
-  _free.wait(guard, [this] { return !_held; });
+  MutexLock guard(_mutex);
+  while (_held) guard.wait(_free);
   _held = true;
   _holder = std::this_thread::get_id();
 }
 
 bool HolderMutex::try_lock() {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   if (_held) return false;
   _held = true;
   _holder = std::this_thread::get_id();
@@ -18,14 +18,14 @@ bool HolderMutex::try_lock() {
 }
 
 void HolderMutex::unlock() {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   _held = false;
   _holder = {};
   _free.notify_one();  // under the lock: the next holder may destroy the mutex
 }
 
 bool HolderMutex::held_by_this_thread() const {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   return _held && _holder == std::this_thread::get_id();
 }
 

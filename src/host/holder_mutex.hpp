@@ -1,8 +1,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
+
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -18,10 +19,10 @@ class HolderMutex {
   bool held_by_this_thread() const;
 
  private:
-  mutable std::mutex _mutex;  // guards the two members below
+  mutable Mutex _mutex;
   std::condition_variable _free;
-  bool _held = false;
-  std::thread::id _holder;
+  bool _held GUARDED_BY(_mutex) = false;
+  std::thread::id _holder GUARDED_BY(_mutex);
 };
 
 }  // namespace tidalcrest::sync

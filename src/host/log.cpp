@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <cstdio>
-#include <mutex>
 
 #include "host/failures.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -19,8 +19,9 @@ void write_to_standard_error(const LogRecord& record) {
 }
 
 struct Sink {
-  std::mutex mutex;  // guards `current`; never held while a sink runs
-  std::shared_ptr<const LogSink> current = std::make_shared<const LogSink>(write_to_standard_error);
+  Mutex mutex;  // never held while a sink runs
+  std::shared_ptr<const LogSink> current GUARDED_BY(mutex) =
+      std::make_shared<const LogSink>(write_to_standard_error);
 };
 
 // Never destroyed: a background thread may still speak while the process exits.
@@ -30,7 +31,7 @@ Sink& sink() {
 }
 
 std::shared_ptr<const LogSink> current_sink() {
-  const std::lock_guard lock(sink().mutex);
+  const MutexLock lock(sink().mutex);
   return sink().current;
 }
 
@@ -53,7 +54,7 @@ const char* log_level_name(LogLevel level) noexcept {
 void set_log_sink(LogSink replacement) {
   if (!replacement) replacement = write_to_standard_error;
   auto fresh = std::make_shared<const LogSink>(std::move(replacement));
-  const std::lock_guard lock(sink().mutex);
+  const MutexLock lock(sink().mutex);
   sink().current.swap(fresh);  // what it replaces goes after the lock is free
 }
 

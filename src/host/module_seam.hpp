@@ -2,7 +2,8 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
+
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -21,7 +22,7 @@ class ModuleSeam {
     std::function<std::shared_ptr<Module>()> resolver;
     std::shared_ptr<Module> installed;
     {
-      const std::lock_guard lock(_mutex);
+      const MutexLock lock(_mutex);
       resolver = _resolver;
       installed = _installed;
     }
@@ -33,20 +34,20 @@ class ModuleSeam {
 
   /// Replaces the module; null restores the built-in one.
   void install(std::shared_ptr<Module> module) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _installed = module ? std::move(module) : _built_in;
   }
 
   /// Asked first at every use; gives null when the host has no replacement. Empty removes it.
   void set_resolver(std::function<std::shared_ptr<Module>()> resolver) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _resolver = std::move(resolver);
   }
 
  private:
-  mutable std::mutex _mutex;  // guards the two replaceable members
-  std::function<std::shared_ptr<Module>()> _resolver;
-  std::shared_ptr<Module> _installed;
+  mutable Mutex _mutex;
+  std::function<std::shared_ptr<Module>()> _resolver GUARDED_BY(_mutex);
+  std::shared_ptr<Module> _installed GUARDED_BY(_mutex);
   const std::shared_ptr<Module> _built_in;
 };
 

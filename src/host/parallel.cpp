@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <exception>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "host/threads.hpp"
 
 namespace tidalcrest::sync {
@@ -16,23 +16,28 @@ namespace {
 struct Run {
   const std::size_t count;
   const std::function<void(std::size_t)>& work;
-  std::mutex mutex;  // guards the three members below
-  std::size_t next = 0;
-  std::size_t failed_index;
-  std::exception_ptr failure;
+  Mutex mutex;
+  std::size_t next GUARDED_BY(mutex) = 0;
+  std::size_t failed_index GUARDED_BY(mutex);
+  std::exception_ptr failure GUARDED_BY(mutex);
 
   bool take(std::size_t& index) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (next >= failed_index) return false;
     index = next++;
     return true;
   }
 
   void record_failure(std::size_t index) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (index >= failed_index) return;
     failed_index = index;
     failure = std::current_exception();
+  }
+
+  void rethrow_failure() {
+    const MutexLock lock(mutex);
+    if (failure) std::rethrow_exception(failure);
   }
 
   void work_through() {
@@ -64,7 +69,7 @@ void parallel_in_order(std::size_t count, std::size_t workers, const std::functi
   }
   run.work_through();
   helpers.clear();  // joins
-  if (run.failure) std::rethrow_exception(run.failure);
+  run.rethrow_failure();
 }
 
 }  // namespace tidalcrest::sync

@@ -5,15 +5,15 @@
 namespace tidalcrest::sync {
 
 void ReentrantLock::lock() {
-  std::unique_lock guard(_mutex);
+  MutexLock guard(_mutex);
   const auto self = std::this_thread::get_id();
-  _free.wait(guard, [&] { return _depth == 0 || _holder == self; });
+  while (_depth != 0 && _holder != self) guard.wait(_free);
   _holder = self;
   ++_depth;
 }
 
 void ReentrantLock::unlock() {
-  const std::lock_guard guard(_mutex);
+  const MutexLock guard(_mutex);
   if (_depth == 0 || _holder != std::this_thread::get_id()) {
     throw RuntimeError("cannot release un-acquired lock");
   }

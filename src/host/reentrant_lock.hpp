@@ -1,8 +1,9 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <thread>
+
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync {
 
@@ -14,10 +15,10 @@ class ReentrantLock {
   void unlock();
 
  private:
-  std::mutex _mutex;  // guards the two members below
+  Mutex _mutex;
   std::condition_variable _free;
-  std::thread::id _holder;
-  int _depth = 0;
+  std::thread::id _holder GUARDED_BY(_mutex);
+  int _depth GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace tidalcrest::sync

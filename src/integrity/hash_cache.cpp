@@ -82,7 +82,7 @@ bool HashCache::_is_cached(const std::string& file_path, const FileStat& stat,
                            std::string_view expected_sha) const {
   const auto expected_bytes = sha256_bytes(expected_sha);
   if (!expected_bytes) return false;
-  const std::lock_guard lock(_hash_cache_lock);
+  const MutexLock lock(_hash_cache_lock);
   const auto entry = _hash_cache.find(file_path);
   return entry != _hash_cache.end() && entry->second == HashCacheEntry{*expected_bytes, stat};
 }
@@ -91,7 +91,7 @@ void HashCache::_remember_local_sha(const std::string& file_path, const FileIden
   const auto measured = sha256_bytes(identity.sha256);
   if (!measured) return;  // no digest; it could never be asked for
   const HashCacheEntry entry{*measured, identity};
-  const std::lock_guard lock(_hash_cache_lock);
+  const MutexLock lock(_hash_cache_lock);
   const auto [stored, fresh] = _hash_cache.try_emplace(file_path, entry);
   if (!fresh && stored->second == entry) return;
   stored->second = entry;
@@ -110,7 +110,7 @@ void HashCache::_remember_local_sha(const std::string& root, const std::string& 
 void HashCache::_persist_hash_cache() {
   std::vector<std::pair<std::string, HashCacheEntry>> entries;
   {
-    const std::lock_guard lock(_hash_cache_lock);
+    const MutexLock lock(_hash_cache_lock);
     if (!_hash_cache_dirty) return;
     entries.assign(_hash_cache.begin(), _hash_cache.end());
     _hash_cache_dirty = false;
@@ -119,7 +119,7 @@ void HashCache::_persist_hash_cache() {
     _atomic_write(_hash_cache_path, hash_cache_text(std::move(entries)));
   } catch (const std::exception& failure) {
     log::warning("Failed to persist sync hash cache: %s", failure.what());
-    const std::lock_guard lock(_hash_cache_lock);
+    const MutexLock lock(_hash_cache_lock);
     _hash_cache_dirty = true;
   }
 }

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "host/mutex.hpp"
 #include "integrity/hash_cache_file.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
@@ -55,9 +55,9 @@ class HashCache {
                 const Document& file_info, bool cache_allowed);
 
   const std::string _hash_cache_path;
-  mutable std::mutex _hash_cache_lock;  // guards the two members below
-  HashCacheEntries _hash_cache;
-  bool _hash_cache_dirty = false;
+  mutable Mutex _hash_cache_lock;
+  HashCacheEntries _hash_cache GUARDED_BY(_hash_cache_lock);
+  bool _hash_cache_dirty GUARDED_BY(_hash_cache_lock) = false;
 };
 
 }  // namespace tidalcrest::sync

@@ -39,7 +39,7 @@ void report(const Check& check, const Missing& missing, const Corrupted& corrupt
   }
 }
 
-// A stop ends the measuring like every other long proof.
+// A stop ends the measuring like every other long proof, within a large file too.
 void heed_stop_request() {
   const auto module = sync_backoff::module_seam().current();
   if (sync_backoff::is_stop_requested(module->current_context())) sync_backoff::cancel(*module);
@@ -58,8 +58,11 @@ class Verification {
       if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))
         continue;
       heed_stop_request();
-      report([&] { _pinned.verify_manifest_file_identity(file_path, "active cohort artifact"); },
-             [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
+      report(
+          [&] {
+            _pinned.verify_manifest_file_identity(file_path, "active cohort artifact", heed_stop_request);
+          },
+          [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
     }
   }
 

@@ -69,13 +69,13 @@ RotationPlanner::RotationPlanner(
 }
 
 RotationPlanner::ActiveState RotationPlanner::_active() const {
-  const std::lock_guard guard(_state_mutex);
+  const MutexLock guard(_state_mutex);
   return _active_rotation_state;
 }
 
 void RotationPlanner::_set_active(std::optional<RotationState> state) {
   auto next = std::make_shared<const std::optional<RotationState>>(std::move(state));
-  const std::lock_guard guard(_state_mutex);
+  const MutexLock guard(_state_mutex);
   _active_rotation_state.swap(next);
 }
 

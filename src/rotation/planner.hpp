@@ -2,12 +2,12 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "host/seams.hpp"
 #include "rotation/catalog.hpp"
 #include "rotation/search_refresh.hpp"
@@ -97,8 +97,8 @@ class RotationPlanner {
   const SearchConsumers& _consumers;
   const std::function<std::vector<std::string>(const Manifest&)> _prefetched_keep_paths;
   const Seams _seams;
-  mutable std::mutex _state_mutex;  // guards the pointer below; a leaf, held for the copy of one pointer
-  ActiveState _active_rotation_state;
+  mutable Mutex _state_mutex;  // a leaf, held for the copy of one pointer
+  ActiveState _active_rotation_state GUARDED_BY(_state_mutex);
 };
 
 }  // namespace tidalcrest::sync

@@ -25,7 +25,7 @@ void PrefetchedFeatures::_remember_prefetched_feature_relative_paths(
     const Manifest& manifest, const std::vector<std::string>& relative_paths) {
   const auto paths = _manifest_prefetched_feature_paths(manifest, relative_paths);
   if (paths.empty()) return;
-  const std::lock_guard guard(_prefetched_feature_lock);
+  const MutexLock guard(_prefetched_feature_lock);
   _switch_era_if_needed(manifest);
   _prefetched_feature_relative_paths.insert(paths.begin(), paths.end());
   _write_prefetched_feature_relative_paths(_prefetched_feature_era_number,
@@ -33,7 +33,7 @@ void PrefetchedFeatures::_remember_prefetched_feature_relative_paths(
 }
 
 std::vector<std::string> PrefetchedFeatures::_prefetched_feature_keep_paths(const Manifest& manifest) {
-  const std::lock_guard guard(_prefetched_feature_lock);
+  const MutexLock guard(_prefetched_feature_lock);
   _switch_era_if_needed(manifest);
   return {_prefetched_feature_relative_paths.begin(), _prefetched_feature_relative_paths.end()};
 }

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "tidalcrest/sync/manifest.hpp"
 
 namespace tidalcrest::sync {
@@ -23,15 +23,15 @@ class PrefetchedFeatures {
   std::vector<std::string> _prefetched_feature_keep_paths(const Manifest& manifest);
 
  private:
-  void _switch_era_if_needed(const Manifest& manifest);
+  void _switch_era_if_needed(const Manifest& manifest) REQUIRES(_prefetched_feature_lock);
   std::set<std::string> _read_prefetched_feature_relative_paths(const Manifest& manifest) const;
   void _write_prefetched_feature_relative_paths(std::optional<std::int64_t> era_number,
                                                 const std::set<std::string>& relative_paths) const;
 
   const std::string _data_dir;
-  std::mutex _prefetched_feature_lock;  // guards the two members below and the file; a leaf
-  std::optional<std::int64_t> _prefetched_feature_era_number;
-  std::set<std::string> _prefetched_feature_relative_paths;
+  Mutex _prefetched_feature_lock;  // guards the file too; a leaf
+  std::optional<std::int64_t> _prefetched_feature_era_number GUARDED_BY(_prefetched_feature_lock);
+  std::set<std::string> _prefetched_feature_relative_paths GUARDED_BY(_prefetched_feature_lock);
 };
 
 }  // namespace tidalcrest::sync

@@ -77,7 +77,7 @@ const Document& _rotation_vocabulary_for_consumer(const Vocabularies* vocabulary
 }
 
 void SearchConsumers::register_rotation_search_consumer(std::shared_ptr<RotationSearchConsumer> consumer) {
-  const std::lock_guard guard(_rotation_search_consumers_lock);
+  const MutexLock guard(_rotation_search_consumers_lock);
   auto& consumers = _rotation_search_consumers;
   const auto is_same = [&](const auto& known) { return known->equals(*consumer); };
   if (std::none_of(consumers.begin(), consumers.end(), is_same)) consumers.push_back(std::move(consumer));
@@ -85,7 +85,7 @@ void SearchConsumers::register_rotation_search_consumer(std::shared_ptr<Rotation
 
 void SearchConsumers::unregister_rotation_search_consumer(const RotationSearchConsumer& consumer) {
   std::shared_ptr<RotationSearchConsumer> removed;  // released outside the lock: its destructor is not ours
-  const std::lock_guard guard(_rotation_search_consumers_lock);
+  const MutexLock guard(_rotation_search_consumers_lock);
   auto& consumers = _rotation_search_consumers;
   const auto is_same = [&](const auto& known) { return known->equals(consumer); };
   const auto found = std::find_if(consumers.begin(), consumers.end(), is_same);
@@ -96,7 +96,7 @@ void SearchConsumers::unregister_rotation_search_consumer(const RotationSearchCo
 
 std::vector<std::shared_ptr<RotationSearchConsumer>> SearchConsumers::_rotation_search_consumer_snapshot()
     const {
-  const std::lock_guard guard(_rotation_search_consumers_lock);
+  const MutexLock guard(_rotation_search_consumers_lock);
   return _rotation_search_consumers;
 }
 

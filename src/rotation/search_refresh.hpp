@@ -1,12 +1,12 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cohort/active_view.hpp"
+#include "host/mutex.hpp"
 #include "rotation/catalog.hpp"
 #include "tidalcrest/sync/search_consumer.hpp"
 
@@ -50,8 +50,9 @@ class SearchConsumers {
  private:
   std::vector<std::shared_ptr<RotationSearchConsumer>> _rotation_search_consumer_snapshot() const;
   const ActiveViewHolder& _active;
-  mutable std::mutex _rotation_search_consumers_lock;  // guards the list; a leaf
-  std::vector<std::shared_ptr<RotationSearchConsumer>> _rotation_search_consumers;
+  mutable Mutex _rotation_search_consumers_lock;  // a leaf
+  std::vector<std::shared_ptr<RotationSearchConsumer>> _rotation_search_consumers
+      GUARDED_BY(_rotation_search_consumers_lock);
 };
 
 }  // namespace tidalcrest::sync

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <map>
-#include <mutex>
 #include <set>
 
 #include "host/endpoint.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/mutex.hpp"
 #include "host/text.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/catalog/reason_descriptions.hpp"
@@ -17,8 +17,8 @@
 namespace tidalcrest::sync {
 namespace {
 
-std::mutex coalesce_mutex;  // guards `coalesce_counts`; a leaf, nothing is logged under it
-std::map<std::string, int> coalesce_counts;
+Mutex coalesce_mutex;  // a leaf, nothing is logged under it
+std::map<std::string, int> coalesce_counts GUARDED_BY(coalesce_mutex);
 
 // The member, null when it is absent.
 const Document& member(const Document& object, const std::string& key) {
@@ -194,7 +194,7 @@ std::string _sync_event_coalesce_key(const Document& event) {
 bool _should_emit_sync_event(const Document& event) {
   if (!_sync_event_is_coalescible(event)) return true;
   const std::string key = _sync_event_coalesce_key(event);
-  const std::lock_guard lock(coalesce_mutex);
+  const MutexLock lock(coalesce_mutex);
   return coalesce_counts[key]++ < SYNC_EVENT_COALESCE_LIMIT;
 }
 

@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
 
+#include "host/mutex.hpp"
 #include "transport/transfer.hpp"
 #include "transport/url_parts.hpp"
 
@@ -67,7 +67,7 @@ class InProcessClient::Pool {
  private:
   Handle _take() {
     {
-      const std::lock_guard lock(_mutex);
+      const MutexLock lock(_mutex);
       _leave_to_parent();
       if (!_idle.empty()) {
         Handle warm = std::move(_idle.back());
@@ -83,21 +83,21 @@ class InProcessClient::Pool {
   void _give_back(Handle handle) noexcept {
     // The options point into a transfer that is gone.
     curl_easy_reset(handle.get());
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     if (_idle.size() < IDLE_HANDLE_LIMIT) _idle.push_back(std::move(handle));
   }
 
   // A forked child shares its parent's connections: used or closed by both, they would carry the one's
   // answers to the other.
-  void _leave_to_parent() noexcept {
+  void _leave_to_parent() noexcept REQUIRES(_mutex) {
     if (std::exchange(_owner, ::getpid()) == ::getpid()) return;
     for (auto& handle : _idle) static_cast<void>(handle.release());
     _idle.clear();
   }
 
-  std::mutex _mutex;  // guards the two members below
-  std::vector<Handle> _idle;
-  pid_t _owner = ::getpid();
+  Mutex _mutex;
+  std::vector<Handle> _idle GUARDED_BY(_mutex);
+  pid_t _owner GUARDED_BY(_mutex) = ::getpid();
 };
 
 InProcessClient::InProcessClient() {

@@ -5,19 +5,19 @@
 namespace tidalcrest::sync {
 
 void Credentials::set_get_token(TokenSupplier supplier) {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   _get_token = std::move(supplier);
 }
 
 void Credentials::set_get_wallet_secret(WalletSecretSupplier supplier) {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   _get_wallet_secret = std::move(supplier);
 }
 
 std::string Credentials::get_token() const {
   TokenSupplier supplier;
   {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     supplier = _get_token;
   }
   if (!supplier) throw TypeError("get_token must be callable, got NoneType");
@@ -25,7 +25,7 @@ std::string Credentials::get_token() const {
 }
 
 Credentials::WalletSecretSupplier Credentials::wallet_secret_supplier() const {
-  const std::lock_guard lock(_mutex);
+  const MutexLock lock(_mutex);
   return _get_wallet_secret;
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "host/mutex.hpp"
 #include "transport/http_client.hpp"
 #include "transport/runtime_knobs.hpp"
 
@@ -24,9 +24,9 @@ class Credentials {
   WalletSecretSupplier wallet_secret_supplier() const;  ///< empty when none was given
 
  private:
-  mutable std::mutex _mutex;  // guards the two suppliers
-  TokenSupplier _get_token;
-  WalletSecretSupplier _get_wallet_secret;
+  mutable Mutex _mutex;
+  TokenSupplier _get_token GUARDED_BY(_mutex);
+  WalletSecretSupplier _get_wallet_secret GUARDED_BY(_mutex);
 };
 
 /// The manager's own forms of the requests: a fresh token for each authenticated call, the configured

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
+#include "host/mutex.hpp"
 #include "tidalcrest/sync/document.hpp"
 
 namespace tidalcrest::sync {
@@ -25,10 +25,10 @@ class RuntimeKnobs {
   std::int64_t max_concurrency() const;
 
  private:
-  mutable std::mutex _mutex;  // guards the three values
-  std::string _transport;
-  std::int64_t _chunk_bytes = 0;
-  std::int64_t _max_concurrency = 0;
+  mutable Mutex _mutex;
+  std::string _transport GUARDED_BY(_mutex);
+  std::int64_t _chunk_bytes GUARDED_BY(_mutex) = 0;
+  std::int64_t _max_concurrency GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace tidalcrest::sync

@@ -10,16 +10,10 @@ namespace tidalcrest::sync {
 namespace {
 
 using origin::Fault;
+using testing::entries_of;
 using testing::eventually;
 using testing::failure_of;
 using ::testing::StartsWith;
-
-std::size_t entries_of(const char* directory) {
-  std::size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(directory))
-    count += entry.path().empty() ? 0 : 1;
-  return count;
-}
 
 struct Held {
   std::size_t threads = entries_of("/proc/self/task");

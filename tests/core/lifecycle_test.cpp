@@ -8,6 +8,7 @@
 #include "core/registry.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "siblings/telemetry/logging_style.hpp"
+#include "support/command.hpp"
 #include "support/eventually.hpp"
 #include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
@@ -18,6 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 using origin::Fault;
 using ::testing::ElementsAre;
+using testing::entries_of;
 using testing::eventually;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -34,7 +36,7 @@ class LifecycleTest : public testing::SyncFixture {
   }
   bool is_registered() const {
     auto& registry = Registry::of_this_process();
-    const std::lock_guard guard(registry._class_lock);
+    const MutexLock guard(registry._class_lock);
     return registry._instances.contains(canonical_path(data.path()));
   }
   bool monitors() const { return !origin.requests("/market/1/era/current").empty(); }

@@ -109,6 +109,18 @@ TEST_F(CommandLineTest, ADirectoryTellsOfItselfWithoutAServer) {
   EXPECT_THAT(origin.requests(), IsEmpty());
 }
 
+TEST_F(CommandLineTest, WhatTheDiskCannotHoldIsNotBegun) {
+  origin.publish(
+      small_distribution().file("atlas.bin", "atlas", "reference", {{"size_bytes", std::int64_t{1} << 60}}));
+  const Outcome outcome = run(remote("sync", {"--json"}));
+  EXPECT_EQ(outcome.code, 5);
+  EXPECT_EQ(outcome.json().at("exit_code"), 5);
+  EXPECT_EQ(outcome.json().at("error").at("type"), "DiskSpaceError");
+  EXPECT_THAT(origin.requests("atlas.bin"), IsEmpty());
+  EXPECT_THAT(run(remote("sync")).errors, HasSubstr("Insufficient disk space"));
+  EXPECT_EQ(status().at("state"), "empty");
+}
+
 TEST_F(CommandLineTest, RepairBringsBackWhatIsDamaged) {
   origin.publish(small_distribution());
   ASSERT_EQ(run(remote("sync")).code, 0);

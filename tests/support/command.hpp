@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,12 @@
 #include "support/temp_dir.hpp"
 
 namespace tidalcrest::sync::testing {
+
+/// Of "/proc/self/task" the threads, of "/proc/self/fd" the descriptors of this process.
+inline std::size_t entries_of(const char* directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
 
 /// The command line in a process of its own, its output kept. Killed by the destructor when it still runs.
 class Command {

@@ -1,14 +1,13 @@
 #include "siblings/auth/auth.hpp"
 
-#include <mutex>
-
 #include "host/log.hpp"
+#include "host/mutex.hpp"
 
 namespace tidalcrest::sync::auth {
 namespace {
 
-std::mutex notified_mutex;  // guards `notified_era_number`
-std::optional<std::int64_t> notified_era_number;
+Mutex notified_mutex;
+std::optional<std::int64_t> notified_era_number GUARDED_BY(notified_mutex);
 
 // A token is asked for anew at every request, so there is no cached one to drop: the change is noted and
 // told.
@@ -16,7 +15,7 @@ class BuiltIn final : public Module {
  public:
   void notify_era_change(std::int64_t era_number) override {
     {
-      const std::lock_guard lock(notified_mutex);
+      const MutexLock lock(notified_mutex);
       notified_era_number = era_number;
     }
     log::info("Authentication was told of era %d", era_number);
@@ -33,7 +32,7 @@ ModuleSeam<Module>& module_seam() {
 void notify_era_change(std::int64_t era_number) { module_seam().current()->notify_era_change(era_number); }
 
 std::optional<std::int64_t> last_notified_era_number() {
-  const std::lock_guard lock(notified_mutex);
+  const MutexLock lock(notified_mutex);
   return notified_era_number;
 }
 

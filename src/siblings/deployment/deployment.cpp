@@ -4,10 +4,10 @@
 
 #include <chrono>
 #include <filesystem>
-#include <mutex>
 
 #include "host/child_process.hpp"
 #include "host/log.hpp"
+#include "host/mutex.hpp"
 #include "siblings/deployment/version.hpp"
 
 namespace tidalcrest::sync::deployment {
@@ -82,13 +82,13 @@ class BuiltIn final : public Module {
   }
 
   void configure(Settings settings) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _settings = std::move(settings);
   }
 
  private:
   Settings _current_settings() {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     return _settings;
   }
 
@@ -116,8 +116,8 @@ class BuiltIn final : public Module {
     return {.success = true, .warning = std::nullopt};
   }
 
-  std::mutex _mutex;  // guards `_settings`
-  Settings _settings;
+  Mutex _mutex;
+  Settings _settings GUARDED_BY(_mutex);
 };
 
 const std::shared_ptr<BuiltIn>& built_in() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@ namespace tidalcrest::sync::local_cohort {
 inline constexpr const char* REPAIR_ROOT_PREFIX = ".repair-";      ///< staging aside of a live generation
 inline constexpr const char* LEFTOVER_ROOT_PREFIX = ".leftover-";  ///< a failed staging, moved out of the way
 inline constexpr const char* REMOVED_ROOT_PREFIX = ".removed-";    ///< a collected generation on its way out
+inline constexpr std::size_t ROOT_TOKEN_BYTES = 16;                ///< of randomness behind such a prefix
 
 enum class CohortRootKind {
   complete,    ///< a generation root with its manifest and completion files

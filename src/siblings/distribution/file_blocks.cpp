@@ -76,8 +76,8 @@ void write_all(int descriptor, std::string_view bytes, const std::string& what) 
   }
 }
 
-std::string hash_exactly(int descriptor, std::int64_t size, std::int64_t block_bytes,
-                         const std::string& what) {
+std::string hash_exactly(int descriptor, std::int64_t size, std::int64_t block_bytes, const std::string& what,
+                         const std::function<void()>& after_block) {
   Sha256 hash;
   const auto block = static_cast<std::size_t>(std::min(size, block_bytes));
   const auto buffer = std::make_unique_for_overwrite<char[]>(block);
@@ -86,6 +86,7 @@ std::string hash_exactly(int descriptor, std::int64_t size, std::int64_t block_b
     if (count == 0) throw OSError(what + ": became shorter while it was read");
     hash.update({buffer.get(), count});
     left -= count;
+    if (after_block) after_block();
   }
   return hash.hexdigest();
 }

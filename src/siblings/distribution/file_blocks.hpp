@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -17,9 +18,9 @@ std::size_t read_some(int descriptor, char* buffer, std::size_t size, const std:
 std::string read_to_end(int descriptor, std::int64_t size_hint, const std::string& what);
 void write_all(int descriptor, std::string_view bytes, const std::string& what);
 /// Digest of the `size` bytes from the current offset on, in blocks of at most `block_bytes`. Absent bytes
-/// are a failure: the file became shorter meanwhile.
-std::string hash_exactly(int descriptor, std::int64_t size, std::int64_t block_bytes,
-                         const std::string& what);
+/// are a failure: the file became shorter meanwhile. `after_block` may end it by throwing.
+std::string hash_exactly(int descriptor, std::int64_t size, std::int64_t block_bytes, const std::string& what,
+                         const std::function<void()>& after_block = {});
 /// Copies a whole file of `size` bytes into an empty one: shares the blocks where the file system can, else
 /// copies inside the kernel, else reads and writes.
 void copy_contents(int from, int to, std::int64_t size, const std::string& what);

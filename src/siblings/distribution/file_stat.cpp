@@ -23,10 +23,10 @@ FileStat file_stat_of(const struct stat& status) noexcept {
 }
 
 FileIdentity identify_opened_file(int descriptor, const struct stat& status, std::int64_t block_bytes,
-                                  const std::string& what) {
+                                  const std::string& what, const std::function<void()>& after_block) {
   FileIdentity identity;
   static_cast<FileStat&>(identity) = file_stat_of(status);
-  identity.sha256 = hash_exactly(descriptor, identity.size_bytes, block_bytes, what);
+  identity.sha256 = hash_exactly(descriptor, identity.size_bytes, block_bytes, what, after_block);
   struct stat after {};
   if (::fstat(descriptor, &after) != 0) throw_os_error(errno, what);
   if (file_stat_of(after) != static_cast<const FileStat&>(identity)) {

@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <map>
-#include <mutex>
 
+#include "host/mutex.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -21,21 +21,21 @@ constexpr const char* COMPLETION_LABEL = "local cohort completion record";
 class ParsedSelections {
  public:
   std::shared_ptr<const Selection> find(const std::string& base_dir, const std::string& manifest_bytes) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     const auto known = _by_base_dir.find(base_dir);
     if (known == _by_base_dir.end()) return nullptr;
     auto selection = known->second.lock();
     return selection && selection->manifest_bytes == manifest_bytes ? selection : nullptr;
   }
   void remember(const std::shared_ptr<const Selection>& selection) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     std::erase_if(_by_base_dir, [](const auto& entry) { return entry.second.expired(); });
     _by_base_dir[selection->base_dir] = selection;
   }
 
  private:
-  std::mutex _mutex;  // guards the map; a leaf
-  std::map<std::string, std::weak_ptr<const Selection>> _by_base_dir;
+  Mutex _mutex;  // a leaf
+  std::map<std::string, std::weak_ptr<const Selection>> _by_base_dir GUARDED_BY(_mutex);
 };
 
 ParsedSelections& parsed_selections() {

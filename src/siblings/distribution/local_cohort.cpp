@@ -13,6 +13,7 @@
 #include "host/log.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/disk_calls.hpp"
+#include "siblings/distribution/file_blocks.hpp"
 #include "siblings/distribution/file_lock.hpp"
 #include "siblings/distribution/generation_loading.hpp"
 
@@ -163,12 +164,14 @@ bool has_same_record(const Selection& selection) {
 Pin::Pin(std::shared_ptr<const Selection> selection, PinnedRoot root)
     : selection(std::move(selection)), root(std::move(root)) {}
 
-void Pin::verify_manifest_file_identity(const std::string& path, const std::string& label) const {
+void Pin::verify_manifest_file_identity(const std::string& path, const std::string& label,
+                                        const std::function<void()>& after_block) const {
   const RecordedIdentity* expected = selection->members.find(path);
   if (expected == nullptr) {
     throw LocalCohortError(fmt::format("{}: {}: not a member of the active local cohort", label, path));
   }
-  const auto measured = root.identify_regular_file(path, label);
+  const auto measured =
+      root.identify_regular_file(path, label, client_manifest::DEFAULT_BLOCK_BYTES, after_block);
   if (measured.size_bytes != expected->size_bytes) {
     throw ValueError(fmt::format("{}: {}: size mismatch: expected {} bytes, got {}", label, path,
                                  expected->size_bytes, measured.size_bytes));

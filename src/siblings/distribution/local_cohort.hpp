@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -68,8 +69,9 @@ class Pin {
   client_manifest::PinnedRoot root;  ///< its descriptor holds the lock
   /// Measures one member against the identity that its generation recorded, and against the digest that the
   /// manifest declares. `FileNotFoundError`, `OSError`, `ValueError` (digest or size differs),
-  /// `LocalCohortError` (not a member).
-  void verify_manifest_file_identity(const std::string& path, const std::string& label) const;
+  /// `LocalCohortError` (not a member). `after_block` may end it by throwing.
+  void verify_manifest_file_identity(const std::string& path, const std::string& label,
+                                     const std::function<void()>& after_block = {}) const;
 };
 
 /// Pins what is selected at the moment of return. Throws `FileNotFoundError` when nothing is selected,

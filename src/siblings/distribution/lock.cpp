@@ -5,12 +5,12 @@
 #include <sys/file.h>
 
 #include <cerrno>
-#include <mutex>
 #include <set>
 #include <utility>
 
 #include "host/borrowed_process.hpp"
 #include "host/failures.hpp"
+#include "host/mutex.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/disk_calls.hpp"
@@ -66,10 +66,10 @@ int try_exclusively(int descriptor) {
 
 // Tried on a second description, by this process and by another one, once per lock file and process.
 void require_exclusion(const PinnedRoot& root, const Descriptor& held, const std::string& what) {
-  static std::mutex mutex;                                        // guards the set
-  static std::set<std::pair<std::int64_t, std::int64_t>> proven;  // device and inode
+  static Mutex mutex;
+  static std::set<std::pair<std::int64_t, std::int64_t>> proven GUARDED_BY(mutex);  // device and inode
   const FileStat lock_file = stat_of(held, what);
-  const std::lock_guard guard(mutex);
+  const MutexLock guard(mutex);
   const std::pair key(lock_file.device, lock_file.inode);
   if (proven.contains(key)) return;
   const Descriptor second = open_lock_file(root);

@@ -1,8 +1,8 @@
 #include "siblings/distribution/parsed_manifests.hpp"
 
 #include <map>
-#include <mutex>
 
+#include "host/mutex.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 
 namespace tidalcrest::sync::client_manifest {
@@ -11,19 +11,19 @@ namespace {
 class LivingDocuments {
  public:
   std::shared_ptr<const Document> find(const std::string& sha256) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     const auto known = _by_sha256.find(sha256);
     return known == _by_sha256.end() ? nullptr : known->second.lock();
   }
   void remember(const std::string& sha256, const std::shared_ptr<const Document>& document) {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     std::erase_if(_by_sha256, [](const auto& entry) { return entry.second.expired(); });
     _by_sha256[sha256] = document;
   }
 
  private:
-  std::mutex _mutex;  // guards the map; a leaf, never held while parsing
-  std::map<std::string, std::weak_ptr<const Document>> _by_sha256;
+  Mutex _mutex;  // a leaf, never held while parsing
+  std::map<std::string, std::weak_ptr<const Document>> _by_sha256 GUARDED_BY(_mutex);
 };
 
 LivingDocuments& living_documents() {

@@ -168,11 +168,12 @@ FileStat PinnedRoot::stat_regular_file(const std::string& path, const std::strin
 }
 
 FileIdentity PinnedRoot::identify_regular_file(const std::string& path, const std::string& label,
-                                               std::int64_t block_bytes) const {
+                                               std::int64_t block_bytes,
+                                               const std::function<void()>& after_block) const {
   check_member_path(path);
   const std::string what = _named(label, path);
   const OpenedFile file = open_regular(descriptor(), path, O_RDONLY, what);
-  return identify_opened_file(file.descriptor.get(), file.status, block_bytes, what);
+  return identify_opened_file(file.descriptor.get(), file.status, block_bytes, what, after_block);
 }
 
 UpdatableFile PinnedRoot::open_regular_file_for_update(const std::string& path, bool create) const {

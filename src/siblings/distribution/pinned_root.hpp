@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -78,10 +79,10 @@ class PinnedRoot {
   void write_atomic(const std::string& path, std::string_view data, bool allow_replace) const;
   FileStat stat_regular_file(const std::string& path, const std::string& label) const;
   /// Reads the file once, in blocks of at most `block_bytes`; a second fstat after reading must equal the
-  /// first
-  /// (`OSError` otherwise).
+  /// first (`OSError` otherwise). `after_block` may end it by throwing.
   FileIdentity identify_regular_file(const std::string& path, const std::string& label,
-                                     std::int64_t block_bytes = 1048576) const;
+                                     std::int64_t block_bytes = 1048576,
+                                     const std::function<void()>& after_block = {}) const;
   /// Missing directories on the way are made when `create` is set.
   UpdatableFile open_regular_file_for_update(const std::string& path, bool create = true) const;
   void remove_regular_file(const std::string& path, bool missing_ok) const;

@@ -3,12 +3,12 @@
 #include <fmt/format.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "host/digest.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
+#include "host/mutex.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
 #include "siblings/distribution/shuffle_seed_cipher.hpp"
@@ -75,18 +75,18 @@ class LastManifest {
   ManifestFacts facts_of(std::string_view manifest_bytes) {
     std::string sha256 = sha256_hex(manifest_bytes);
     {
-      const std::lock_guard lock(_mutex);
+      const MutexLock lock(_mutex);
       if (_facts && _facts->manifest_sha256 == sha256) return *_facts;
     }
     ManifestFacts facts = read_facts(manifest_bytes, std::move(sha256));
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _facts = facts;
     return facts;
   }
 
  private:
-  std::mutex _mutex;  // guards `_facts`; a leaf, never held while parsing
-  std::optional<ManifestFacts> _facts;
+  Mutex _mutex;  // a leaf, never held while parsing
+  std::optional<ManifestFacts> _facts GUARDED_BY(_mutex);
 };
 
 ManifestFacts manifest_facts(std::string_view manifest_bytes) {

@@ -1,10 +1,10 @@
 #include "siblings/search_tracking/search_tracker.hpp"
 
 #include <chrono>
-#include <mutex>
 
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/mutex.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -47,7 +47,7 @@ class JsonFileTracker final : public SearchTracker {
 
   void handle_era_transition(std::int64_t new_era_number,
                              std::optional<std::int64_t> previous_era_number) override {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     if (_closed) throw ValueError("search tracker is closed");
     Document transitions = read_transitions(_data_dir);
     transitions.push_back(
@@ -64,15 +64,15 @@ class JsonFileTracker final : public SearchTracker {
   }
 
   void close() override {
-    const std::lock_guard lock(_mutex);
+    const MutexLock lock(_mutex);
     _closed = true;
   }
 
  private:
   const std::string _data_dir;
   const Document _agent_id;
-  std::mutex _mutex;  // guards `_closed` and the read-modify-replace of the file by this tracker
-  bool _closed = false;
+  Mutex _mutex;  // held over the read-modify-replace of the file too
+  bool _closed GUARDED_BY(_mutex) = false;
 };
 
 class BuiltIn final : public Module {
