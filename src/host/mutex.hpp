@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
-// What clang checks of locks and what they guard (`./dev lint`); other compilers see none of it.
+// What clang checks of locks and what they guard (`./dev tidy`); other compilers see none of it.
 #if defined(__clang__)
 #define TIDALCREST_THREAD_SAFETY(attribute) __attribute__((attribute))
 #else
@@ -20,6 +20,11 @@ namespace tidalcrest::sync {
 
 /// A plain mutex whose use is checked at compile time: the standard one carries no annotations.
 class TIDALCREST_THREAD_SAFETY(capability("mutex")) Mutex {
+ public:
+  /// For the few who cannot wait; everybody else takes a `MutexLock`.
+  bool try_lock() TIDALCREST_THREAD_SAFETY(try_acquire_capability(true)) { return _mutex.try_lock(); }
+  void unlock() TIDALCREST_THREAD_SAFETY(release_capability()) { _mutex.unlock(); }
+
  private:
   friend class MutexLock;
   std::mutex _mutex;

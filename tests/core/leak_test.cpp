@@ -2,6 +2,7 @@
 
 #include "siblings/distribution/disk_calls.hpp"
 #include "siblings/distribution/lock.hpp"
+#include "support/command.hpp"
 #include "support/eventually.hpp"
 #include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"

@@ -62,7 +62,8 @@ void check_declared_files(const Manifest& manifest) {
 void check_staged_plan(const Manifest& manifest, const std::vector<std::string>& planned_paths) {
   static const sync::testing::TempDir data;
   static HashCache nothing_known(data.path());
-  const StagingRoots roots{.active_root = data.path("nothing yet"), .candidate_root = data.path()};
+  const StagingRoots roots{
+      .active_root = data.path("nothing yet"), .candidate_root = data.path(), .repair_relative = {}};
   const SelectedMembers members =
       reuse_selected_members(manifest, planned_paths, {}, roots, data.path(), nothing_known, [] {});
   require(members.files_to_download.size() == members.selected_paths.size(), "a member is not fetched");
