@@ -1,7 +1,6 @@
 #include "siblings/distribution/lock.hpp"
 
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <deque>
@@ -137,24 +136,17 @@ TEST(DistributionLockTest, InterruptionsAndFileSystemsThatDoNotExclude) {
   };
   EXPECT_NO_THROW(acquire_distribution_lock(dir.path(), true));
 
-  const auto refused = [] {
-    std::deque<testing::TempDir> others;  // the first may get the inode of a lock file that was proven before
-    while (others.size() < 500) {
-      try {
-        acquire_distribution_lock(others.emplace_back().path(), false);
-      } catch (const OSError& failure) {
-        EXPECT_THAT(failure.what(), HasSubstr(others.back().path()));
-        return std::string(failure.what());
-      }
-    }
-    return std::string();
-  };
   disk_calls().lock = [](int, int) { return 0; };
-  EXPECT_THAT(refused(), HasSubstr("grants one lock twice"));
-  disk_calls().lock = [self = ::getpid()](int descriptor, int operation) {
-    return ::getpid() == self ? DiskCalls::real().lock(descriptor, operation) : 0;
-  };
-  EXPECT_THAT(refused(), HasSubstr("grants one lock to two processes"));
+  std::deque<testing::TempDir> others;  // the first may get the inode of a lock file that was proven before
+  std::string refused;
+  while (refused.empty() && others.size() < 500) {
+    try {
+      acquire_distribution_lock(others.emplace_back().path(), false);
+    } catch (const OSError& failure) {
+      refused = failure.what();
+    }
+  }
+  EXPECT_THAT(refused, HasSubstr(others.back().path()));
   EXPECT_THROW(acquire_distribution_lock(dir.path("missing"), true), FileNotFoundError);
 }
 

@@ -8,7 +8,6 @@
 #include <set>
 #include <utility>
 
-#include "host/borrowed_process.hpp"
 #include "host/failures.hpp"
 #include "host/mutex.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
@@ -45,26 +44,8 @@ bool is_still_the_lock_file(const PinnedRoot& root, const Descriptor& file, cons
   }
 }
 
-// With one lock held, shared or exclusive, nobody can get it exclusively. Some file systems grant it all the
-// same, to everybody or to another process.
-void require_refused(int outcome, const std::string& what, const PinnedRoot& root, const char* to_whom) {
-  if (outcome == EWOULDBLOCK) return;
-  if (outcome != 0) throw_os_error(outcome, what);
-  throw OSError(
-      fmt::format("{}: the file system of {} grants one lock {}; the directory cannot be shared safely", what,
-                  root.path(), to_whom));
-}
-
-// 0 when the lock was granted, else why not.
-int try_exclusively(int descriptor) {
-  int outcome = 0;
-  do {
-    outcome = disk_calls().lock(descriptor, LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
-  } while (outcome == EINTR);
-  return outcome;
-}
-
-// Tried on a second description, by this process and by another one, once per lock file and process.
+// Some file systems grant every lock. With one lock held, shared or exclusive, nobody can get it exclusively:
+// tried on a second description, once per lock file and process.
 void require_exclusion(const PinnedRoot& root, const Descriptor& held, const std::string& what) {
   static Mutex mutex;
   static std::set<std::pair<std::int64_t, std::int64_t>> proven GUARDED_BY(mutex);  // device and inode
@@ -73,10 +54,12 @@ void require_exclusion(const PinnedRoot& root, const Descriptor& held, const std
   const std::pair key(lock_file.device, lock_file.inode);
   if (proven.contains(key)) return;
   const Descriptor second = open_lock_file(root);
-  require_refused(try_exclusively(second.get()), what, root, "twice");
-  const auto elsewhere = in_borrowed_process([&] { return try_exclusively(second.get()); });
-  // Where no process can be made, the descriptors alone decide.
-  require_refused(elsewhere.value_or(EWOULDBLOCK), what, root, "to two processes");
+  if (disk_calls().lock(second.get(), LOCK_EX | LOCK_NB) == 0) {
+    throw OSError(
+        fmt::format("{}: the file system of {} grants one lock twice; the directory cannot be shared safely",
+                    what, root.path()));
+  }
+  if (errno != EWOULDBLOCK) throw_os_error(errno, what);
   proven.insert(key);
 }
 

@@ -30,11 +30,6 @@ struct Counters {
   std::array<std::atomic<std::uint64_t>, CALL_KINDS> by_kind;
 };
 
-enum class Grants {
-  never,
-  always,
-  elsewhere
-};  // locks that others hold: to nobody, to all, to other processes
 enum class Action { none, kill_before, kill_after, kill_torn, fail };
 
 int error_number(const std::string& name) {
@@ -82,10 +77,7 @@ class Plan {
 
   void count_received(long bytes) { _counters->received_bytes.fetch_add(static_cast<std::uint64_t>(bytes)); }
   const std::string& root() const { return _root; }
-  bool grants_lock() const {
-    return _grants_locks == Grants::always || (_grants_locks == Grants::elsewhere && ::getpid() != _process);
-  }
-  pid_t process() const { return _process; }
+  bool grants_all_locks() const { return _grants_all_locks; }
 
  private:
   void _map_counters() {
@@ -107,8 +99,8 @@ class Plan {
     std::string action;
     std::string kind;
     words >> action;
-    if (action == "grant-all-locks" || action == "grant-locks-elsewhere") {
-      _grants_locks = action == "grant-all-locks" ? Grants::always : Grants::elsewhere;
+    if (action == "grant-all-locks") {
+      _grants_all_locks = true;
       return;
     }
     words >> kind >> _number;
@@ -137,8 +129,7 @@ class Plan {
   int _error = 0;
   bool _half = false;
   bool _from_then_on = false;
-  Grants _grants_locks = Grants::never;
-  const pid_t _process = ::getpid();
+  bool _grants_all_locks = false;
 };
 
 Plan& plan() {
@@ -155,13 +146,11 @@ Verdict judge(CallKind kind) { return plan().judge(kind); }
 void count_received(long bytes) {
   if (bytes > 0) plan().count_received(bytes);
 }
-bool grants_lock() { return plan().grants_lock(); }
+bool grants_all_locks() { return plan().grants_all_locks(); }
 const std::string& torture_root() { return plan().root(); }
 
 void end_process() {
-  ::kill(plan().process(), SIGKILL);
-  if (::getpid() != plan().process())
-    ::_exit(0);  // a child that borrows the memory of the one that was killed
+  ::kill(::getpid(), SIGKILL);
   while (true) ::pause();
 }
 

@@ -41,7 +41,7 @@ struct Verdict {
 /// Counts the call and judges it; does not return when the plan ends the process before it.
 Verdict judge(CallKind kind);
 void count_received(long bytes);
-bool grants_lock();
+bool grants_all_locks();
 /// The directory whose files count, without a slash at its end; empty when there is none.
 const std::string& torture_root();
 [[noreturn]] void end_process();
