@@ -45,6 +45,16 @@ std::pair<std::int64_t, std::int64_t> local_version_and_era(const Manifest& mani
   }
 }
 
+// The active paths that exist: a file that was just proven does, only the others are looked for.
+std::vector<std::string> existing_paths(const ActiveView& view, const RotationSelection& selection,
+                                        const std::vector<std::string>& unproven) {
+  std::set<std::string> missing(unproven.begin(), unproven.end());
+  for (const auto& path : _existing_rotation_paths(view.data_dir, unproven)) missing.erase(path);
+  std::vector<std::string> existing = selection.active_relative_paths;
+  if (!missing.empty()) std::erase_if(existing, [&](const auto& path) { return missing.contains(path); });
+  return existing;
+}
+
 }  // namespace
 
 SyncDriver::SyncDriver(std::string data_dir, std::string server_url, std::int64_t market_id,
@@ -158,7 +168,7 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   auto local_vocabularies =
       std::make_shared<const Vocabularies>(_validate_manifest_vocabulary_files(view.data_dir, manifest));
   _with.shuffle_seed._validate_shuffle_seed_at_root(view.data_dir, *view.manifest_bytes);
-  const std::vector<std::string> available = _prove_active_members(view, selection);
+  const std::vector<std::string> unproven = _prove_active_members(view, selection);
   _load_manifest_signals_index(view.data_dir, manifest);
 
   ActiveView renewed = view;
@@ -169,7 +179,8 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   result.era_number = local_era_number;
   _apply_signal_result_counts(result, manifest);
   _apply_rotation_result_fields(result, selection);
-  _with.planner._complete_rotation_promotion(planned.rotation_plan.candidate_state, available, manifest,
+  _with.planner._complete_rotation_promotion(planned.rotation_plan.candidate_state,
+                                             existing_paths(view, selection, unproven), manifest,
                                              local_vocabularies.get());
   _apply_manifest_counts(result, manifest);
   _apply_vocabulary_metadata(result, *local_vocabularies);
@@ -179,7 +190,7 @@ SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedR
   return result;
 }
 
-// Gives the active paths that exist: a file that was just proven does, only the others are looked for.
+// Gives the active paths that are proven elsewhere, or not synced.
 std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& view,
                                                            const RotationSelection& selection) const {
   const auto& paths = selection.active_relative_paths;
@@ -194,14 +205,9 @@ std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& vie
     }
   });
 
-  std::set<std::string> missing;
-  for (const auto& others : unproven) {
-    missing.insert(others.begin(), others.end());
-    for (const auto& path : _existing_rotation_paths(view.data_dir, others)) missing.erase(path);
-  }
-  std::vector<std::string> available = paths;
-  if (!missing.empty()) std::erase_if(available, [&](const auto& path) { return missing.contains(path); });
-  return available;
+  std::vector<std::string> others;
+  for (const auto& of_chunk : unproven) others.insert(others.end(), of_chunk.begin(), of_chunk.end());
+  return others;
 }
 
 // False for a member that is proven elsewhere, or not synced.

@@ -15,7 +15,6 @@
 #include <cerrno>
 
 #include "host/failures.hpp"
-#include "host/signals_blocked.hpp"
 
 extern char** environ;
 
@@ -33,6 +32,22 @@ struct Launch {
   int failure_report;  // takes the error number when there is no program to go over to
   pid_t parent;
   bool ends_with_caller;
+};
+
+// Blocks every signal of this thread for its lifetime.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &_before);
+  }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+
+ private:
+  sigset_t _before;
 };
 
 void reset_signals() noexcept {

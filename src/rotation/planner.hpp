@@ -39,9 +39,8 @@ class RotationPlanner {
   /// Takes over what another process has recorded; absent leaves the state as it is.
   void _adopt_rotation_state(std::optional<RotationState> recorded);
 
-  /// These may throw what the settings file throws (`ValueError`, `OSError`). `artifacts`, here and below:
-  /// what
-  /// `_rotation_manifest_artifacts` gives for this manifest, for a caller that asks more than once.
+  /// These may throw what the settings file throws (`ValueError`, `OSError`). `artifacts`, here and below, is
+  /// what `_rotation_manifest_artifacts` gives for the manifest, for a caller that asks more than once.
   bool _feature_rotation_should_rotate(const Manifest& manifest) const;
   bool _feature_rotation_should_rotate(const Manifest& manifest, const Artifacts& artifacts) const;
   bool _feature_rotation_needs_sync_for_manifest(const Manifest& manifest) const;

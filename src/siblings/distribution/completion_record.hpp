@@ -42,8 +42,7 @@ struct RecordedIdentity {
 /// it reads them, so their texts are views.
 struct CompletedMembers {
   std::shared_ptr<const std::string> record;  ///< the exact bytes
-  std::shared_ptr<const std::string>
-      text;  ///< what the views go into; the record, when it is of our own form
+  std::shared_ptr<const std::string> text;    ///< what the views go into: the record, or its own form
   std::vector<std::string_view> active_relative_paths;
   std::vector<RecordedIdentity> artifact_identities;  ///< sorted by path, each path once
 
