@@ -158,11 +158,14 @@ class StagingRun {
   void deliver_refreshes() const {
     SearchConsumers::_deliver_rotation_search_refresh_payloads(_refresh_payloads);
   }
+  /// On every way out: ends the flush, and leaves nothing to be taken over that may not be on the disk.
+  void drop_unflushed_members() noexcept;
 
  private:
   void reuse_signals_index(const std::string& path, const Document& info) const;
   void download_members();
   void end_flush();
+  void make_visible();
   void drop_proof();
   Vocabularies prove_root(const std::string& root) const;
 
@@ -187,6 +190,7 @@ class StagingRun {
   local_cohort::ArtifactIdentities _artifact_identities;
   local_cohort::CompletionRecord _completion;
   std::future<void> _flush;  // of the staged members; its end is waited for on every way out
+  bool _flush_failed = false;
   std::shared_ptr<const local_cohort::Selection> _selection;
   std::shared_ptr<const Vocabularies> _selected_vocabularies;
 };
@@ -209,7 +213,6 @@ void StagingRun::download_members() {
   _members.files_to_download = {};
 }
 
-// A disk that fails tells each error once only: what the early flush hears must end the staging.
 void StagingRun::end_flush() {
   if (_flush.valid()) _flush.get();
 }
@@ -288,9 +291,19 @@ void StagingRun::drop_proof() {
 }
 
 void StagingRun::publish() {
-  if (_request.pre_publish_check) _request.pre_publish_check();
   _progress.on_phase("publishing");
-  end_flush();
+  try {
+    end_flush();  // may take long, so the veto comes after it
+    if (_request.pre_publish_check) _request.pre_publish_check();
+    make_visible();
+  } catch (const local_cohort::FlushError&) {
+    _flush_failed = true;
+    throw;
+  }
+  _selected_vocabularies = std::make_shared<const Vocabularies>(prove_root(_selection->root_dir));
+}
+
+void StagingRun::make_visible() {
   if (_roots.same_identity) {
     repair_active_generation(_roots.candidate_root, _roots.active_root, _completion_paths,
                              _artifact_identities);
@@ -301,7 +314,17 @@ void StagingRun::publish() {
   } else {
     _selection = local_cohort::publish_manifest(_data_dir, _manifest_bytes);
   }
-  _selected_vocabularies = std::make_shared<const Vocabularies>(prove_root(_selection->root_dir));
+}
+
+void StagingRun::drop_unflushed_members() noexcept {
+  try {
+    end_flush();
+  } catch (const local_cohort::FlushError&) {
+    _flush_failed = true;
+  } catch (const std::exception&) {
+    // It never began, so the disk has told nothing. What ends the staging is on its way already.
+  }
+  if (_flush_failed && !_roots.same_identity) remove_unflushed_root(_data_dir, _manifest_bytes);
 }
 
 void StagingRun::activate() {
@@ -340,6 +363,7 @@ void CohortStager::_stage_and_activate_local_cohort(const StagingRequest& reques
   StagingRun run(_data_dir, _with, *_progress, _seams, request, roots,
                  normalised_paths(request.force_download_paths));
   const ScopeExit clean_up([&] {
+    run.drop_unflushed_members();
     _remove_sync_progress_json(_data_dir);
     remove_repair_staging_root(_data_dir, roots);
   });

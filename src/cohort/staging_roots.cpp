@@ -94,6 +94,15 @@ StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView&
   return roots;
 }
 
+void remove_unflushed_root(const std::string& data_dir, const std::string& served_manifest_bytes) noexcept {
+  try {
+    client_manifest::remove_contained_directory_tree(
+        data_dir, local_cohort::generation_relative_root(served_manifest_bytes), /*missing_ok=*/true);
+  } catch (const std::exception& failure) {
+    log::warning("A generation that was not flushed could not be removed: %s", failure.what());
+  }
+}
+
 void remove_repair_staging_root(const std::string& data_dir, const StagingRoots& roots) noexcept {
   if (roots.repair_relative.empty()) return;
   try {

@@ -25,6 +25,10 @@ struct StagingRoots {
 StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView& view,
                                   const std::string& served_manifest_bytes, const Seams& seams);
 
+/// Removes a new generation root whose members may not be on the disk: an attempt that took them over would
+/// find them right and publish what a power cut takes away. Best effort.
+void remove_unflushed_root(const std::string& data_dir, const std::string& served_manifest_bytes) noexcept;
+
 /// Removes the staging root aside, when there is one. Best effort.
 void remove_repair_staging_root(const std::string& data_dir, const StagingRoots& roots) noexcept;
 

@@ -1,6 +1,7 @@
 #include "cohort/salvage.hpp"
 
 #include "cohort/leftovers.hpp"
+#include "siblings/distribution/disk_calls.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -64,6 +65,43 @@ TEST_F(SalvageTest, FoundFilesTakenOverAreStillReportedAsNew) {
   const SyncResult result = manager->sync();
   EXPECT_EQ(result.found_pnl_paths_downloaded.size(), 2u);
   EXPECT_THAT(origin.resources_asked("never.bin"), ::testing::SizeIs(::testing::Gt(0u)));
+}
+
+// Asks to stop in one phase of a staging.
+class StopIn : public SyncProgress {
+ public:
+  explicit StopIn(std::string phase) : _phase(std::move(phase)) {}
+  void on_phase(const std::string& phase) override { _reached = phase == _phase; }
+  bool reached() const { return _reached; }
+
+ private:
+  const std::string _phase;
+  std::atomic<bool> _reached = false;
+};
+
+TEST_F(SalvageTest, NothingIsTakenOverThatAFailedFlushMayHaveLost) {
+  origin.publish(distribution());
+  // The flush that begins early, heard at the publication or not at all, and the one before the selector.
+  for (const auto& [failing_flush, stops_in] :
+       std::vector<std::pair<int, std::string>>{{1, ""}, {1, "proving"}, {2, ""}}) {
+    SCOPED_TRACE(::testing::Message() << "flush " << failing_flush << ", stop in " << stops_in);
+    std::atomic<int> flushes = 0;
+    disk_calls().flush_file_system = [&, failing = failing_flush](int) {
+      return ++flushes == failing ? (errno = EIO, -1) : 0;
+    };
+    const auto stop = std::make_shared<StopIn>(stops_in);
+    const ScopedBackoffContext context({.stop_requested = [&] { return stop->reached(); }});
+    SyncOptions watched = options();
+    watched.progress = stop;
+    EXPECT_THROW(SyncManager(watched, seams).sync(), Failure);
+    disk_calls() = DiskCalls::real();
+    EXPECT_THAT(cohort_roots(), IsEmpty());
+  }
+  origin.forget_requests();
+  const auto manager = make_manager();
+  manager->sync();
+  EXPECT_THAT(origin.resources_asked("reference/*"), ::testing::SizeIs(FILES + 1));  // and one of the small distribution
+  EXPECT_TRUE(manager->verify().valid);
 }
 
 // Asks to stop once so many bytes have arrived.

@@ -30,9 +30,11 @@ constexpr mode_t GENERATION_MODE = 0777;  // the user's umask decides
 constexpr int PIN_ATTEMPTS = 16;
 
 void flush_file_system(const PinnedRoot& root) {
-  if (disk_calls().flush_file_system(root.descriptor()) != 0) {
-    throw_os_error(errno, "flush of the file system of " + root.path());
-  }
+  if (disk_calls().flush_file_system(root.descriptor()) == 0) return;
+  const int why = errno;
+  throw FlushError(
+      fmt::format("flush of the file system of {}: {}", root.path(), std::generic_category().message(why)),
+      why);
 }
 
 void flush_directory_after_commit(const PinnedRoot& base) {

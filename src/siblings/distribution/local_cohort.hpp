@@ -10,6 +10,7 @@
 #include "siblings/distribution/completion_record.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/errors.hpp"
 
 /// On-disk model of immutable cohort generations.
 ///
@@ -34,6 +35,15 @@ struct Selection {
   client_manifest::FileStat completion_stat;  ///< of the record that was read
 };
 
+/// A flush of the file system failed. The disk tells of a lost write once only, and what was lost still reads
+/// from memory as it was written: no proof and no later flush would notice.
+class FlushError : public virtual OSError {
+ public:
+  FlushError(const std::string& message, int error_number) : Failure(message) {
+    _error_number = error_number;
+  }
+};
+
 std::string manifest_sha256(const std::string& manifest_bytes);
 /// `.tidalcrest-cohorts/{sha256 of the manifest bytes}`
 std::string generation_relative_root(const std::string& manifest_bytes);
@@ -42,10 +52,12 @@ std::string create_generation_root(const std::string& data_dir, const std::strin
 /// Writes the manifest and completion files; the root counts as complete afterwards.
 void complete_generation(const std::string& root, const std::string& manifest_bytes,
                          const CompletionRecord& completion);
-/// Brings all that was written below a generation root to the disk: one flush of its file system.
+/// Brings all that was written below a generation root to the disk: one flush of its file system. Throws
+/// `FlushError`.
 void make_durable(const std::string& root);
 /// Makes the generation durable, then replaces the selector: the commit point. Gives the selection as it
-/// reads back. `LocalCohortError` when the generation is not complete, and then nothing was touched.
+/// reads back. `LocalCohortError` when the generation is not complete, and then nothing was touched;
+/// `FlushError` before the selector moves.
 std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
                                                   const std::string& manifest_bytes);
 /// The selection read back from the selector. Without a selector: null, or `LocalCohortError` when
