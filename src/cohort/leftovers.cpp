@@ -73,36 +73,56 @@ bool succeeds(const std::string& path, const Step& step) {
   }
 }
 
+// Takes in one root after the other, newest first, and leaves one copy of each member: in the newest root
+// that was for the same manifest.
+class Gathering {
+ public:
+  explicit Gathering(const std::string& data_dir) : _data_dir(data_dir) {}
+
+  void take_in(const CohortRoot& root) {
+    const std::string manifest = manifest_of(root);
+    const auto home = manifest.empty() ? _home_of_manifest.end() : _home_of_manifest.find(manifest);
+    bool keeps_some = false;
+    for (const auto& member : brought_members(root.path)) {
+      const bool is_a_copy = !_seen.insert(member).second;
+      const bool gone = is_a_copy                         ? removed(root, member.first)
+                        : home != _home_of_manifest.end() ? moved(root, member.first, home->second)
+                                                          : false;
+      keeps_some = keeps_some || !gone;
+    }
+    if (keeps_some) {
+      _home_of_manifest.emplace(manifest, root.path);
+    } else {
+      remove(root);
+    }
+  }
+
+ private:
+  static bool removed(const CohortRoot& root, const std::string& path) {
+    return succeeds(root.path + "/" + path, [&] {
+      client_manifest::PinnedRoot(root.path).remove_regular_file(path, /*missing_ok=*/true);
+    });
+  }
+  static bool moved(const CohortRoot& root, const std::string& path, const std::string& home) {
+    return succeeds(root.path + "/" + path,
+                    [&] { client_manifest::move_contained_regular_file(root.path, path, home, path); });
+  }
+  void remove(const CohortRoot& root) const {
+    succeeds(root.path, [&] {
+      client_manifest::remove_contained_directory_tree(_data_dir, root.relative_path, /*missing_ok=*/true);
+    });
+  }
+
+  const std::string& _data_dir;
+  std::set<Member> _seen;
+  std::map<std::string, std::string> _home_of_manifest;  // the path of a root
+};
+
 }  // namespace
 
 void thin_out_earlier_attempts(const std::string& data_dir, const StagingRoots& roots) {
-  std::set<Member> seen;
-  std::map<std::string, std::string> root_of_manifest;
-  for (const auto& root : unfinished_roots(data_dir, roots)) {  // newest first
-    const std::string manifest = manifest_of(root);
-    const auto gathered = root_of_manifest.find(manifest);
-    const bool may_move = !manifest.empty() && gathered != root_of_manifest.end();
-    bool holds_more = false;
-    for (const auto& member : brought_members(root.path)) {
-      const std::string& path = member.first;
-      const bool is_new = seen.insert(member).second;
-      const bool cleared = succeeds(root.path + "/" + path, [&] {
-        if (!is_new) {
-          client_manifest::PinnedRoot(root.path).remove_regular_file(path, /*missing_ok=*/true);
-        } else if (may_move) {
-          client_manifest::move_contained_regular_file(root.path, path, gathered->second, path);
-        }
-      });
-      holds_more = holds_more || !cleared || (is_new && !may_move);
-    }
-    if (holds_more) {
-      root_of_manifest.emplace(manifest, root.path);
-    } else {
-      succeeds(root.path, [&] {
-        client_manifest::remove_contained_directory_tree(data_dir, root.relative_path, /*missing_ok=*/true);
-      });
-    }
-  }
+  Gathering gathering(data_dir);
+  for (const auto& root : unfinished_roots(data_dir, roots)) gathering.take_in(root);
 }
 
 }  // namespace tidalcrest::sync

@@ -12,6 +12,7 @@
 #include "host/threads.hpp"
 #include "rotation/exclusion.hpp"
 #include "siblings/distribution/contained_open.hpp"
+#include "siblings/distribution/file_blocks.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "siblings/distribution/shuffle_seed_state.hpp"
 #include "siblings/runtime/modules.hpp"
@@ -76,6 +77,41 @@ bool is_already_right(const PinnedRoot& active, const std::string& path,
   }
 }
 
+// Refers to the plan and the manifest.
+struct PlannedMember {
+  const std::string* path;
+  const Document* file_info;
+  bool reused = false;
+};
+
+std::vector<PlannedMember> planned_members(const Manifest& manifest,
+                                           const std::vector<std::string>& planned_paths) {
+  std::vector<PlannedMember> members;
+  for (const auto& path : planned_paths) {
+    const Document* file_info = find_member(manifest.files(), path);
+    if (file_info == nullptr || file_info->is_null()) {
+      throw SyncError("Active rotation path is missing from candidate manifest: " + path);
+    }
+    if (!_manifest_file_is_sync_excluded(*file_info)) members.push_back({&path, file_info});
+  }
+  return members;
+}
+
+SelectedMembers sorted_out(const std::vector<PlannedMember>& members) {
+  SelectedMembers result;
+  result.selected_paths.reserve(members.size());
+  for (const auto& [path, file_info, reused] : members) {
+    result.selected_paths.push_back(*path);
+    if (reused) {
+      result.copied_paths.insert(*path);
+    } else {
+      result.new_files.push_back({*path, file_info});
+    }
+  }
+  result.files_to_download = result.new_files;
+  return result;
+}
+
 }  // namespace
 
 SelectedMembers reuse_selected_members(const Manifest& manifest,
@@ -83,47 +119,20 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
                                        const std::set<std::string>& forced_paths, const StagingRoots& roots,
                                        const std::string& data_dir, HashCache& hash_cache,
                                        const StopCheck& stop_check) {
-  struct Member {
-    const std::string* path;
-    const Document* file_info;
-    bool reused = false;
-  };
-  std::vector<Member> members;
-  const auto selected = [&](const std::string& path) {
-    const Document* file_info = find_member(manifest.files(), path);
-    if (file_info == nullptr || file_info->is_null()) {
-      throw SyncError("Active rotation path is missing from candidate manifest: " + path);
-    }
-    if (!_manifest_file_is_sync_excluded(*file_info)) members.push_back({&path, file_info});
-  };
-  for (const auto& path : planned_paths) selected(path);
-
+  std::vector<PlannedMember> members = planned_members(manifest, planned_paths);
   const auto active = pinned_if_possible(roots.active_root);
   const PinnedRoot candidate(roots.candidate_root);
   parallel_in_order(active ? members.size() : 0, usable_cores(), [&](std::size_t i) {
-    Member& member = members[i];
-    if (forced_paths.contains(*member.path)) return;
+    const auto& [path, file_info, reused] = members[i];
+    if (forced_paths.contains(*path)) return;
     stop_check();
-    if (!roots.active_is_generation && is_missing(*active, *member.path)) return;
-    const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *member.file_info);
-    if (!hash_cache._local_file_matches_manifest(*active, *member.path, *member.file_info, cache_allowed))
-      return;
-    active->copy_regular_file(*member.path, candidate, *member.path);
-    member.reused = true;
+    if (!roots.active_is_generation && is_missing(*active, *path)) return;
+    const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *file_info);
+    if (!hash_cache._local_file_matches_manifest(*active, *path, *file_info, cache_allowed)) return;
+    active->copy_regular_file(*path, candidate, *path);
+    members[i].reused = true;
   });
-
-  SelectedMembers result;
-  result.selected_paths.reserve(members.size());
-  for (const auto& member : members) {
-    result.selected_paths.push_back(*member.path);
-    if (member.reused) {
-      result.copied_paths.insert(*member.path);
-    } else {
-      result.new_files.push_back({*member.path, member.file_info});
-    }
-  }
-  result.files_to_download = result.new_files;
-  return result;
+  return sorted_out(members);
 }
 
 bool reuse_proven_file(const std::string& path, const Document& file_info, const StagingRoots& roots,
@@ -173,7 +182,8 @@ local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest
   parallel_in_order(completion_paths.size(), usable_cores(), [&](std::size_t i) {
     stop_check();
     const std::string& path = completion_paths[i];
-    const auto identity = candidate.identify_regular_file(path, "candidate cohort artifact");
+    const auto identity = candidate.identify_regular_file(path, "candidate cohort artifact",
+                                                          client_manifest::DEFAULT_BLOCK_BYTES, stop_check);
     const Document* file_info = manifest.file_entry(path);
     check_declared_identity(file_info, identity, path);
     if (remembering != nullptr && file_info != nullptr && text_member(*file_info, "kind") != "vault_module")

@@ -77,6 +77,28 @@ void end_if_asked_to_stop() {
   if (_sync_backoff_stop_requested()) sync_backoff::cancel(*sync_backoff::module_seam().current());
 }
 
+// Adds up what went well. Gives the failure to throw, null for none: a superseded manifest at once, any other
+// after all files have ended.
+std::exception_ptr merge_ends(DownloadPool& pool, const FilesToDownload& files, std::size_t max_workers,
+                              SyncResult& result) {
+  const auto timeout = _sync_parallel_timeout_seconds(static_cast<std::int64_t>(files.size()),
+                                                      static_cast<std::int64_t>(max_workers));
+  const auto deadline = deadline_of(timeout);
+  std::exception_ptr first_error;
+  for (std::size_t ended = 0; ended < files.size(); ++ended) {
+    auto end = pool.next_end(deadline);
+    if (!end) throw parallel_timeout_failure(timeout, paths_of(pool.pending(), files));
+    if (!end->failure) {
+      merge(result, std::move(end->result));
+    } else if (is_superseded(end->failure)) {
+      return end->failure;
+    } else if (!first_error) {
+      first_error = end->failure;
+    }
+  }
+  return first_error;
+}
+
 }  // namespace
 
 SyncError parallel_timeout_failure(std::optional<double> timeout_seconds,
@@ -115,39 +137,26 @@ void ParallelDownloader::_download_with_workers(const FilesToDownload& files_to_
                                                 std::size_t max_workers) const {
   const auto cancel_event = std::make_shared<std::atomic<bool>>(false);
   const BackoffContext context = worker_backoff_context(cancel_event);
-  const auto parallel_timeout = _sync_parallel_timeout_seconds(
-      static_cast<std::int64_t>(files_to_download.size()), static_cast<std::int64_t>(max_workers));
-  const auto deadline = deadline_of(parallel_timeout);
+  // Each worker fills a record of its own; only this thread writes the caller's.
+  const auto one = [&](std::size_t index) {
+    SyncResult local;
+    const auto entered = sync_backoff::module_seam().current()->enter_context(context);
+    end_if_asked_to_stop();
+    try {
+      _downloader._download_file(files_to_download[index], local, options);
+    } catch (const ManifestSupersededError&) {
+      // Here already: no worker is to begin another file before the caller hears of it.
+      *cancel_event = true;
+      throw;
+    }
+    return local;
+  };
   std::exception_ptr first_error;
   {
-    // Each worker fills a record of its own; only this thread writes the caller's.
-    DownloadPool pool(files_to_download.size(), max_workers, [&](std::size_t index) {
-      SyncResult local;
-      const auto entered = sync_backoff::module_seam().current()->enter_context(context);
-      end_if_asked_to_stop();
-      try {
-        _downloader._download_file(files_to_download[index], local, options);
-      } catch (const ManifestSupersededError&) {
-        // Here already: no worker is to begin another file before the caller hears of it.
-        *cancel_event = true;
-        throw;
-      }
-      return local;
-    });
-    // Whatever ends the loop below: a worker that still waits gives up at once, and is then joined.
+    DownloadPool pool(files_to_download.size(), max_workers, one);
+    // Whatever ends the merging: a worker that still waits gives up at once, and is then joined.
     const ScopeExit stop_waits([&] { *cancel_event = true; });
-    for (std::size_t ended = 0; ended < files_to_download.size(); ++ended) {
-      auto end = pool.next_end(deadline);
-      if (!end) throw parallel_timeout_failure(parallel_timeout, paths_of(pool.pending(), files_to_download));
-      if (!end->failure) {
-        merge(result, std::move(end->result));
-      } else if (is_superseded(end->failure)) {
-        first_error = end->failure;
-        break;
-      } else if (!first_error) {
-        first_error = end->failure;
-      }
-    }
+    first_error = merge_ends(pool, files_to_download, max_workers, result);
   }
   if (first_error) std::rethrow_exception(first_error);
 }
