@@ -1,8 +1,19 @@
 #include "arguments.hpp"
 
+#include <cmath>
+
 #include "secret_files.hpp"
 
 namespace tidalcrest::cli {
+
+CLI::Validator positive_number() {
+  const auto refusal = [](const std::string& given) -> std::string {
+    double number = 0;
+    const bool is_positive = CLI::detail::lexical_cast(given, number) && number > 0 && std::isfinite(number);
+    return is_positive ? "" : "must be a positive number, not " + given;
+  };
+  return CLI::Validator(refusal, "POSITIVE");
+}
 
 void CommonArguments::add_to(CLI::App& command, const std::string& json_help) {
   command.add_option("--data-dir", data_dir, "The local data directory; it must exist")->required();
@@ -17,7 +28,7 @@ void ManagerArguments::add_to(CLI::App& command, const std::string& json_help) {
   command.add_option("--token-file", token_file, "File that holds the bearer token")->required();
   add_wallet_secret_file(command, wallet_secret_file);
   command.add_option("--market-id", market_id, "Market of the distribution")
-      ->check(CLI::PositiveNumber)
+      ->check(positive_number())
       ->capture_default_str();
   const std::string transfers = "Transfers";
   command
@@ -27,10 +38,10 @@ void ManagerArguments::add_to(CLI::App& command, const std::string& json_help) {
   command
       .add_option("--chunk-bytes", chunk_bytes,
                   "Size of one ranged request; larger files are fetched in ranges when resumed")
-      ->check(CLI::PositiveNumber)
+      ->check(positive_number())
       ->group(transfers);
   command.add_option("--concurrency", concurrency, "How many files are fetched at a time")
-      ->check(CLI::PositiveNumber)
+      ->check(positive_number())
       ->group(transfers);
 }
 

@@ -10,6 +10,9 @@
 
 namespace tidalcrest::cli {
 
+/// A check for options that take a number above zero.
+CLI::Validator positive_number();
+
 /// The arguments of every command.
 struct CommonArguments {
   std::string data_dir;

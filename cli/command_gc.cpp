@@ -33,8 +33,9 @@ void print_report(const GcArguments& arguments, const sync::CollectionReport& re
     fmt::print("{}  {}: {}, {}\n", arguments.dry_run ? "would remove" : "removed", entry.relative_path,
                entry.why, bytes_text(static_cast<double>(entry.bytes)));
   }
-  fmt::print("{} {}; {} generations stay\n", bytes_text(static_cast<double>(report.bytes_freed)),
-             arguments.dry_run ? "would come free" : "came free", report.kept.size());
+  fmt::print("{} {}; {} kept\n", bytes_text(static_cast<double>(report.bytes_freed)),
+             arguments.dry_run ? "would come free" : "came free",
+             counted(static_cast<std::int64_t>(report.kept.size()), "generation"));
 }
 
 ExitCode collect(const GcArguments& arguments, Display& display) {

@@ -41,13 +41,12 @@ void report_success(bool json, const Display& display, const sync::SyncManager& 
   if (json) return print_json(result_document(result, manager, seconds));
   const auto manifest = manager.get_manifest();
   const auto totals = display.totals();
-  fmt::print("In step with era {}, version {}: {} members active, ", result.era_number,
-             manifest->version().dump(),
-             count_text(static_cast<std::int64_t>(result.active_relative_paths.size())));
+  fmt::print("In step with era {}, version {}: {} active, ", result.era_number, manifest->version().dump(),
+             counted(static_cast<std::int64_t>(result.active_relative_paths.size()), "member"));
   if (result.bytes_downloaded == 0) {
     fmt::print("nothing to do ({:.2f} s)\n", seconds);
   } else {
-    fmt::print("{} files fetched, {} ({:.2f} s)\n", count_text(totals.files),
+    fmt::print("{} fetched, {} ({:.2f} s)\n", counted(totals.files, "file"),
                bytes_text(static_cast<double>(result.bytes_downloaded)), seconds);
   }
   fmt::print("{}\n", manager.active_data_dir());

@@ -21,9 +21,10 @@ void report(const sync::VerifyResult& result, const sync::VerifiedActiveCohortSn
   if (result.valid) {
     fmt::print("Every byte is as published.\n{}\n", cohort.root_dir());
   } else {
-    fmt::print(
-        "{} files are damaged; `tidalcrest-sync repair` with their paths brings them back.\n",
-        count_text(static_cast<std::int64_t>(result.missing_files.size() + result.corrupted_files.size())));
+    const auto damaged =
+        static_cast<std::int64_t>(result.missing_files.size() + result.corrupted_files.size());
+    fmt::print("{} damaged; `tidalcrest-sync repair` with the paths above brings them back.\n",
+               counted(damaged, "file"));
   }
 }
 

@@ -107,7 +107,7 @@ void add_watch_command(CLI::App& app, int& exit_code) {
   command
       ->add_option("--poll-interval", arguments->poll_interval_s,
                    "Seconds between two questions to the server")
-      ->check(CLI::PositiveNumber)
+      ->check(positive_number())
       ->capture_default_str();
   command->callback([arguments, &exit_code] {
     exit_code = run_command(arguments->manager.common,

@@ -65,7 +65,7 @@ void Display::on_download_set(std::int64_t files, std::int64_t bytes) {
   _download_started = Clock::now();
   if (_style == DisplayStyle::plain) {
     print_line(
-        fmt::format("{} files to fetch, {}", count_text(files), bytes_text(static_cast<double>(bytes))));
+        fmt::format("{} to fetch, {}", counted(files, "file"), bytes_text(static_cast<double>(bytes))));
   }
 }
 

@@ -4,6 +4,14 @@
 #include "commands.hpp"
 #include "exit_code.hpp"
 
+namespace {
+
+bool is_command(const CLI::App& app, const std::string& name) {
+  return !app.get_subcommands([&](const CLI::App* command) { return command->check_name(name); }).empty();
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace tidalcrest::cli;
   CLI::App app{"Keeps a local data directory in step with a remote distribution: exact, verified, immutable.",
@@ -25,6 +33,11 @@ int main(int argc, char** argv) {
   add_features_command(app, exit_code);
   add_gc_command(app, exit_code);
   add_cleanup_eras_command(app, exit_code);
+  // The parser would only say that a command is missing.
+  if (argc > 1 && argv[1][0] != '-' && !is_command(app, argv[1])) {
+    std::fprintf(stderr, "no such command: %s\nRun with --help for more information.\n", argv[1]);
+    return EXIT_USAGE;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& failure) {

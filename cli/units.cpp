@@ -25,6 +25,10 @@ std::string count_text(std::int64_t count) {
   return digits;
 }
 
+std::string counted(std::int64_t count, const std::string& noun) {
+  return fmt::format("{} {}{}", count_text(count), noun, count == 1 ? "" : "s");
+}
+
 std::string duration_text(double seconds) {
   const auto whole = static_cast<std::int64_t>(std::ceil(std::max(seconds, 0.0)));
   if (whole < 60) return fmt::format("{} s", whole);

@@ -76,8 +76,8 @@ void WatchReport::active(const sync::Manifest* manifest, const std::string& root
                            {"files_fetched", files_fetched},
                            {"bytes_fetched", bytes_fetched}};
   tell(same_root ? "renewed" : "published", fields,
-       fmt::format("{} {}: {} files{}", name, same_root ? "was proven anew in place" : "is published",
-                   count_text(static_cast<std::int64_t>(manifest->files().size())), fetched));
+       fmt::format("{} {}: {}{}", name, same_root ? "was proven anew in place" : "is published",
+                   counted(static_cast<std::int64_t>(manifest->files().size()), "file"), fetched));
 }
 
 void WatchReport::status_message(const std::string& message) {
@@ -146,7 +146,7 @@ void WatchReport::on_download_set(std::int64_t files, std::int64_t bytes) {
   if (_display->is_live()) _display->on_download_set(files, bytes);
   if (files == 0) return;
   tell("fetching", {{"files", files}, {"bytes", bytes}},
-       fmt::format("fetching {} files, {}", count_text(files), bytes_text(static_cast<double>(bytes))));
+       fmt::format("fetching {}, {}", counted(files, "file"), bytes_text(static_cast<double>(bytes))));
 }
 
 void WatchReport::on_bytes(std::int64_t count) {
