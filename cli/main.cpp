@@ -44,6 +44,9 @@ int main(int argc, char** argv) {
     return app.exit(failure) == 0 ? EXIT_IN_STEP : EXIT_USAGE;
   }
   // The answer counts only when it reached its reader, a full disk behind standard output included.
-  if (std::fflush(stdout) != 0 && exit_code == EXIT_IN_STEP) return EXIT_FAILED;
+  if (std::fflush(stdout) != 0) {
+    std::perror("error: standard output");
+    if (exit_code == EXIT_IN_STEP) return EXIT_FAILED;
+  }
   return exit_code;
 }
