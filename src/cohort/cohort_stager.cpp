@@ -166,6 +166,7 @@ class StagingRun {
   void download_members();
   void end_flush();
   void make_visible();
+  void repair_live_generation();
   void drop_proof();
   Vocabularies prove_root(const std::string& root) const;
 
@@ -304,16 +305,22 @@ void StagingRun::publish() {
 }
 
 void StagingRun::make_visible() {
-  if (_roots.same_identity) {
-    repair_active_generation(_roots.candidate_root, _roots.active_root, _completion_paths,
-                             _artifact_identities);
+  if (_roots.same_identity) return repair_live_generation();
+  _selection = local_cohort::publish_manifest(_data_dir, _manifest_bytes);
+}
+
+void StagingRun::repair_live_generation() {
+  const auto copied_paths = repair_active_generation(_roots.candidate_root, _roots.active_root,
+                                                     _completion_paths, _artifact_identities);
+  try {
     // The members reach the disk before the record that vouches for them.
     local_cohort::make_durable(_roots.active_root);
-    local_cohort::complete_generation(_roots.active_root, _manifest_bytes, _completion);
-    _selection = local_cohort::load_active_cohort(_data_dir, /*required=*/true);
-  } else {
-    _selection = local_cohort::publish_manifest(_data_dir, _manifest_bytes);
+  } catch (const local_cohort::FlushError&) {
+    take_back_repair(_roots.active_root, copied_paths);
+    throw;
   }
+  local_cohort::complete_generation(_roots.active_root, _manifest_bytes, _completion);
+  _selection = local_cohort::load_active_cohort(_data_dir, /*required=*/true);
 }
 
 void StagingRun::drop_unflushed_members() noexcept {

@@ -7,6 +7,7 @@
 #include "host/descriptor.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
+#include "host/log.hpp"
 #include "host/parallel.hpp"
 #include "host/text.hpp"
 #include "host/threads.hpp"
@@ -197,9 +198,10 @@ local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest
   return identities;
 }
 
-void repair_active_generation(const std::string& candidate_root, const std::string& active_root,
-                              const std::vector<std::string>& completion_paths,
-                              const local_cohort::ArtifactIdentities& artifact_identities) {
+std::vector<std::string> repair_active_generation(
+    const std::string& candidate_root, const std::string& active_root,
+    const std::vector<std::string>& completion_paths,
+    const local_cohort::ArtifactIdentities& artifact_identities) {
   constexpr const char* SEED_LABEL = "candidate operational shuffle artifact";
   const PinnedRoot candidate(candidate_root);
   const PinnedRoot active(active_root, /*create=*/true);
@@ -213,11 +215,25 @@ void repair_active_generation(const std::string& candidate_root, const std::stri
       // The pair is an operational artifact: a root without it has nothing to bring over.
     }
   }
+  std::vector<std::string> copied_paths;
   for (const auto& path : repair_paths) {
     const auto recorded = artifact_identities.find(path);
     const auto expected =
         recorded != artifact_identities.end() ? recorded->second : measured(candidate, path, SEED_LABEL);
-    if (!is_already_right(active, path, expected)) candidate.copy_regular_file_atomically(path, active, path);
+    if (is_already_right(active, path, expected)) continue;
+    candidate.copy_regular_file_atomically(path, active, path);
+    copied_paths.push_back(path);
+  }
+  return copied_paths;
+}
+
+void take_back_repair(const std::string& active_root, const std::vector<std::string>& copied_paths) noexcept {
+  for (const auto& path : copied_paths) {
+    try {
+      PinnedRoot(active_root).write_atomic(path, "", /*allow_replace=*/true);
+    } catch (const std::exception& failure) {
+      log::warning("A repaired member that was not flushed could not be taken back: %s", failure.what());
+    }
   }
 }
 

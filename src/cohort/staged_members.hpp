@@ -52,10 +52,16 @@ local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest
                                                         const StopCheck& stop_check,
                                                         HashCache* remembering = nullptr);
 
-/// Copies into the active generation what differs from the staged copy; what is right already stays
-/// untouched.
-void repair_active_generation(const std::string& candidate_root, const std::string& active_root,
-                              const std::vector<std::string>& completion_paths,
-                              const local_cohort::ArtifactIdentities& artifact_identities);
+/// Copies into the active generation what differs from the staged copy, and gives the paths; what is right
+/// already stays untouched.
+std::vector<std::string> repair_active_generation(
+    const std::string& candidate_root, const std::string& active_root,
+    const std::vector<std::string>& completion_paths,
+    const local_cohort::ArtifactIdentities& artifact_identities);
+
+/// Empties what a repair copied in and a failed flush may have lost: it still reads right, and the next
+/// repair would leave it untouched. Empty, and not missing, because every road mends a damaged file. Best
+/// effort.
+void take_back_repair(const std::string& active_root, const std::vector<std::string>& copied_paths) noexcept;
 
 }  // namespace tidalcrest::sync

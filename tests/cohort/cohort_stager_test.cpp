@@ -1,5 +1,6 @@
 #include "cohort/cohort_stager.hpp"
 
+#include "siblings/distribution/disk_calls.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "support/sync_fixture.hpp"
 
@@ -92,6 +93,25 @@ TEST_F(StagingTest, RepairCopiesInOnlyWhatDiffersAndForcesTheSeedPairTogether) {
   EXPECT_TRUE(manager->verify().valid);
   EXPECT_THROW(manager->repair({"../outside"}), ManifestError);
   EXPECT_EQ(files_below(root).at(FEATURE_B), whole.at(FEATURE_B));
+}
+
+TEST_F(StagingTest, RepairWhoseFlushFailedIsMadeAgain) {
+  origin.publish(small_distribution());
+  const auto manager = make_manager();
+  manager->sync();
+  const std::string root = manager->active_data_dir();
+  const auto whole = files_below(root);
+  for (const char* path : {FEATURE_A, "shuffle_seed.enc"}) std::ofstream(root + "/" + path) << "damaged";
+  std::atomic<int> flushes = 0;
+  disk_calls().flush_file_system = [&](int) { return ++flushes == 2 ? (errno = EIO, -1) : 0; };
+  EXPECT_THROW(manager->repair({FEATURE_A, "shuffle_seed.enc"}), OSError);
+  disk_calls() = DiskCalls::real();
+  // What it brought would read right, from memory.
+  EXPECT_EQ(files_below(root).at(FEATURE_A), "");
+  EXPECT_EQ(files_below(root).at("shuffle_seed.enc"), "");
+  manager->sync();
+  EXPECT_TRUE(manager->verify().valid);
+  EXPECT_EQ(files_below(root).at(FEATURE_A), whole.at(FEATURE_A));
 }
 
 TEST_F(StagingTest, ManagerOlderThanItsDirectoryAdoptsWhatIsSelected) {
