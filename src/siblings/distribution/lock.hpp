@@ -29,10 +29,6 @@ class DistributionLock {
 DistributionLock acquire_distribution_lock(const std::string& data_dir, bool exclusive);
 
 /// Whether somebody holds the lock exclusively at this moment. Never waits: takes the shared lock for an
-/// instant where it can. False where the directory was never locked.
-bool distribution_lock_is_busy(const std::string& data_dir);
-
-/// Whether somebody holds the lock exclusively at this moment. Never waits: takes the shared lock for an
 /// instant where it can. False where the directory was never locked. Throws `FileNotFoundError`, `OSError`.
 bool distribution_lock_is_busy(const std::string& data_dir);
 
