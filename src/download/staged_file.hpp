@@ -91,6 +91,7 @@ class StagingSink : public BodySink {
   void begin(std::int64_t status, const HeaderMap& headers) override;
   /// Throws `MoreThanWanted`.
   void write(std::string_view piece) override;
+  std::int64_t most_bytes() const noexcept override { return _most_bytes; }
   std::int64_t status() const noexcept { return _status; }
 
  private:

@@ -32,6 +32,7 @@ struct Launch {
   int failure_report;  // takes the error number when there is no program to go over to
   pid_t parent;
   bool ends_with_caller;
+  std::int64_t most_file_bytes;
 };
 
 // Blocks every signal of this thread for its lifetime.
@@ -60,7 +61,7 @@ void reset_signals() noexcept {
   }
   sigset_t none;
   sigemptyset(&none);
-  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 // A host may have opened a lock or a socket without close-on-exec; it must not live on in a child.
@@ -83,6 +84,15 @@ bool set_standard_descriptors(const Launch& launch) noexcept {
          ::dup2(launch.error, STDERR_FILENO) == STDERR_FILENO;
 }
 
+// Past the bound a write fails. The signal that comes with it would end the program before it can say so.
+void bound_files(std::int64_t most_bytes) noexcept {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_FSIZE, &limit) != 0) return;
+  limit.rlim_cur = std::min(limit.rlim_cur, static_cast<rlim_t>(most_bytes));
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  ::signal(SIGXFSZ, SIG_IGN);
+}
+
 [[noreturn]] void become(const Launch& launch) noexcept {
   if (launch.ends_with_caller) {
     // The parent may die before it is asked for a death signal; a system that refuses it has none.
@@ -92,6 +102,7 @@ bool set_standard_descriptors(const Launch& launch) noexcept {
   if (set_standard_descriptors(launch)) {
     close_others_on_exec();
     reset_signals();
+    if (launch.most_file_bytes > 0) bound_files(launch.most_file_bytes);
     ::execve(launch.argv[0], launch.argv, environ);
   }
   const int failure = errno;
@@ -129,8 +140,10 @@ Pipe open_pipe() {
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-pid_t launch_child(const std::vector<std::string>& arguments, int output, int error, bool ends_with_caller) {
+pid_t launch_child(const std::vector<std::string>& arguments, int output, int error, bool ends_with_caller,
+                   std::int64_t most_file_bytes) {
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   const Descriptor child_output = above_standard(output);
@@ -138,8 +151,8 @@ pid_t launch_child(const std::vector<std::string>& arguments, int output, int er
   Pipe report = open_pipe();
   Descriptor child_report = above_standard(report.write_end.get());
   report.write_end.reset();
-  const Launch launch{argv.data(),        child_output.get(), child_error.get(),
-                      child_report.get(), ::getpid(),         ends_with_caller};
+  const Launch launch{argv.data(), child_output.get(), child_error.get(), child_report.get(),
+                      ::getpid(),  ends_with_caller,   most_file_bytes};
   pid_t pid = -1;
   int failure = 0;
   {

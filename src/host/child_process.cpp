@@ -32,7 +32,7 @@ pid_t start(const ChildCommand& command, const Pipe& output, const Pipe& error) 
     arguments.front() = *std::move(program);
   }
   return launch_child(arguments, command.output_descriptor.value_or(output.write_end.get()),
-                      error.write_end.get(), command.ends_with_caller);
+                      error.write_end.get(), command.ends_with_caller, command.most_file_bytes);
 }
 
 // A started child. Until it has been waited for, its id belongs to nobody else, so it can be ended by id.

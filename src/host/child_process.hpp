@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@ struct ChildCommand {
   std::function<bool()> stop_requested;
   /// Whether the child dies with this process. False for work that must not be left half done.
   bool ends_with_caller = true;
+  std::int64_t most_file_bytes = 0;  ///< a file grows no further through the child; 0 bounds nothing
 };
 
 struct ChildResult {

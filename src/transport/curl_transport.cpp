@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <regex>
 
@@ -79,13 +80,19 @@ ChildResult run_command(ChildCommand command) {
   return completed;
 }
 
-ChildResult _run_curl_command(std::vector<std::string> arguments) {
-  return run_command({.arguments = std::move(arguments), .output_descriptor = {}, .stop_requested = {}});
+ChildResult _run_curl_command(std::vector<std::string> arguments, std::int64_t most_file_bytes) {
+  return run_command({.arguments = std::move(arguments),
+                      .output_descriptor = {},
+                      .stop_requested = {},
+                      .most_file_bytes = most_file_bytes});
 }
 
-ChildResult _run_curl_download_command(std::vector<std::string> arguments, int output_descriptor) {
-  return run_command(
-      {.arguments = std::move(arguments), .output_descriptor = output_descriptor, .stop_requested = {}});
+ChildResult _run_curl_download_command(std::vector<std::string> arguments, int output_descriptor,
+                                       std::int64_t most_file_bytes) {
+  return run_command({.arguments = std::move(arguments),
+                      .output_descriptor = output_descriptor,
+                      .stop_requested = {},
+                      .most_file_bytes = most_file_bytes});
 }
 
 // The start of a file, so that what a server sends without end does not fill the memory.
@@ -117,6 +124,34 @@ std::vector<std::string> lines_of(const std::string& text) {
 std::string exit_detail(const std::string& standard_error, int exit_code) {
   const std::string detail = text::strip(standard_error);
   return detail.empty() ? fmt::format("curl exited with status {}", exit_code) : detail;
+}
+
+// One more than the sink takes, so that the sink says why the request ends.
+std::int64_t one_past(std::int64_t most_bytes) {
+  const bool bounded = most_bytes > 0 && most_bytes < std::numeric_limits<std::int64_t>::max();
+  return bounded ? most_bytes + 1 : 0;
+}
+
+// curl repeats a broken answer by itself, and writes the next one behind it.
+std::int64_t for_every_try(std::int64_t most_bytes) {
+  std::int64_t all = 0;
+  return __builtin_mul_overflow(most_bytes, SYNC_CURL_RETRIES + 1, &all) ? 0 : all;
+}
+
+// Whether curl could not write because its file had reached the bound that it was given. Such a body is the
+// server's doing and none of the disk's.
+bool stopped_at_bound(const ChildResult& completed, std::int64_t file_bytes, std::int64_t most_file_bytes) {
+  return completed.exit_code == CURL_WRITE_ERROR && most_file_bytes > 0 && file_bytes >= most_file_bytes;
+}
+
+std::int64_t size_of(int descriptor) {
+  struct stat file {};
+  return fstat(descriptor, &file) == 0 ? file.st_size : 0;
+}
+
+std::int64_t size_of(const std::string& path) {
+  struct stat file {};
+  return stat(path.c_str(), &file) == 0 ? file.st_size : 0;
 }
 
 // Why the file takes no more bytes, asked of the file itself: curl says only that it could not write. What
@@ -245,13 +280,18 @@ HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink&
   const auto directory = locally([] { return std::make_unique<const TemporaryDirectory>(); });
   const std::string header_path = directory->file("headers.txt");
   const std::string body_path = directory->file("body.bin");
-  const ChildResult completed = _run_curl_command(_curl_command(
-      *curl, request, timeout_seconds, {"-D", header_path, "-o", body_path, "-w", "%{http_code}"}));
+  const std::int64_t most_file_bytes = one_past(sink.most_bytes());
+  const ChildResult completed =
+      _run_curl_command(_curl_command(*curl, request, timeout_seconds,
+                                      {"-D", header_path, "-o", body_path, "-w", "%{http_code}"}),
+                        most_file_bytes);
 
   const std::string headers_text = file_text_or_empty(header_path);
   HttpHead head{_curl_status_from_stdout(completed.standard_output, headers_text),
                 _parse_curl_headers(headers_text)};
-  if (completed.exit_code != 0 && !is_error_status(head.status)) {
+  const bool ended_well =
+      completed.exit_code == 0 || stopped_at_bound(completed, size_of(body_path), most_file_bytes);
+  if (!ended_well && !is_error_status(head.status)) {
     const std::string detail =
         exit_detail(text::utf8_with_replacement(completed.standard_error), completed.exit_code);
     if (completed.exit_code == CURL_WRITE_ERROR) locally([&] { throw_unwritable(body_path, detail); });
@@ -269,13 +309,15 @@ HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink&
 }
 
 HttpHead _curl_download_to_file(const Request& request, client_manifest::UpdatableFile& file,
-                                double timeout_seconds) {
+                                double timeout_seconds, std::int64_t most_bytes) {
   const auto curl = _find_curl_binary();
   if (!curl) throw ConnectionError(NO_CURL);
   const std::string status_line = fmt::format("%{{stderr}}\n{}%{{http_code}}\n", STATUS_MARKER);
+  const std::int64_t most_file_bytes = for_every_try(most_bytes);
   file.flush();
   const ChildResult completed = _run_curl_download_command(
-      _curl_command(*curl, request, timeout_seconds, {"-o", "-", "-w", status_line}), file.descriptor());
+      _curl_command(*curl, request, timeout_seconds, {"-o", "-", "-w", status_line}), file.descriptor(),
+      most_file_bytes);
   file.flush();
 
   const std::string error_text = text::utf8_with_replacement(completed.standard_error);
@@ -284,7 +326,9 @@ HttpHead _curl_download_to_file(const Request& request, client_manifest::Updatab
   std::smatch match;
   const std::int64_t status =
       std::regex_search(error_text, match, status_form) ? to_int(std::string_view(match[1].str())) : 0;
-  if (completed.exit_code != 0 && !is_error_status(status)) {
+  const bool ended_well =
+      completed.exit_code == 0 || stopped_at_bound(completed, size_of(file.descriptor()), most_file_bytes);
+  if (!ended_well && !is_error_status(status)) {
     const std::string detail =
         exit_detail(std::regex_replace(error_text, status_line_form, ""), completed.exit_code);
     if (completed.exit_code == CURL_WRITE_ERROR) throw_unwritable(file.descriptor(), detail);

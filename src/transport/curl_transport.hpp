@@ -34,12 +34,15 @@ std::vector<std::string> _curl_command(const std::string& curl, const Request& r
 
 /// One answer, its body handed to `sink` once it is complete. Throws `HTTPError` for 400 and above,
 /// `URLError` when curl failed otherwise or is not there, `LocalFailure` for what the sink throws, for a
-/// temporary volume that takes nothing more and for a stop request.
+/// temporary volume that takes nothing more and for a stop request. curl is ended once the body is longer
+/// than the sink takes.
 HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink& sink);
 /// The body goes from curl straight into `file` at its current offset, whatever the status and also when the
 /// transfer fails; no headers are collected. Throws `ConnectionError` when curl failed without an HTTP error
-/// status or is not there, `OSError` when it could not write, `LocalFailure` on a stop request.
+/// status or is not there, `OSError` when it could not write, `LocalFailure` on a stop request. With
+/// `most_bytes` above 0 an answer that goes on for ever ends once the file holds that much for each of curl's
+/// tries, as if it had ended there.
 HttpHead _curl_download_to_file(const Request& request, client_manifest::UpdatableFile& file,
-                                double timeout_seconds);
+                                double timeout_seconds, std::int64_t most_bytes = 0);
 
 }  // namespace tidalcrest::sync

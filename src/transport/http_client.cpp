@@ -34,6 +34,7 @@ class BufferSink final : public BodySink {
     _require_room(static_cast<std::int64_t>(_body.size() + piece.size()));
     _body.append(piece);
   }
+  std::int64_t most_bytes() const noexcept override { return _bounded ? BUFFERED_BODY_LIMIT_BYTES : 0; }
   std::string take() { return std::move(_body); }
 
  private:
@@ -181,7 +182,7 @@ HttpClient::StreamResult HttpClient::_download_request_to_file(const Request& re
                                                                const std::string& transport) {
   return unwrapped([&]() -> StreamResult {
     if (_should_use_curl_transport(request, transport)) {
-      return {_curl_download_to_file(request, file, timeout_seconds), true};
+      return {_curl_download_to_file(request, file, timeout_seconds, sink.most_bytes()), true};
     }
     return {_internals->stream_in_process(request, file, sink, timeout_seconds), false};
   });

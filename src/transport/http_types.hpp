@@ -62,6 +62,8 @@ class BodySink {
   virtual ~BodySink() = default;
   virtual void begin(std::int64_t status, const HeaderMap& headers) = 0;
   virtual void write(std::string_view piece) = 0;
+  /// The length of a body past which `write` throws; 0 when it takes any.
+  virtual std::int64_t most_bytes() const noexcept { return 0; }
 };
 
 /// An answer with a status of 400 or above, or a redirect that may not be followed.

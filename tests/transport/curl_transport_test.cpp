@@ -130,6 +130,23 @@ TEST_F(CurlTransport, FetchesFromARealServer) {
   EXPECT_EQ(dir.read("f"), "ab0123456789!");
 }
 
+TEST_F(CurlTransport, EndsABodyWithoutEnd) {
+  origin::ScriptedServer server;
+  server.serve("/endless", std::string(1 << 20, 'x'));
+  const Request request{server.url() + "/endless", {}};
+  CollectingSink sink;
+  sink.bounded_to = 1000;
+  EXPECT_EQ(_curl_request(request, 5.0, sink).status, 200);
+  EXPECT_EQ(sink.body.size(), 1001u);
+  auto file = open_file(dir.path("f"));
+  EXPECT_EQ(_curl_download_to_file(request, file, 5.0, 1000).status, 200);
+  EXPECT_EQ(dir.read("f").size(), 5 * 1000u);  // what its five tries may bring
+  // A disk that takes nothing is told apart by how little has come.
+  auto full = open_file("/dev/full");
+  EXPECT_THAT(failure_of([&] { _curl_download_to_file(request, full, 5.0, 1000); }),
+              ::testing::HasSubstr("No space left on device"));
+}
+
 TEST_F(CurlTransport, TellsHowCurlFailed) {
   CollectingSink sink;
   auto file = open_file(dir.path("f"));

@@ -51,10 +51,13 @@ class CollectingSink : public BodySink {
     largest_piece = std::max(largest_piece, piece.size());
   }
 
+  std::int64_t most_bytes() const noexcept override { return bounded_to; }
+
   std::vector<std::int64_t> begun;
   std::string body;
   std::size_t largest_piece = 0;
   std::size_t fail_after = std::string::npos;
+  std::int64_t bounded_to = 0;
 };
 
 }  // namespace tidalcrest::sync::testing
