@@ -12,6 +12,8 @@ bool is_command(const CLI::App& app, const std::string& name) {
 
 }  // namespace
 
+// A command described wrongly is a mistake of this program, and ends it.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
   using namespace tidalcrest::cli;
   CLI::App app{"Keeps a local data directory in step with a remote distribution: exact, verified, immutable.",

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include "tidalcrest/sync/errors.hpp"
 
@@ -17,8 +17,9 @@ constexpr std::size_t LARGEST_SECRET_FILE = 64 * 1024;
 constexpr std::size_t WALLET_SECRET_BYTES = 32;
 
 [[noreturn]] void throw_unreadable(const std::string& what, const std::string& path, int error_number) {
-  throw sync::OSError("Unable to read " + what + " " + path + ": " + std::strerror(error_number),
-                      error_number);
+  throw sync::OSError(
+      "Unable to read " + what + " " + path + ": " + std::generic_category().message(error_number),
+      error_number);
 }
 
 std::string read_small_file(const std::string& path, const std::string& what) {

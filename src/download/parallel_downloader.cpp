@@ -68,6 +68,7 @@ DownloadPool::Deadline deadline_of(std::optional<double> timeout_seconds) {
 
 std::vector<std::string> paths_of(const std::vector<std::size_t>& indices, const FilesToDownload& files) {
   std::vector<std::string> paths;
+  paths.reserve(indices.size());
   for (const auto index : indices) paths.push_back(files[index].file_path);
   return paths;
 }

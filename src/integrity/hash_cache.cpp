@@ -90,7 +90,7 @@ bool HashCache::_is_cached(const std::string& file_path, const FileStat& stat,
 void HashCache::_remember_local_sha(const std::string& file_path, const FileIdentity& identity) {
   const auto measured = sha256_bytes(identity.sha256);
   if (!measured) return;  // no digest; it could never be asked for
-  const HashCacheEntry entry{*measured, identity};
+  const HashCacheEntry entry{*measured, static_cast<const FileStat&>(identity)};
   const MutexLock lock(_hash_cache_lock);
   const auto [stored, fresh] = _hash_cache.try_emplace(file_path, entry);
   if (!fresh && stored->second == entry) return;

@@ -79,7 +79,11 @@ Document with_members(const Document& object, Replacements replaced) {
   auto& copied = copy.get_ref<Document::object_t&>();
   for (const auto& [key, value] : members(object)) {
     const auto replacement = replaced.find(key);
-    copied.emplace(key, replacement == replaced.end() ? value : std::move(replacement->second));
+    if (replacement == replaced.end()) {
+      copied.emplace(key, value);
+    } else {
+      copied.emplace(key, std::move(replacement->second));
+    }
   }
   return copy;
 }

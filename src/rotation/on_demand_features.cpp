@@ -25,6 +25,7 @@ std::vector<std::string> normalised_names(const std::vector<std::string>& featur
 std::vector<std::string> local_paths(const std::string& root,
                                      const std::vector<std::string>& relative_paths) {
   std::vector<std::string> paths;
+  paths.reserve(relative_paths.size());
   for (const auto& path : relative_paths) paths.push_back(_manifest_local_path(root, path));
   return paths;
 }

@@ -62,7 +62,7 @@ int unsent(int fd) {
 void disconnect(int fd) {
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
-  ::connect(fd, &nobody, sizeof nobody);
+  static_cast<void>(::connect(fd, &nobody, sizeof nobody));
 }
 
 }  // namespace

@@ -30,6 +30,7 @@ std::vector<std::string> choose(const std::vector<std::string>& paths, std::size
     throw ValueError(fmt::format("{} files are asked for where there are {}", count, paths.size()));
   }
   std::vector<std::pair<std::uint64_t, const std::string*>> drawn;
+  drawn.reserve(paths.size());
   for (const auto& path : paths) drawn.emplace_back(derived_number(number, path), &path);
   std::sort(drawn.begin(), drawn.end(), [](const auto& a, const auto& b) {
     return std::tie(a.first, *a.second) < std::tie(b.first, *b.second);

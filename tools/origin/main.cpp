@@ -140,4 +140,6 @@ int run(int argc, char** argv) {
 }  // namespace
 }  // namespace tidalcrest::origin
 
+// A command described wrongly is a mistake of this program, and ends it.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) { return tidalcrest::origin::run(argc, argv); }
