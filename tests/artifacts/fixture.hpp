@@ -1,12 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
 #include "support/network.hpp"
 #include "support/test_data.hpp"
 

@@ -1,7 +1,5 @@
 #include "artifacts/functions_file.hpp"
 
-#include <gmock/gmock.h>
-
 #include <cctype>
 
 #include "artifacts/fixture.hpp"
@@ -10,7 +8,6 @@ namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::StartsWith;
 
 const std::string GOOD = R"({"era_number": 7, "functions": {"add": 1}})";
 

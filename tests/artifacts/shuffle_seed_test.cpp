@@ -1,7 +1,5 @@
 #include "artifacts/shuffle_seed.hpp"
 
-#include <gmock/gmock.h>
-
 #include "artifacts/fixture.hpp"
 #include "origin/generated_bytes.hpp"
 #include "tidalcrest/sync/constants.hpp"
@@ -10,10 +8,6 @@ namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 
 constexpr const char* CIPHERTEXT = "shuffle_seed.enc";
 constexpr const char* METADATA = "shuffle_seed.enc.meta.json";
@@ -43,10 +37,9 @@ TEST(ShuffleKey, CoercesWhatTheManifestAndTheHeadersSay) {
     EXPECT_EQ(_coerce_shuffle_key_source(blank), std::nullopt);
   }
   EXPECT_EQ(_coerce_shuffle_key_generation(" market-era-v1 "), "market-era-v1");
-  EXPECT_EQ(
-      failure_of([] { _coerce_shuffle_key_generation("legacy-era-only-v1"); }),
-      "SyncError: retired shuffle_key_generation 'legacy-era-only-v1' is not supported; sync the current "
-      "market-era-v1 distribution");
+  EXPECT_EQ(failure_of([] { _coerce_shuffle_key_generation("legacy-era-only-v1"); }),
+            "SyncError: retired shuffle_key_generation 'legacy-era-only-v1' is not supported; sync the "
+            "current market-era-v1 distribution");
   EXPECT_EQ(failure_of([] { _coerce_shuffle_key_generation(2); }),
             "SyncError: unknown shuffle_key_generation '2'");
   EXPECT_EQ(_coerce_shuffle_key_source(" vault "), "vault");
@@ -137,18 +130,11 @@ TEST_F(ShuffleSeedTest, RefusesAnAnswerThatBelongsElsewhereAndWritesNothing) {
     answer.headers.emplace(name, value);
     return answer;
   };
-  origin::Reply unauthorised = reply("");
-  unauthorised.status = 401;
-  origin::Reply missing = reply("");
-  missing.status = 404;
   std::string flipped = ciphertext;
   flipped[20] = static_cast<char>(flipped[20] ^ 1);
-  const struct {
-    origin::Reply answer;
-    std::string failure;
-  } cases[] = {
-      {unauthorised, "AuthError: Authentication failed while downloading shuffle seed: HTTP 401"},
-      {missing, "SyncError: Failed to download shuffle seed: HTTP 404"},
+  const std::pair<origin::Reply, const char*> cases[] = {
+      {{.status = 401}, "AuthError: Authentication failed while downloading shuffle seed: HTTP 401"},
+      {{.status = 404}, "SyncError: Failed to download shuffle seed: HTTP 404"},
       {reply(ciphertext, "8"),
        "EraError: shuffle_seed.enc response era_number=8 does not match manifest era_number=7"},
       {with(SHUFFLE_KEY_GENERATION_HEADER, "market-era-v1"),
@@ -160,9 +146,9 @@ TEST_F(ShuffleSeedTest, RefusesAnAnswerThatBelongsElsewhereAndWritesNothing) {
        "SyncError: shuffle seed response source differs from selected manifest"},
       {reply(flipped), "SyncError: "},
   };
-  for (const auto& item : cases) {
-    net.server.script("/data/shuffle", {item.answer});
-    EXPECT_THAT(failure_of([&] { download(); }), StartsWith(item.failure));
+  for (const auto& [answer, failure] : cases) {
+    net.server.script("/data/shuffle", {answer});
+    EXPECT_THAT(failure_of([&] { download(); }), StartsWith(failure));
     EXPECT_FALSE(net.data.has(CIPHERTEXT));
     EXPECT_FALSE(net.data.has(METADATA));
   }

@@ -1,15 +1,11 @@
 #include "artifacts/signals_index.hpp"
 
-#include <gmock/gmock.h>
-
 #include "artifacts/fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 constexpr const char* PATH = "signals_index.json";
 
@@ -58,11 +54,14 @@ TEST(SignalsIndexBytes, FailInTheWordsOfDownloadsWhenTheyWereDamaged) {
   const Manifest manifest(manifest_declaring(body));
   std::string other = body;
   other.back() = ' ';
-  EXPECT_THAT(
-      failure_of([&] { _verify_signals_index_bytes(other, manifest); }),
-      StartsWith("IntegrityError: Checksum failure for signals_index.json: signals_index sidecar sha256"));
-  EXPECT_THAT(failure_of([&] { _verify_signals_index_bytes(body + " ", manifest); }),
-              StartsWith("IntegrityError: Size failure for signals_index.json: signals_index sidecar size"));
+  EXPECT_EQ(failure_of([&] { _verify_signals_index_bytes(other, manifest); }),
+            "IntegrityError: Checksum failure for signals_index.json: signals_index sidecar sha256 mismatch: "
+            "expected " +
+                sha256_hex(body) + ", got " + sha256_hex(other));
+  EXPECT_EQ(failure_of([&] { _verify_signals_index_bytes(body + " ", manifest); }),
+            fmt::format("IntegrityError: Size failure for signals_index.json: signals_index sidecar size "
+                        "mismatch: expected {} bytes, got {}",
+                        body.size(), body.size() + 1));
   EXPECT_THAT(failure_of([&] { _validate_signals_index_bytes(body + " ", manifest); }),
               StartsWith("ManifestError: signals_index sidecar size"));
   EXPECT_EQ(manifest.membership(), nullptr);

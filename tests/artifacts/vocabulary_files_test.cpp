@@ -1,16 +1,11 @@
 #include "artifacts/vocabulary_files.hpp"
 
-#include <gmock/gmock.h>
-
 #include "artifacts/fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 class VocabularyFilesTest : public ::testing::Test {
  protected:

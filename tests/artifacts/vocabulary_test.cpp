@@ -1,7 +1,5 @@
 #include "artifacts/vocabulary.hpp"
 
-#include <gmock/gmock.h>
-
 #include "artifacts/fixture.hpp"
 #include "artifacts/retired_tokens.hpp"
 
@@ -9,8 +7,6 @@ namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::StartsWith;
 
 TEST(VocabularyEntryNames, AreNamesThenNestedNamesThenKeys) {
   const Document value = {{"a", {{"name", "x"}, {"b", {{{"name", "y"}}, "bare"}}}}, {"name", 5}};
@@ -37,17 +33,13 @@ TEST(RetiredTokens, AreReportedOnceAndOnlyFromTheScannedSections) {
 
 TEST(VocabularyData, IsTestedInOrder) {
   // Each step breaks one thing that is tested earlier than everything broken before it.
-  const struct {
-    std::function<void(Document&)> breaks;
-    const char* failure;
-  } steps[] = {
+  const std::pair<std::function<void(Document&)>, const char*> steps[] = {
       {[](Document&) {}, "nothing"},
       {[](Document& v) {
          v["filtrations"] = {{"fn_1", 0}};
        },
        "SyncError: vocabulary.json contains retired function token ids fn_1; regenerate the era distribution "
-       "with "
-       "DB-token vocabulary"},
+       "with DB-token vocabulary"},
       {[](Document& v) { v["metadata"].erase("named_universe"); },
        "SyncError: vocabulary.json metadata.named_universe does not match manifest path 'u1'"},
       {[](Document& v) { v["named_universe"] = "u2"; },
@@ -60,9 +52,9 @@ TEST(VocabularyData, IsTestedInOrder) {
       {[](Document& v) { v = {1}; }, "SyncError: vocabulary.json must contain a JSON object"},
   };
   Document vocabulary = vocabulary_document("u1");
-  for (const auto& step : steps) {
-    step.breaks(vocabulary);
-    EXPECT_EQ(failure_of([&] { _validate_vocabulary_data(vocabulary, 7, "u1"); }), step.failure);
+  for (const auto& [breaks, failure] : steps) {
+    breaks(vocabulary);
+    EXPECT_EQ(failure_of([&] { _validate_vocabulary_data(vocabulary, 7, "u1"); }), failure);
   }
 }
 
@@ -76,13 +68,9 @@ TEST(VocabularyData, TakesItsOwnUniverseWhenNoneIsGiven) {
 
 TEST(VocabularyBytes, ThatAreNoJsonChainTheirCause) {
   for (const char* const bytes : {"{", "\xff", ""}) {
-    try {
-      _validate_vocabulary_bytes(bytes, 7);
-      ADD_FAILURE() << "accepted " << bytes;
-    } catch (const SyncError& failure) {
-      EXPECT_THAT(failure.what(), StartsWith("vocabulary.json is not valid JSON: "));
-      EXPECT_THROW(std::rethrow_exception(failure.cause()), ValueError);
-    }
+    const auto failure = caught<SyncError>([&] { _validate_vocabulary_bytes(bytes, 7); });
+    EXPECT_THAT(failure.what(), StartsWith("vocabulary.json is not valid JSON: "));
+    EXPECT_THROW(std::rethrow_exception(failure.cause()), ValueError);
   }
 }
 
@@ -115,6 +103,9 @@ class VocabularyRootTest : public ::testing::Test {
   Vocabularies validate() const {
     return _validate_manifest_vocabulary_files(root.path(), Manifest(manifest));
   }
+  std::string failure() const {
+    return failure_of([this] { validate(); });
+  }
 
   TempDir root;
   Document manifest = {{"era_number", 7}, {"functions", "functions.json"}, {"files", Document::object()}};
@@ -134,23 +125,20 @@ TEST_F(VocabularyRootTest, NamesWhatIsWrongWithIt) {
   const std::string good = root.read(path);
 
   put(path, dump_json(vocabulary_document("u2")), "vocabulary");
-  EXPECT_EQ(failure_of([&] { validate(); }),
-            "SyncError: vocabulary.json named_universe does not match manifest path 'u1'");
+  EXPECT_EQ(failure(), "SyncError: vocabulary.json named_universe does not match manifest path 'u1'");
   root.write(path, good);
-  EXPECT_EQ(failure_of([&] { validate(); }), "IntegrityError: " + path + " sha256 mismatch");
+  EXPECT_EQ(failure(), "IntegrityError: " + path + " sha256 mismatch");
   manifest["files"][path]["sha256"] = nullptr;
-  EXPECT_EQ(failure_of([&] { validate(); }),
-            "SyncError: manifest files[\"" + path + "\"].sha256 is required");
+  EXPECT_EQ(failure(), "SyncError: manifest files[\"" + path + "\"].sha256 is required");
   root.remove(path);
-  EXPECT_EQ(failure_of([&] { validate(); }), "SyncError: vocabulary.json is missing");
+  EXPECT_EQ(failure(), "SyncError: vocabulary.json is missing");
   root.write(path + "/inside", "a directory in the place of the file");
-  EXPECT_THAT(failure_of([&] { validate(); }), StartsWith("SyncError: vocabulary.json is not readable: "));
+  EXPECT_THAT(failure(), StartsWith("SyncError: vocabulary.json is not readable: "));
   root.remove("functions.json");
-  EXPECT_EQ(failure_of([&] { validate(); }), "SyncError: functions.json is missing: functions.json");
+  EXPECT_EQ(failure(), "SyncError: functions.json is missing: functions.json");
   manifest["files"].erase(path);
   manifest["files"].erase(vocabulary_path("u2"));
-  EXPECT_EQ(failure_of([&] { validate(); }),
-            "SyncError: manifest is missing per-universe vocabulary.json entries");
+  EXPECT_EQ(failure(), "SyncError: manifest is missing per-universe vocabulary.json entries");
 }
 
 TEST(FirstVocabularyMetadata, IsOfTheFirstThatHasOne) {

@@ -1,7 +1,6 @@
 #include "cohort/active_cohort_views.hpp"
 
 #include <future>
-#include <optional>
 
 #include "cohort/cohort_loader.hpp"
 #include "support/sync_fixture.hpp"
@@ -9,7 +8,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-class ViewsTest : public testing::SyncFixture {};
+using ViewsTest = testing::SyncFixture;
 
 TEST_F(ViewsTest, FlatStateHasNoView) {
   const auto manager = make_manager();
@@ -19,15 +18,12 @@ TEST_F(ViewsTest, FlatStateHasNoView) {
 }
 
 TEST_F(ViewsTest, PublicationWaitsForAPinAndTheSnapshotKeepsDescribingItsRoot) {
-  auto content = small_distribution();
-  origin.publish(content);
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const auto snapshot = manager->active_cohort_snapshot();
   EXPECT_EQ(snapshot.root_dir(), manager->active_data_dir());
   EXPECT_EQ(snapshot, manager->active_cohort_snapshot());
 
-  origin.publish(content.file("extra.bin", "x", "reference"));
+  origin.publish(small_distribution().file("extra.bin", "x", "reference"));
   const auto other = make_manager();
   std::future<SyncResult> publication;
   {
@@ -40,18 +36,12 @@ TEST_F(ViewsTest, PublicationWaitsForAPinAndTheSnapshotKeepsDescribingItsRoot) {
   publication.get();
   EXPECT_NE(other->active_cohort_snapshot().root_dir(), snapshot.root_dir());
   EXPECT_TRUE(std::filesystem::exists(snapshot.root_dir() + "/functions.json"));
-  try {
-    manager->active_cohort_snapshot();
-    ADD_FAILURE();
-  } catch (const StateError& failure) {
-    EXPECT_STREQ(failure.what(), "Pinned active cohort differs from the sync manager selection");
-  }
+  EXPECT_EQ(failure_of([&] { manager->active_cohort_snapshot(); }),
+            "StateError: Pinned active cohort differs from the sync manager selection");
 }
 
 TEST_F(ViewsTest, PinMayOutliveItsManager) {
-  origin.publish(small_distribution());
-  auto manager = make_manager();
-  manager->sync();
+  auto manager = synced_manager();
   std::optional<ActiveCohortPin> pin = manager->pin_active_cohort_snapshot();
   manager.reset();
   EXPECT_TRUE(std::filesystem::exists(pin->snapshot().root_dir() + "/functions.json"));
@@ -69,9 +59,7 @@ TEST_F(ViewsTest, PinMayOutliveItsManager) {
 }
 
 TEST_F(ViewsTest, ReadbackFindsASwappedRootAndLetsGoOfEverything) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const std::string root = manager->active_data_dir();
   ActiveCohortPin pin = manager->pin_active_cohort_snapshot();
   std::filesystem::rename(root, root + "-aside");

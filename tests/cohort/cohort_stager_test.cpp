@@ -7,9 +7,7 @@
 namespace tidalcrest::sync {
 namespace {
 
-using ::testing::ElementsAre;
 using testing::files_below;
-using ::testing::IsEmpty;
 
 constexpr const char* FEATURE_A = "features/u1/signal_is/alpha__one__x__a.arrow";
 constexpr const char* FEATURE_B = "features/u1/signal_is/alpha__one__x__b.arrow";
@@ -28,9 +26,7 @@ class StagingTest : public testing::SyncFixture {
 
 TEST_F(StagingTest, FailedStagingLeavesTheActiveCohortByteForByte) {
   auto content = small_distribution();
-  origin.publish(content);
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(content);
   const std::string root = manager->active_data_dir();
   const auto before = files_below(root);
 
@@ -56,20 +52,14 @@ TEST_F(StagingTest, DiskSpaceIsTestedAgainstWhatIsToBeFetched) {
   seams.free_bytes = [&](const std::string&) { return ++calls == 2 ? free : 1000000000; };
   free = 10;
   const auto manager = make_manager();
-  try {
-    manager->sync();
-    ADD_FAILURE();
-  } catch (const DiskSpaceError& failure) {
-    EXPECT_THAT(failure.what(), ::testing::MatchesRegex(
-                                    "Insufficient disk space: need [0-9]+ bytes, have 10 bytes available"));
-  }
+  EXPECT_THAT(failure_of([&] { manager->sync(); }),
+              ::testing::MatchesRegex(
+                  "DiskSpaceError: Insufficient disk space: need [0-9]+ bytes, have 10 bytes .*"));
   EXPECT_THAT(origin.resources_asked("features/*"), IsEmpty());
 }
 
 TEST_F(StagingTest, RepairCopiesInOnlyWhatDiffersAndForcesTheSeedPairTogether) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const std::string root = manager->active_data_dir();
   const auto whole = files_below(root);
   std::ofstream(root + "/" + FEATURE_A) << "damaged";
@@ -115,15 +105,8 @@ TEST_F(StagingTest, RepairWhoseFlushFailedIsMadeAgain) {
 }
 
 TEST_F(StagingTest, ManagerOlderThanItsDirectoryAdoptsWhatIsSelected) {
-  auto content = small_distribution();
-  origin.publish(content);
-  const auto late = make_manager();
-  late->sync();
-  {
-    const auto other = make_manager();
-    origin.publish(content.file("extra.bin", "x", "reference"));
-    other->sync();
-  }
+  const auto late = synced_manager();
+  synced_manager(small_distribution().file("extra.bin", "x", "reference"));
   EXPECT_THROW(late->active_cohort_snapshot(), StateError);
   origin.forget_requests();
   late->sync();
@@ -133,9 +116,7 @@ TEST_F(StagingTest, ManagerOlderThanItsDirectoryAdoptsWhatIsSelected) {
 
 TEST_F(StagingTest, MembersThatAnotherManagerAddedToTheLiveCohortStay) {
   data.write("rotation-settings.json", R"({"feature_budget_gb": 0})");
-  origin.publish(small_distribution());
-  const auto first = make_manager();
-  first->sync();
+  const auto first = synced_manager();
   const auto second = make_manager();
   first->repair({FEATURE_A});
   second->repair({FEATURE_B});
@@ -146,12 +127,7 @@ TEST_F(StagingTest, MembersThatAnotherManagerAddedToTheLiveCohortStay) {
 }
 
 TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWhereNot) {
-  origin.publish(small_distribution());
-  const std::string root = [&] {
-    const auto manager = make_manager();
-    manager->sync();
-    return manager->active_data_dir();
-  }();
+  const std::string root = synced_manager()->active_data_dir();
   const auto whole = files_below(root);
   const std::string marker = root + "/left-by-hand";
 
@@ -175,9 +151,7 @@ TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWh
 }
 
 TEST_F(StagingTest, LostSelectorIsWrittenAgainWithoutFetchingMembers) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   data.remove("manifest.json");
   origin.forget_requests();
   manager->sync();
@@ -187,9 +161,7 @@ TEST_F(StagingTest, LostSelectorIsWrittenAgainWithoutFetchingMembers) {
 }
 
 TEST_F(StagingTest, LinkInPlaceOfTheSelectorSelectsNothingAndIsReplaced) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const auto put_link = [&] {
     data.remove("manifest.json");
     data.write("elsewhere.json", origin.current().manifest_bytes + " ");
@@ -211,10 +183,9 @@ TEST_F(StagingTest, LinkInPlaceOfTheSelectorSelectsNothingAndIsReplaced) {
 }
 
 TEST_F(StagingTest, RuntimeModulesGetASnapshotOfTheirOwn) {
-  origin.publish(small_distribution().file("vault_modules/pricing-" + CURRENT_PLATFORM + ".so",
-                                           "machine code", "vault_module", {{"platform", CURRENT_PLATFORM}}));
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(
+      small_distribution().file("vault_modules/pricing-" + CURRENT_PLATFORM + ".so", "machine code",
+                                "vault_module", {{"platform", CURRENT_PLATFORM}}));
   const auto members = files_below(manager->active_data_dir());
   std::vector<std::string> snapshots;
   for (const auto& [path, bytes] : members) {
@@ -228,9 +199,7 @@ TEST_F(StagingTest, MatchingFilesOfAFlatDirectoryAreTakenOver) {
   data.write(FEATURE_A, "feature a");
   data.write(FEATURE_B, "another b");
   data.write("signals_index.json", "not reused from a flat directory");
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
   EXPECT_THAT(origin.resources_asked(FEATURE_B), ElementsAre(FEATURE_B));
   EXPECT_THAT(origin.resources_asked("signals_index.json"), ElementsAre("signals_index.json"));

@@ -11,10 +11,6 @@
 namespace tidalcrest::sync {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
-
 class CollectorTest : public testing::SyncFixture {
  public:
   CollectorTest() : lock(data.path()) {}

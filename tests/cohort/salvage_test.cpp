@@ -7,11 +7,8 @@
 namespace tidalcrest::sync {
 namespace {
 
-using ::testing::ElementsAre;
 using testing::files_below;
-using ::testing::IsEmpty;
 using ::testing::Pair;
-using ::testing::UnorderedElementsAre;
 
 constexpr int FILES = 40;
 
@@ -48,10 +45,8 @@ TEST_F(SalvageTest, NothingThatArrivedWholeIsFetchedTwiceAlsoUnderANewerManifest
   const std::string leftover =
       data.path(".tidalcrest-cohorts/" + local_cohort::manifest_sha256(origin.current().manifest_bytes));
   std::ofstream(leftover + "/" + path_of(3)) << "CONTENT of file 3";  // the right size and the wrong bytes
-  origin.publish(distribution().file(path_of(5), "content that is new", "reference"));
   origin.forget_requests();
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(distribution().file(path_of(5), "content that is new", "reference"));
   EXPECT_THAT(origin.resources_asked("reference/*"), UnorderedElementsAre(path_of(3), path_of(5)));
   EXPECT_THAT(origin.resources_asked("found_*"), IsEmpty());
   EXPECT_TRUE(manager->verify().valid);
@@ -64,7 +59,7 @@ TEST_F(SalvageTest, FoundFilesTakenOverAreStillReportedAsNew) {
   const auto manager = make_manager();
   const SyncResult result = manager->sync();
   EXPECT_EQ(result.found_pnl_paths_downloaded.size(), 2u);
-  EXPECT_THAT(origin.resources_asked("never.bin"), ::testing::SizeIs(::testing::Gt(0u)));
+  EXPECT_THAT(origin.resources_asked("never.bin"), SizeIs(::testing::Gt(0u)));
 }
 
 // Asks to stop in one phase of a staging.
@@ -129,17 +124,14 @@ TEST_F(SalvageTest, StagedPrefixIsResumedWhenTheDigestIsTheSame) {
     EXPECT_THROW(manager.sync(), SyncBackoffCancelled);
   }
   origin.clear_faults();
-  origin.publish(content.file("extra.bin", "x", "reference"));
   origin.forget_requests();
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(content.file("extra.bin", "x", "reference"));
   EXPECT_THAT(origin.ranges_asked("long.bin"), ElementsAre(::testing::MatchesRegex("bytes=[12][0-9]{5}-")));
   EXPECT_TRUE(manager->verify().valid);
 }
 
 TEST_F(SalvageTest, AttemptsThatEndEarlyLeaveOneCopyOfEachMember) {
-  origin.publish(distribution());
-  make_manager()->sync();
+  synced_manager(distribution());
   origin.publish(distribution().file(path_of(5), "content that is new", "reference"));
   const std::string name = local_cohort::manifest_sha256(origin.current().manifest_bytes);
   // As after kills in the midst of the copying: several roots that hold the same unchanged members.

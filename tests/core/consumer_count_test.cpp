@@ -1,11 +1,8 @@
 #include "core/consumer_count.hpp"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {

@@ -1,16 +1,9 @@
 #include "core/consumer_requests.hpp"
 
-#include <thread>
-
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 class RequestsTest : public testing::SyncFixture {
  public:
@@ -22,28 +15,18 @@ class RequestsTest : public testing::SyncFixture {
     manager->start();
     return manager;
   }
-  template <class Call>
-  static std::string state_error_of(const Call& call) {
-    try {
-      call();
-    } catch (const StateError& failure) {
-      return failure.what();
-    }
-    ADD_FAILURE() << "no state error";
-    return {};
-  }
 };
 
 TEST_F(RequestsTest, AreRefusedWithoutARunningManagerAndDuringATransition) {
   const auto manager = make_manager();
-  EXPECT_EQ(state_error_of([&] { manager->request_for_sync(); }),
-            "Sync thread is not running. Call start() or acquire() first.");
+  EXPECT_EQ(failure_of([&] { manager->request_for_sync(); }),
+            "StateError: Sync thread is not running. Call start() or acquire() first.");
   EXPECT_THAT(manager->request_feature_files_for_sync({"  ", ""}), IsEmpty());
   data.write(".transition_lock", "1");
-  EXPECT_EQ(state_error_of([&] { manager->request_for_sync(); }),
-            "Sync is in era transition mode \u2014 request_for_sync rejected");
-  EXPECT_EQ(state_error_of([&] { manager->request_feature_files_for_sync({"a"}); }),
-            "Sync is in era transition mode \u2014 request_feature_files_for_sync rejected");
+  EXPECT_EQ(failure_of([&] { manager->request_for_sync(); }),
+            "StateError: Sync is in era transition mode \u2014 request_for_sync rejected");
+  EXPECT_EQ(failure_of([&] { manager->request_feature_files_for_sync({"a"}); }),
+            "StateError: Sync is in era transition mode \u2014 request_feature_files_for_sync rejected");
 }
 
 TEST_F(RequestsTest, TenCallersShareOneSync) {

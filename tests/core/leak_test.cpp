@@ -1,10 +1,6 @@
-#include <functional>
-
 #include "siblings/distribution/disk_calls.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "support/command.hpp"
-#include "support/eventually.hpp"
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -12,9 +8,6 @@ namespace {
 
 using origin::Fault;
 using testing::entries_of;
-using testing::eventually;
-using testing::failure_of;
-using ::testing::StartsWith;
 
 struct Held {
   std::size_t threads = entries_of("/proc/self/task");

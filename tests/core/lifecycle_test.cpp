@@ -1,16 +1,10 @@
 #include "core/lifecycle.hpp"
 
-#include <fmt/format.h>
-
-#include <thread>
-
 #include "cohort/cohort_loader.hpp"
 #include "core/registry.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "siblings/telemetry/logging_style.hpp"
 #include "support/command.hpp"
-#include "support/eventually.hpp"
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -18,26 +12,26 @@ namespace {
 
 using namespace std::chrono_literals;
 using origin::Fault;
-using ::testing::ElementsAre;
 using testing::entries_of;
-using testing::eventually;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 // Managers with real threads between a data directory and an origin.
 class LifecycleTest : public testing::SyncFixture {
  public:
   LifecycleTest() { seams = Seams::real(); }
 
-  std::shared_ptr<SyncManager> registered(double poll_interval = 0.01) {
+  SyncOptions polling_every(double seconds) {
     auto wanted = options();
-    wanted.poll_interval_s = poll_interval;
-    return SyncManager::get_or_create(wanted);
+    wanted.poll_interval_s = seconds;
+    return wanted;
   }
+  std::shared_ptr<SyncManager> registered() { return SyncManager::get_or_create(polling_every(0.01)); }
   bool is_registered() const {
     auto& registry = Registry::of_this_process();
     const MutexLock guard(registry._class_lock);
     return registry._instances.contains(canonical_path(data.path()));
+  }
+  void on_era_event(SyncManager& manager, std::function<void(const std::string&, std::int64_t)> call) {
+    manager.register_era_callback({.call = std::move(call), .identity = this});
   }
   bool monitors() const { return !origin.requests("/market/1/era/current").empty(); }
 };
@@ -54,7 +48,7 @@ TEST_F(LifecycleTest, SyncsByItselfFromTheFirstConsumerToTheLast) {
   origin.publish(small_distribution());
   EXPECT_TRUE(eventually([&] { return manager->get_manifest()->version() == 2; }));
   EXPECT_TRUE(eventually([&] { return monitors(); }));
-  EXPECT_EQ(testing::failure_of([&] { manager->start(); }), "StateError: SyncManager already running");
+  EXPECT_EQ(failure_of([&] { manager->start(); }), "StateError: SyncManager already running");
 
   manager->release();
   EXPECT_TRUE(manager->is_alive());
@@ -82,12 +76,10 @@ TEST_F(LifecycleTest, ReleasesNothingWithoutConsumersAndCountsThoseOfADeadProces
 }
 
 TEST_F(LifecycleTest, PollsWithoutFollowingTheEraAfterAPublicStart) {
-  auto wanted = options();
-  wanted.poll_interval_s = 0.01;
-  SyncManager manager(wanted, seams);
+  SyncManager manager(polling_every(0.01), seams);
   manager.stop();
   manager.start();
-  EXPECT_EQ(testing::failure_of([&] { manager.start(); }), "StateError: SyncManager already running");
+  EXPECT_EQ(failure_of([&] { manager.start(); }), "StateError: SyncManager already running");
   manager.acquire();
   EXPECT_TRUE(eventually([&] { return origin.requests("/data/manifest/version").size() > 3; }));
   EXPECT_FALSE(monitors());
@@ -100,9 +92,7 @@ TEST_F(LifecycleTest, PollsWithoutFollowingTheEraAfterAPublicStart) {
 
 TEST_F(LifecycleTest, RepairsAReportedFileInTheBackground) {
   origin.publish(small_distribution());
-  auto wanted = options();
-  wanted.poll_interval_s = 600;
-  SyncManager manager(wanted, seams);
+  SyncManager manager(polling_every(600), seams);
   manager.sync();
   manager.start();
   const std::string member = manager.active_data_dir() + "/reference/calendar.bin";
@@ -117,41 +107,30 @@ TEST_F(LifecycleTest, RepairsAReportedFileInTheBackground) {
 TEST_F(LifecycleTest, StopsSoonDuringEveryWait) {
   struct Case {
     const char* label;
-    std::function<void(LifecycleTest&)> arrange;
-    const char* waited_for;  // a request, or a log line
+    const char* hit;  // the requests that meet the fault
+    Fault fault;
+    const char* waited_for;
+    bool lock_is_taken = false;
   };
-  std::optional<DistributionLock> held;
+  const char* const version = "/data/manifest/version";
   const Case cases[] = {
-      {"the next poll", [](LifecycleTest&) {}, "/data/manifest/version"},
-      {"a server that is away",
-       [](LifecycleTest& test) {
-         test.origin.fault("*", {.kind = Fault::Kind::STATUS, .status = 503, .count = 0});
-       },
-       "/data/manifest/version"},
-      {"an answer",
-       [](LifecycleTest& test) {
-         test.origin.fault("/data/*", {.kind = Fault::Kind::DELAY, .seconds = 30, .count = 0});
-       },
-       "/data/manifest/version"},
+      {"the next poll", "none", {}, version},
+      {"a server that is away", "*", {.status = 503, .count = 0}, version},
+      {"an answer", "/data/*", {.kind = Fault::Kind::DELAY, .seconds = 30, .count = 0}, version},
       {"a transfer",
-       [](LifecycleTest& test) {
-         test.origin.fault("features/*", {.kind = Fault::Kind::STALL, .after = 2, .seconds = 30, .count = 0});
-       },
+       "features/*",
+       {.kind = Fault::Kind::STALL, .after = 2, .seconds = 30, .count = 0},
        "features/*"},
-      {"another process's lock",
-       [&held](LifecycleTest& test) {
-         held = acquire_distribution_lock(test.data.path(), /*exclusive=*/true);
-       },
-       "/data/manifest/version"},
+      {"another process's lock", "none", {}, version, true},
   };
   origin.publish(small_distribution());
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     origin.forget_requests();
-    auto wanted = options();
-    wanted.poll_interval_s = 600;
-    SyncManager manager(wanted, seams);
-    c.arrange(*this);
+    SyncManager manager(polling_every(600), seams);
+    origin.fault(c.hit, c.fault);
+    std::optional<DistributionLock> held;
+    if (c.lock_is_taken) held = acquire_distribution_lock(data.path(), /*exclusive=*/true);
     manager.acquire();
     EXPECT_TRUE(eventually([&] { return !origin.requests(c.waited_for).empty(); }));
     std::this_thread::sleep_for(50ms);
@@ -159,7 +138,6 @@ TEST_F(LifecycleTest, StopsSoonDuringEveryWait) {
     manager.release();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
     EXPECT_FALSE(manager.is_alive());
-    held.reset();
     origin.clear_faults();
     std::filesystem::remove_all(data.path(".tidalcrest-cohorts"));
     data.remove("manifest.json");
@@ -174,15 +152,12 @@ TEST_F(LifecycleTest, MayBeReleasedForGoodFromAnEraCallback) {
   const std::weak_ptr<SyncManager> watched = manager;
   Event killed, restarted;
   SyncManager* const raw = manager.get();
-  int identity = 0;
-  manager->register_era_callback({.call =
-                                      [&, raw](const std::string& event_type, std::int64_t era_number) {
-                                        EXPECT_EQ(era_number, event_type == "kill" ? 1 : 2);
-                                        if (event_type == "kill") return killed.set();
-                                        raw->release();
-                                        restarted.set();
-                                      },
-                                  .identity = &identity});
+  on_era_event(*manager, [&, raw](const std::string& event_type, std::int64_t era_number) {
+    EXPECT_EQ(era_number, event_type == "kill" ? 1 : 2);
+    if (event_type == "kill") return killed.set();
+    raw->release();
+    restarted.set();
+  });
   manager->acquire();
   manager.reset();
   const auto before = std::chrono::steady_clock::now();
@@ -200,18 +175,13 @@ TEST_F(LifecycleTest, MayBeReleasedForGoodFromAnEraCallback) {
 TEST_F(LifecycleTest, TellsSearchesOfEraZeroWithoutAManifest) {
   origin.publish(small_distribution());
   origin.set_era_state("closing");
-  origin.fault("/data/*",
-               {.kind = Fault::Kind::STATUS, .status = 404, .count = 0});  // the poll thread gets nothing
+  origin.fault("/data/*", {.status = 404, .count = 0});  // the poll thread gets nothing
   auto manager = registered();
   Event killed;
-  int identity = 0;
-  manager->register_era_callback({.call =
-                                      [&](const std::string& event_type, std::int64_t era_number) {
-                                        EXPECT_EQ(event_type, "kill");
-                                        EXPECT_EQ(era_number, 0);
-                                        killed.set();
-                                      },
-                                  .identity = &identity});
+  on_era_event(*manager, [&](const std::string& event_type, std::int64_t era_number) {
+    EXPECT_EQ(event_type + std::to_string(era_number), "kill0");
+    killed.set();
+  });
   manager->acquire();
   EXPECT_TRUE(killed.wait_for(5s));
   manager->release();
@@ -313,7 +283,7 @@ TEST_F(StopTest, ReportsAnEraThreadThatIsStartedAlready) {
   logging_style::module_seam().install(surface);
   era_thread->start();
   Lifecycle lifecycle(data.path(), collaborators(), seams);
-  EXPECT_EQ(testing::failure_of([&] { lifecycle.acquire(); }), "nothing");
+  EXPECT_EQ(failure_of([&] { lifecycle.acquire(); }), "nothing");
   logging_style::module_seam().install(nullptr);
   EXPECT_EQ(surface->told,
             "Era synchronization error sync state {\"reason\":\"era_thread_start_state\"} _start_internal "

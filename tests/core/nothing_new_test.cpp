@@ -5,16 +5,12 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <set>
 #include <system_error>
 
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 /// Names the regular files below a directory that are opened while this lives, whoever does it. Descriptors
 /// that only name a file (`O_PATH`) and stats open nothing.

@@ -1,14 +1,10 @@
 #include "core/sync_driver.hpp"
 
-#include "host/digest.hpp"
 #include "host/integer.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr const char* VERSION_PATH = "/data/manifest/version";
 constexpr const char* MANIFEST_PATH = "/data/manifest";
@@ -28,16 +24,6 @@ class SyncDriverTest : public testing::SyncFixture {
                     {"market_id", 1},
                     {"manifest_sha256", local_cohort::manifest_sha256(origin.current().manifest_bytes)}}
         .dump();
-  }
-  template <class Kind>
-  std::string failure_of(SyncManager& manager) {
-    try {
-      manager.sync();
-    } catch (const Kind& failure) {
-      return failure.what();
-    }
-    ADD_FAILURE() << "no such failure";
-    return {};
   }
 };
 
@@ -76,9 +62,7 @@ TEST_F(SyncDriverTest, FirstSyncPublishesTheWholeDistributionAndTheSecondFindsNo
 
 TEST_F(SyncDriverTest, NewVersionFetchesOnlyWhatChanged) {
   auto content = small_distribution();
-  origin.publish(content);
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(content);
   const std::string first_root = manager->active_data_dir();
   const auto before = testing::files_below(first_root);
   origin.publish(content.feature("u1", "signal_is", "alpha__one__x__a", "feature a, changed"));
@@ -94,9 +78,7 @@ TEST_F(SyncDriverTest, NewVersionFetchesOnlyWhatChanged) {
 }
 
 TEST_F(SyncDriverTest, VersionAnswerDecidesTheRoad) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   struct Case {
     const char* label;
     std::string body;
@@ -125,35 +107,33 @@ TEST_F(SyncDriverTest, VersionAnswerDecidesTheRoad) {
 
 TEST_F(SyncDriverTest, RefusesWhatWouldMoveBackwardsOrAcross) {
   auto content = small_distribution();
-  origin.publish(content.version(5));
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager(content.version(5));
   const auto published = testing::files_below(data.path());
+  const auto failure = [&] { return failure_of([&] { manager->sync(); }); };
 
   answer_version(R"({"version": 5, "market_id": 1, "sha256": ")" +
                  local_cohort::manifest_sha256(origin.current().manifest_bytes) + "\"}");
-  EXPECT_EQ(failure_of<EraError>(*manager), "Era mismatch: local era_number=1, server era_number=None");
+  EXPECT_EQ(failure(), "EraError: Era mismatch: local era_number=1, server era_number=None");
   origin.clear_faults();
   answer_version(R"({"version": 5, "era_number": 1, "market_id": 2})");
-  EXPECT_EQ(failure_of<ManifestError>(*manager),
-            "manifest version response market_id must exactly match configured market_id=1");
+  EXPECT_EQ(failure(),
+            "ManifestError: manifest version response market_id must exactly match configured market_id=1");
   origin.clear_faults();
   answer_version("", 401);
-  EXPECT_EQ(failure_of<AuthError>(*manager), "Authentication failed: HTTP 401");
+  EXPECT_EQ(failure(), "AuthError: Authentication failed: HTTP 401");
   origin.clear_faults();
 
   origin.publish(content.version(4).file("extra.bin", "x", "reference"));
-  EXPECT_EQ(failure_of<SyncError>(*manager),
-            "Refusing manifest downgrade: local version=5, server version=4");
+  EXPECT_EQ(failure(), "SyncError: Refusing manifest downgrade: local version=5, server version=4");
   Document changed = origin.current().manifest;
   changed["version"] = 5;
   origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
-  EXPECT_EQ(failure_of<SyncError>(*manager), "Refusing same-version manifest with different exact identity");
+  EXPECT_EQ(failure(), "SyncError: Refusing same-version manifest with different exact identity");
   changed["era_number"] = true;  // the same era by value
   origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
-  EXPECT_EQ(failure_of<SyncError>(*manager), "Refusing same-version manifest with different exact identity");
+  EXPECT_EQ(failure(), "SyncError: Refusing same-version manifest with different exact identity");
   origin.publish(content.era(2).version(6));
-  EXPECT_EQ(failure_of<EraError>(*manager), "Era mismatch: local era_number=1, server era_number=2");
+  EXPECT_EQ(failure(), "EraError: Era mismatch: local era_number=1, server era_number=2");
   EXPECT_EQ(testing::files_below(data.path()), published);
 }
 
@@ -170,9 +150,7 @@ TEST_F(SyncDriverTest, ADisplayThatFailsFailsNoSync) {
 }
 
 TEST_F(SyncDriverTest, DamagedLocalDataLeadsFromTheFastPathToARepair) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const std::string root = manager->active_data_dir();
   std::filesystem::remove(root + "/" + FEATURE_A);
   std::ofstream(root + "/reference/calendar.bin") << "CALENDAR";

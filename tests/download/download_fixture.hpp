@@ -1,13 +1,5 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
 #include "support/network.hpp"
 
 namespace tidalcrest::sync::testing {

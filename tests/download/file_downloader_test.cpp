@@ -5,20 +5,14 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
 
 #include "download/download_fixture.hpp"
-#include "host/scope_exit.hpp"
+#include "support/environment.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 using Ranges = std::vector<std::string>;
 using Reasons = std::vector<std::string>;
 
@@ -83,7 +77,7 @@ TEST_F(FileDownloaderTest, PublishesOneProvenFileAndTellsEveryoneOfIt) {
   EXPECT_EQ(request.header("User-Agent"), "tidalcrest-sync/0.0.3");
 
   hash_cache._persist_hash_cache();
-  EXPECT_THAT(data.read(".sync_hash_cache.json"), ::testing::HasSubstr("\"u1/a.arrow\""));
+  EXPECT_THAT(data.read(".sync_hash_cache.json"), HasSubstr("\"u1/a.arrow\""));
 }
 
 TEST_F(FileDownloaderTest, LeavesGuardAndCacheAloneOutsideTheDataDirectory) {
@@ -102,13 +96,8 @@ TEST_F(FileDownloaderTest, FallsBackToTheActiveManifestsAddress) {
   options.generation.base_url.clear();
   server.script(url_path("a.arrow"), {whole(SMALL)});
   EXPECT_THAT(failure_of([&] { download("a.arrow", entry_for(SMALL)); }), StartsWith("ManifestError: "));
-  ActiveView view;
-  view.manifest = std::make_shared<Manifest>(Document{{"base_url", server.url() + "/data/releases"},
-                                                      {"era_number", 5},
-                                                      {"market_id", 1},
-                                                      {"version", 1},
-                                                      {"files", Document::object()}});
-  active.set(std::make_shared<ActiveView>(view));
+  activate(std::make_shared<Manifest>(
+      Document{{"base_url", server.url() + "/data/releases"}, {"era_number", 5}, {"market_id", 1}}));
   download("a.arrow", entry_for(SMALL));
   EXPECT_EQ(data.read("a.arrow"), SMALL);
 }
@@ -256,24 +245,18 @@ TEST_F(FileDownloaderTest, StopsRepairsThatBringNoMoreBytes) {
     const char* failure;
   };
   const Reply wrong = whole(std::string(30, '?'));
-  const auto short_by_server = [](std::size_t count) { return whole(SMALL.substr(0, count)); };
+  const Reply twelve = whole(SMALL.substr(0, 12));
+  const char* const incomplete = "IntegrityError: Incomplete download for ";
+  const char* const mismatch = "IntegrityError: Checksum failure for ";
   const Case cases[] = {
-      {"short four times",
-       {short_by_server(12)},
-       4,
-       "size_mismatch",
-       "IntegrityError: Incomplete download for "},
+      {"short four times", {twelve}, 4, "size_mismatch", incomplete},
       {"growth starts the count anew",
-       {short_by_server(12), short_by_server(12), short_by_server(12), short_by_server(13)},
+       {twelve, twelve, twelve, whole(SMALL.substr(0, 13))},
        7,
        "size_mismatch",
-       "IntegrityError: Incomplete download for "},
-      {"wrong four times", {wrong}, 4, "sha256_mismatch", "IntegrityError: Checksum failure for "},
-      {"short and wrong share the count",
-       {short_by_server(12), short_by_server(12), wrong},
-       6,
-       "sha256_mismatch",
-       "IntegrityError: Checksum failure for "},
+       incomplete},
+      {"wrong four times", {wrong}, 4, "sha256_mismatch", mismatch},
+      {"short and wrong share the count", {twelve, twelve, wrong}, 6, "sha256_mismatch", mismatch},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.label);
@@ -353,8 +336,7 @@ TEST_F(FileDownloaderTest, LogsResumesAndResets) {
 
 TEST_F(FileDownloaderTest, KeepsStagedBytesWhenAStopIsRequested) {
   bool stop = true;
-  const ScopedBackoffContext context(
-      {.surface = {}, .data_dir = {}, .stop_requested = [&stop] { return stop; }});
+  const ScopedBackoffContext context({.stop_requested = [&stop] { return stop; }});
   const std::string path = prepare("", {cut(whole(SMALL), 12), part(SMALL, 12, 18)});
   EXPECT_EQ(failure_of([&] { download(path, entry_for(SMALL)); }), "SyncBackoffCancelled: cancelled");
   EXPECT_EQ(data.read(path + ".tmp"), SMALL.substr(0, 12));
@@ -371,9 +353,7 @@ TEST_F(FileDownloaderTest, KeepsTheWholeAnswerBehindABrokenOne) {
             "#!/bin/sh\ncat \"$(dirname \"$0\")/answer\"\nprintf '\\nTIDALCREST_HTTP_STATUS:200\\n' >&2\n");
   std::filesystem::permissions(bin.path("curl"), std::filesystem::perms::owner_all);
   bin.write("answer", "error text" + LARGE);
-  const std::string search_path = getenv("PATH");
-  setenv("PATH", (bin.path() + ":" + search_path).c_str(), 1);
-  const ScopeExit restore([&] { setenv("PATH", search_path.c_str(), 1); });
+  const ScopedEnvironment search_path("PATH", bin.path() + ":" + getenv("PATH"));
   knobs.set("curl", nullptr, nullptr);
   options.generation.base_url = "https://data.tidalcrest.example";
   download("a.bin", entry_for(LARGE));
@@ -393,15 +373,15 @@ TEST_F(FileDownloaderTest, NeverWritesThroughAStagingFileWithAnotherName) {
 }
 
 TEST_F(FileDownloaderTest, NeverRepeatsALocalFailure) {
-  const auto boundary_failure = [&](const std::string& path) {
-    return failure_of([&] { download(path, entry_for(SMALL)); });
+  const auto expect_boundary_failure = [&](const std::string& path) {
+    EXPECT_THAT(failure_of([&] { download(path, entry_for(SMALL)); }),
+                StartsWith("SyncError: Unsafe local download boundary for " + path + ": "));
   };
   const std::string linked = prepare("", {whole(SMALL)});
   data.write("elsewhere", "precious");
   std::filesystem::create_directories(data.path("cases"));
   std::filesystem::create_symlink(data.path("elsewhere"), data.path(linked + ".tmp"));
-  EXPECT_THAT(boundary_failure(linked),
-              StartsWith("SyncError: Unsafe local download boundary for " + linked + ": "));
+  expect_boundary_failure(linked);
   EXPECT_EQ(data.read("elsewhere"), "precious");
 
   const std::string full = prepare("", {whole(SMALL)});
@@ -411,12 +391,11 @@ TEST_F(FileDownloaderTest, NeverRepeatsALocalFailure) {
   const rlimit tight{10, before.rlim_max};
   setrlimit(RLIMIT_FSIZE, &tight);  // stands for a disk with room for ten bytes
   const ScopeExit restore([&before] { setrlimit(RLIMIT_FSIZE, &before); });
-  EXPECT_THAT(boundary_failure(full),
-              StartsWith("SyncError: Unsafe local download boundary for " + full + ": "));
+  expect_boundary_failure(full);
   EXPECT_EQ(ranges_asked(full).size(), 1u);
 
   options.target_data_dir = data.path("elsewhere");  // a file where a root should be
-  EXPECT_THAT(boundary_failure("a.bin"), StartsWith("SyncError: Unsafe local download boundary for a.bin: "));
+  expect_boundary_failure("a.bin");
   EXPECT_THAT(backoff.waits(), IsEmpty());
 }
 

@@ -3,8 +3,6 @@
 #include <pthread.h>
 
 #include <future>
-#include <set>
-#include <thread>
 
 #include "download/download_fixture.hpp"
 
@@ -12,11 +10,6 @@ namespace tidalcrest::sync {
 namespace {
 
 using namespace testing;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using ::testing::UnorderedElementsAre;
 
 const std::string BYTES = pattern_bytes(30);
 
@@ -124,8 +117,7 @@ TEST_F(ParallelDownloaderTest, WorkersHeedTheCallersStopSignal) {
   int number = 0;
   for (const auto& item : cases) {
     SCOPED_TRACE(item.label);
-    const ScopedBackoffContext context(
-        {.surface = {}, .data_dir = {}, .stop_requested = item.stop_requested});
+    const ScopedBackoffContext context({.stop_requested = item.stop_requested});
     std::vector<std::string> paths;
     for (int i = 0; i < 2; ++i) {
       paths.push_back("stopped/" + std::to_string(++number));
@@ -137,7 +129,7 @@ TEST_F(ParallelDownloaderTest, WorkersHeedTheCallersStopSignal) {
 
 TEST_F(ParallelDownloaderTest, CarriesExceptionsOfEveryType) {
   backoff.on_cancel([] { throw 42; });  // the host's own kind
-  const ScopedBackoffContext context({.surface = {}, .data_dir = {}, .stop_requested = [] { return true; }});
+  const ScopedBackoffContext context({.stop_requested = [] { return true; }});
   answer("a", {.status = 503});
   answer("b", {.status = 503});
   EXPECT_THROW(run({"a", "b"}), int);

@@ -1,19 +1,8 @@
-#include "support/failure_text.hpp"
+#include "support/search_consumer.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using testing::failure_of;
-using ::testing::StartsWith;
-
-class Search : public RotationSearchConsumer {
- public:
-  std::function<void()> on_refresh;
-  std::optional<std::string> named_universe() const override { return "u1"; }
-  void refresh_rotation_scope(const RotationState&, const Document&) override { on_refresh(); }
-};
 
 // Each of these calls takes the locks of the manager, so a callback under one of them would wait for itself.
 void use_everything(SyncManager& manager) {
@@ -27,11 +16,9 @@ void use_everything(SyncManager& manager) {
 using CallbacksTest = testing::SyncFixture;
 
 TEST_F(CallbacksTest, MayCallBackIntoTheManagerWhereverNoLockIsHeld) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   std::vector<std::string> told;
-  const auto search = std::make_shared<Search>();
+  const auto search = std::make_shared<testing::SearchConsumer>("u1");
   int refreshes = 0;
   search->on_refresh = [&] {
     told.emplace_back("refresh");
@@ -40,17 +27,14 @@ TEST_F(CallbacksTest, MayCallBackIntoTheManagerWhereverNoLockIsHeld) {
     use_everything(*manager);
   };
   int identity = 0;
-  const EraCallback callback{.call =
-                                 [&](const std::string& event_type, std::int64_t) {
-                                   told.push_back(event_type);
-                                   manager->unregister_era_callback({.call = {}, .identity = &identity});
-                                   use_everything(*manager);
-                                   manager->register_era_callback(
-                                       {.call = [](const std::string&, std::int64_t) {}, .identity = &told});
-                                 },
-                             .identity = &identity};
+  const auto call = [&](const std::string& event_type, std::int64_t) {
+    told.push_back(event_type);
+    manager->unregister_era_callback({.call = {}, .identity = &identity});
+    use_everything(*manager);
+    manager->register_era_callback({.call = [](const std::string&, std::int64_t) {}, .identity = &told});
+  };
   const auto notify = [&](const char* event_type) {
-    manager->register_era_callback(callback);
+    manager->register_era_callback({.call = call, .identity = &identity});
     manager->_notify_era_callbacks(event_type, 2);
   };
   manager->trigger_era_transition(

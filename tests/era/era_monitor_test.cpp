@@ -1,17 +1,10 @@
 #include "era/era_monitor.hpp"
 
-#include <condition_variable>
-#include <thread>
-
 #include "siblings/onboarding/agent_onboarding.hpp"
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 class Nudges : public agent_onboarding::Module {
  public:
@@ -155,10 +148,9 @@ TEST_F(EraMonitorTest, RefusesAnUnsafeAddressBeforeABadMarket) {
   auto unsafe = options();
   unsafe.server_url = "http://example.com";
   unsafe.market_id = "none";
-  EXPECT_THAT(testing::failure_of([&] { EraMonitor{unsafe}; }),
-              ::testing::Not(::testing::HasSubstr("market_id")));
+  EXPECT_THAT(failure_of([&] { EraMonitor{unsafe}; }), Not(HasSubstr("market_id")));
   unsafe.server_url = "https://api";
-  EXPECT_EQ(testing::failure_of([&] { EraMonitor{unsafe}; }),
+  EXPECT_EQ(failure_of([&] { EraMonitor{unsafe}; }),
             "ValueError: market_id must be a positive integer, got 'none'");
 }
 
@@ -178,12 +170,10 @@ TEST_F(EraMonitorTest, StartsOnceAndMayBeStoppedFromItsOwnCallback) {
   answer = {200, {}, ACTIVE_8};
   monitor.start();
   ASSERT_TRUE(stopped_inside.wait_for(std::chrono::seconds(5)));
-  const auto still_alive = [&] { return monitor.is_alive(); };
-  for (int i = 0; i < 1000 && still_alive(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_FALSE(still_alive());
+  EXPECT_TRUE(eventually([&] { return !monitor.is_alive(); }));
   answer.status = 404;
   monitor.start();
-  EXPECT_EQ(testing::failure_of([&] { monitor.start(); }), "StateError: EraThread already started");
+  EXPECT_EQ(failure_of([&] { monitor.start(); }), "StateError: EraThread already started");
   monitor.stop();
   EXPECT_FALSE(monitor.is_alive());
 }
@@ -211,9 +201,7 @@ TEST_F(EraMonitorTest, LeavesAThreadThatMissesItsJoinToEndByItself) {
   const std::weak_ptr<EraTarget> watched = target;
   target.reset();
   leave.set();
-  for (int i = 0; i < 5000 && !watched.expired(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_TRUE(watched.expired());
+  EXPECT_TRUE(eventually([&] { return watched.expired(); }));
   EXPECT_LE(transitions, 2);
 }
 
@@ -222,9 +210,7 @@ TEST_F(EraMonitorTest, EndsWhenItsManagerIsGone) {
   answer.status = 404;
   monitor.start();
   target.reset();
-  for (int i = 0; i < 5000 && monitor.is_alive(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_FALSE(monitor.is_alive());
+  EXPECT_TRUE(eventually([&] { return !monitor.is_alive(); }));
 }
 
 }  // namespace

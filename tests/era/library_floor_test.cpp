@@ -1,6 +1,5 @@
 #include "era/library_floor.hpp"
 
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -81,7 +80,7 @@ TEST(LibraryFloor, LetsTheLibraryInWhereItMeetsTheFloorOrAnUpdateLiftedIt) {
     library.look_for_update();
     const Document config =
         c.floor.is_null() ? Document::object() : Document{{"min_library_version", c.floor}};
-    EXPECT_EQ(testing::failure_of([&] { library.require(config, "9"); }), c.failure);
+    EXPECT_EQ(failure_of([&] { library.require(config, "9"); }), c.failure);
     EXPECT_EQ(module->asked_for, c.asked_for);
     EXPECT_EQ(
         ::testing::PrintToString(log.lines()),
@@ -93,7 +92,7 @@ TEST(LibraryFloor, PassesOtherFailuresOfTheLookThrough) {
   const auto module = std::make_shared<FakeDeployment>();
   module->newer = []() -> std::optional<std::string> { throw ValueError("bad cache"); };
   LibraryFloor library(module);
-  EXPECT_EQ(testing::failure_of([&] { library.look_for_update(); }), "ValueError: bad cache");
+  EXPECT_EQ(failure_of([&] { library.look_for_update(); }), "ValueError: bad cache");
 }
 
 }  // namespace

@@ -1,15 +1,10 @@
 #include "era/old_era_cleanup.hpp"
 
-#include <thread>
-
 #include "cohort/cohort_loader.hpp"
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
 
 class OldEraCleanupTest : public ::testing::Test {
  public:
@@ -68,8 +63,7 @@ TEST_F(OldEraCleanupTest, WipesTheDataButWhatIsHidden) {
 
 TEST_F(OldEraCleanupTest, PassesAFailureOnAndLogsItInTheBackground) {
   const OldEraCleanup nowhere(data.path("missing"), active);
-  EXPECT_THAT(testing::failure_of([&] { nowhere.cleanup_old_eras(); }),
-              ::testing::StartsWith("FileNotFoundError: "));
+  EXPECT_THAT(failure_of([&] { nowhere.cleanup_old_eras(); }), StartsWith("FileNotFoundError: "));
   nowhere._cleanup_old_eras_background(true);
   EXPECT_TRUE(log.has("warning: Background old-era cleanup failed: "));
   cleanup._cleanup_old_eras_background(true);
@@ -88,16 +82,15 @@ TEST_F(OldEraCleanupTest, RunsInTheBackgroundOnceAtATime) {
   });
   const auto shared = std::make_shared<const OldEraCleanup>(data.path(), active);
   OldEraCleanupThread thread;
+  const auto is_over = [&] { return eventually([&] { return shared.use_count() == 1; }); };
   thread._schedule_cleanup_old_eras(shared, true);
   ASSERT_TRUE(logged.wait_for(std::chrono::seconds(5)));
   thread._schedule_cleanup_old_eras(shared, /*keep_current=*/false);
   go_on.set();
-  for (int i = 0; i < 5000 && shared.use_count() > 1; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(is_over());
   EXPECT_TRUE(data.has("manifest.json")) << "the second call was dropped";
   thread._schedule_cleanup_old_eras(shared, /*keep_current=*/false);
-  for (int i = 0; i < 5000 && shared.use_count() > 1; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_TRUE(is_over());
   EXPECT_FALSE(data.has("manifest.json"));
 }
 

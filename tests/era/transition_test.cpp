@@ -9,16 +9,12 @@
 #include "siblings/auth/identity.hpp"
 #include "siblings/deployment/deployment.hpp"
 #include "siblings/search_tracking/search_tracker.hpp"
-#include "support/failure_text.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using origin::Fault;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr const char* ERA_CURRENT = "/market/1/era/current";
 
@@ -106,7 +102,7 @@ class TransitionTest : public testing::SyncFixture {
   void expect_over() const {
     EXPECT_FALSE(data.has(TRANSITION_LOCK_FILENAME));
     EXPECT_EQ(manager->status(), std::nullopt);
-    EXPECT_EQ(testing::failure_of([&] { manager->sync(); }), "nothing") << "the locks are free";
+    EXPECT_EQ(failure_of([&] { manager->sync(); }), "nothing") << "the locks are free";
   }
 
   const std::shared_ptr<Sdk> sdk = std::make_shared<Sdk>();
@@ -184,8 +180,7 @@ TEST_F(TransitionTest, EndsEveryFailureTheSameWayAndLeavesTheCohort) {
        "EraError: Active era confirmation for era_number=2 returned state='closing'"},
       {"library floor", [](TransitionTest& test) { test.origin.set_min_library_version("2.0.0"); }, 2,
        "LibraryUpdateRequired: tidalcrest >= 2.0.0 required for era 2. Build a local wheel with "
-       "build_wheel() and "
-       "install it with: pip install --upgrade /path/to/tidalcrest-*.whl"},
+       "build_wheel() and install it with: pip install --upgrade /path/to/tidalcrest-*.whl"},
       {"manifest missing",
        [](TransitionTest& test) {
          test.origin.fault("/data/manifest", {.kind = Fault::Kind::STATUS, .status = 404});
@@ -213,7 +208,7 @@ TEST_F(TransitionTest, EndsEveryFailureTheSameWayAndLeavesTheCohort) {
     on_kill = [this] { sdk->say("kill"); };
     sdk->told.clear();
     c.arrange(*this);
-    EXPECT_EQ(testing::failure_of([&] { trigger(c.era); }), c.failure);
+    EXPECT_EQ(failure_of([&] { trigger(c.era); }), c.failure);
     EXPECT_EQ(era(), 1);
     EXPECT_EQ(manager->active_data_dir(), make_manager()->active_data_dir());
     EXPECT_FALSE(data.has(TRANSITION_LOCK_FILENAME));
@@ -233,7 +228,7 @@ TEST_F(TransitionTest, KeepsTheNewCohortWhenAConfirmationAfterItFails) {
     publish_era(next);
     origin.fault(ERA_CURRENT, {.kind = Fault::Kind::BODY, .body = "{}", .skip = gates_before});
     sdk->told.clear();
-    EXPECT_EQ(testing::failure_of([&] { trigger(next); }),
+    EXPECT_EQ(failure_of([&] { trigger(next); }),
               "EraError: Failed to parse active era response during transition");
     EXPECT_EQ(era(), next);
     EXPECT_THAT(sdk->told, ElementsAre("kill"));
@@ -263,7 +258,7 @@ TEST_F(TransitionTest, PassesTheFailuresOfTheSdkOnAsItMust) {
     publish_era(++next);
     sdk->fails = fails;
     sdk->told.clear();
-    EXPECT_EQ(testing::failure_of([&] { trigger(next); }), failure);
+    EXPECT_EQ(failure_of([&] { trigger(next); }), failure);
     EXPECT_EQ(sdk->told, told);
     EXPECT_EQ(era(), next);
     expect_over();
@@ -272,7 +267,7 @@ TEST_F(TransitionTest, PassesTheFailuresOfTheSdkOnAsItMust) {
   sdk->fails.clear();
   publish_era(++next);
   on_restart = [] { throw RuntimeError("nothing to restart"); };
-  EXPECT_EQ(testing::failure_of([&] { trigger(next); }), "RuntimeError: nothing to restart");
+  EXPECT_EQ(failure_of([&] { trigger(next); }), "RuntimeError: nothing to restart");
   EXPECT_EQ(era(), next);
   expect_over();
 }
@@ -293,7 +288,7 @@ TEST_F(TransitionTest, RestartsOnEachEraThatSupersedesItsTarget) {
   EXPECT_EQ(era(), 4);
   EXPECT_THAT(sdk->told, ElementsAre("kill", "kill", "kill", "auth 4", "tracker of me", "tracked 1 to 4",
                                      "closed", "restart"));
-  EXPECT_THAT(origin.requests("features/*"), ::testing::SizeIs(1)) << "only the last one staged";
+  EXPECT_THAT(origin.requests("features/*"), SizeIs(1)) << "only the last one staged";
   expect_over();
 }
 
@@ -337,11 +332,10 @@ TEST_F(TransitionTest, RefusesRequestsAfterADeathInTheMiddleUntilATransitionEnds
   EXPECT_EQ(data.read(TRANSITION_LOCK_FILENAME), std::to_string(child));
   const RequestGate gate(
       data.path(), [] { return false; }, [] { return true; });
-  EXPECT_THAT(testing::failure_of([&] { gate.require_open("request_for_sync"); }),
-              HasSubstr("era transition mode"));
+  EXPECT_THAT(failure_of([&] { gate.require_open("request_for_sync"); }), HasSubstr("era transition mode"));
   EXPECT_NO_THROW(manager->sync()) << "only requests are refused";
   trigger(1);
-  EXPECT_EQ(testing::failure_of([&] { gate.require_open("request_for_sync"); }), "nothing");
+  EXPECT_EQ(failure_of([&] { gate.require_open("request_for_sync"); }), "nothing");
 }
 
 }  // namespace

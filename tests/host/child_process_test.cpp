@@ -1,17 +1,12 @@
 #include "host/child_process.hpp"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-
-#include "host/scope_exit.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {

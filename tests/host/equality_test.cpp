@@ -1,8 +1,8 @@
 #include "host/equality.hpp"
 
-#include <gtest/gtest.h>
-
 #include <limits>
+
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {

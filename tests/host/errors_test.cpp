@@ -1,11 +1,10 @@
 #include "tidalcrest/sync/errors.hpp"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 
 #include "host/failures.hpp"
 #include "host/log.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -36,12 +35,9 @@ TEST(Failures, AreCaughtByEveryHandlerOfTheirFamily) {
 
 TEST(Failures, OfALocalOperationAreNoneOfTheNetwork) {
   for (const int error_number : {ECONNRESET, EPIPE, ETIMEDOUT}) {
-    try {
-      throw_os_error(error_number, "x");
-    } catch (const OSError& failure) {
-      EXPECT_STREQ(failure.type_name(), "OSError");
-      EXPECT_EQ(failure.error_number(), error_number);
-    }
+    const auto failure = caught<OSError>([&] { throw_os_error(error_number, "x"); });
+    EXPECT_STREQ(failure.type_name(), "OSError");
+    EXPECT_EQ(failure.error_number(), error_number);
   }
 }
 
@@ -52,16 +48,14 @@ TEST(LogMessage, StandsAsItIsWhereItsFormatDoesNotFit) {
 }
 
 TEST(Failures, KeepTheirCause) {
-  try {
+  const auto failure = caught<SyncError>([] {
     try {
       throw ValueError("inner");
     } catch (const ValueError&) {
       throw SyncError("outer");
     }
-  } catch (const SyncError& failure) {
-    EXPECT_TRUE(failure.cause() != nullptr);
-    EXPECT_THROW(std::rethrow_exception(failure.cause()), ValueError);
-  }
+  });
+  EXPECT_THROW(std::rethrow_exception(failure.cause()), ValueError);
 }
 
 TEST(SyncUnavailable, MessageHasItsPartsInOrder) {
@@ -74,12 +68,10 @@ TEST(SyncUnavailable, MessageHasItsPartsInOrder) {
   details.recovery = "retry_with_backoff";
   details.reason = "load";
   const SyncUnavailableError full("https://h.example/data/x?q=1", 3, details);
-  EXPECT_STREQ(
-      full.what(),
-      "TidalCrest data sync unavailable after 3 attempt(s). endpoint=/data/x "
-      "url=https://h.example/data/x?q=1 "
-      "statuses=[503, 502] failures=['TimeoutError'] server_error=busy dependency=store retryable=False "
-      "recovery=retry_with_backoff reason=load");
+  EXPECT_STREQ(full.what(),
+               "TidalCrest data sync unavailable after 3 attempt(s). endpoint=/data/x "
+               "url=https://h.example/data/x?q=1 statuses=[503, 502] failures=['TimeoutError'] "
+               "server_error=busy dependency=store retryable=False recovery=retry_with_backoff reason=load");
   EXPECT_TRUE(full.typed_details);
 
   UnavailableDetails untyped;

@@ -1,11 +1,9 @@
 #include "host/json.hpp"
 
-#include <gtest/gtest.h>
-
 #include <nlohmann/json.hpp>
 
 #include "host/plain_json.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {

@@ -1,21 +1,15 @@
 #include "host/text.hpp"
 
-#include <gtest/gtest.h>
-
 #include <limits>
 
 #include "host/integer.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 TEST(TextForms, FollowTheHost) {
-  struct Case {
-    Document value;
-    const char* quoted;
-  };
-  const Case cases[] = {
+  const std::pair<Document, const char*> cases[] = {
       {nullptr, "None"},
       {true, "True"},
       {-3, "-3"},
@@ -34,7 +28,7 @@ TEST(TextForms, FollowTheHost) {
       {"\u00e9\u2028", "'\u00e9\\u2028'"},
       {{"found_strategies"}, "['found_strategies']"},
   };
-  for (const auto& item : cases) EXPECT_EQ(text::repr(item.value), item.quoted);
+  for (const auto& [value, quoted] : cases) EXPECT_EQ(text::repr(value), quoted);
   EXPECT_EQ(text::repr(Document{{"a", {1, nullptr}}, {"b", Document::object()}}),
             "{'a': [1, None], 'b': {}}");
   EXPECT_EQ(text::general_text(30.0), "30");

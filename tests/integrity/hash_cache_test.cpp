@@ -1,13 +1,6 @@
 #include "integrity/hash_cache.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "host/digest.hpp"
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
-#include "support/log_capture.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -16,10 +9,6 @@ using namespace testing;
 using client_manifest::FileIdentity;
 using client_manifest::FileStat;
 using client_manifest::PinnedRoot;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 const std::string SHA_A(64, 'a');
 const std::string SHA_B(64, 'b');

@@ -1,7 +1,6 @@
 #include "integrity/verify.hpp"
 
 #include "support/sync_fixture.hpp"
-#include "tidalcrest/sync/backoff.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -16,8 +15,7 @@ TEST_F(VerifyTest, AStopEndsItWithinALargeFile) {
 
   std::size_t asked = 0;
   std::size_t stop_at = 0;
-  const ScopedBackoffContext context(
-      {.surface = {}, .data_dir = {}, .stop_requested = [&] { return ++asked == stop_at; }});
+  const ScopedBackoffContext context({.stop_requested = [&] { return ++asked == stop_at; }});
   EXPECT_TRUE(manager->verify().valid);
   EXPECT_GE(asked, members + MEBIBYTES);
   stop_at = std::exchange(asked, 0) / 2;

@@ -1,15 +1,9 @@
 #include "manifest/feature_paths.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "host/json.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 Manifest manifest_with(const std::vector<std::string>& paths) {
   Document files = Document::object();

@@ -1,21 +1,12 @@
 #include "tidalcrest/sync/manifest.hpp"
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "host/json.hpp"
 #include "manifest/identity.hpp"
 #include "manifest/sanitising.hpp"
 #include "siblings/runtime/modules.hpp"
-#include "support/failure_text.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using testing::failure_of;
-using ::testing::HasSubstr;
 
 SharedDocument shared(const std::string& text) { return std::make_shared<const Document>(parse_json(text)); }
 
@@ -30,10 +21,7 @@ std::vector<std::string> keys(const Document& object) {
 }
 
 TEST(Manifest, RefusesWhatItCannotStandFor) {
-  const struct {
-    const char* text;
-    const char* failure;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"{}", "ManifestError: manifest.json missing required era_number"},
       {R"({"era_number": null})", "ManifestError: manifest.json missing required era_number"},
       {R"({"signals_index": 1})", "ManifestError: manifest signals_index must be a JSON object, got int"},

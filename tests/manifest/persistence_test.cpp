@@ -1,18 +1,9 @@
 #include "manifest/persistence.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "host/digest.hpp"
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using testing::failure_of;
-using ::testing::StartsWith;
 
 class SyncMetadata : public ::testing::Test {
  protected:

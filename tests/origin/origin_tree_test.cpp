@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <set>
-
 #include "build_paths.hpp"
 #include "host/digest.hpp"
 #include "host/json.hpp"
@@ -15,6 +12,8 @@
 #include "origin/evolution.hpp"
 #include "origin/recipe.hpp"
 #include "origin/seed_sealing.hpp"
+#include "support/failure_text.hpp"
+#include "support/temp_dir.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::origin {
@@ -25,18 +24,17 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 
+using Files = std::map<std::string, std::string>;  // path to digest
+
 class OriginTreeTest : public testing::Test {
  protected:
   OriginTreeTest() {
-    auto name = (fs::temp_directory_path() / "origin-tree-XXXXXX").string();
-    root = ::mkdtemp(name.data());
     recipe.number = 5;
     recipe.universes = {"u1", "u2"};
     recipe.features = 12;
     recipe.feature_bytes = {1, 3000};
     recipe.vault_modules = {"pricing"};
   }
-  ~OriginTreeTest() override { fs::remove_all(root); }
 
   OriginTree build(const std::string& name, const Recipe& made_from) const {
     OriginState state;
@@ -48,9 +46,8 @@ class OriginTreeTest : public testing::Test {
     return tree;
   }
 
-  /// Path to digest of everything below a directory.
-  static std::map<std::string, std::string> digests(const fs::path& directory) {
-    std::map<std::string, std::string> found;
+  static Files digests(const fs::path& directory) {
+    Files found;
     for (const auto& entry : fs::recursive_directory_iterator(directory)) {
       if (!entry.is_regular_file()) continue;
       found[entry.path().lexically_relative(directory)] = sync::sha256_hex(disk::read_text(entry.path()));
@@ -58,15 +55,34 @@ class OriginTreeTest : public testing::Test {
     return found;
   }
 
-  static std::map<std::string, std::string> files_of(const Release& release) {
-    std::map<std::string, std::string> found;
+  static Files files_of(const Release& release) {
+    Files found;
     for (const auto& [path, entry] : release.manifest.at("files").get_ref<const Document::object_t&>()) {
       found[path] = entry.at("sha256");
     }
     return found;
   }
 
-  fs::path root;
+  struct Differences {
+    std::vector<std::string> differing, gone, fresh;
+  };
+  static Differences differences(const Files& before, const Files& after) {
+    Differences found;
+    for (const auto& [path, digest] : before) {
+      if (!after.contains(path)) {
+        found.gone.push_back(path);
+      } else if (after.at(path) != digest) {
+        found.differing.push_back(path);
+      }
+    }
+    for (const auto& [path, digest] : after) {
+      if (!before.contains(path)) found.fresh.push_back(path);
+    }
+    return found;
+  }
+
+  const sync::testing::TempDir directory;
+  const fs::path root = directory.path();
   Recipe recipe;
 };
 
@@ -108,24 +124,15 @@ TEST_F(OriginTreeTest, EvolvingChangesWhatItSaysAndNothingElse) {
 
   const auto old_files = files_of(before);
   const auto new_files = files_of(evolved.release);
-  std::set<std::string> expected(evolved.changed.begin(), evolved.changed.end()), differing, gone, fresh;
-  for (const auto& [path, digest] : old_files) {
-    if (new_files.count(path) == 0) {
-      gone.insert(path);
-    } else if (new_files.at(path) != digest) {
-      differing.insert(path);
-    }
-  }
-  for (const auto& [path, digest] : new_files) {
-    if (old_files.count(path) == 0) fresh.insert(path);
-  }
+  const auto [differing, gone, fresh] = differences(files_of(before), files_of(evolved.release));
+  auto expected = evolved.changed;
   for (const char* universe : {"u1", "u2"}) {
-    expected.insert(std::string("named_universes/") + universe + "/vocabulary.json");
+    expected.push_back(std::string("named_universes/") + universe + "/vocabulary.json");
   }
   EXPECT_THAT(differing, testing::IsSubsetOf(expected));
   EXPECT_THAT(evolved.changed, testing::IsSubsetOf(differing));
-  EXPECT_EQ(gone, std::set<std::string>(evolved.removed.begin(), evolved.removed.end()));
-  EXPECT_EQ(fresh, std::set<std::string>(evolved.added.begin(), evolved.added.end()));
+  EXPECT_THAT(evolved.removed, testing::UnorderedElementsAreArray(gone));
+  EXPECT_THAT(evolved.added, testing::UnorderedElementsAreArray(fresh));
 
   struct stat kept {};
   ASSERT_EQ(::stat((evolved.release.directory / "functions.json").c_str(), &kept), 0);
@@ -144,13 +151,9 @@ TEST_F(OriginTreeTest, TheNextEraRenewsOnlyWhatNamesTheEra) {
   EXPECT_EQ(evolved.release.name, "m1-e2-v1");
   EXPECT_EQ(tree.state().era_number, 2);
   EXPECT_EQ(tree.state().era_state, "active");
-  std::vector<std::string> differing;
-  const auto old_files = files_of(before);
-  for (const auto& [path, digest] : files_of(evolved.release)) {
-    if (old_files.at(path) != digest) differing.push_back(path);
-  }
-  EXPECT_THAT(differing, ElementsAre("functions.json", "named_universes/u1/vocabulary.json",
-                                     "named_universes/u2/vocabulary.json", "signals_index.json"));
+  EXPECT_THAT(differences(files_of(before), files_of(evolved.release)).differing,
+              ElementsAre("functions.json", "named_universes/u1/vocabulary.json",
+                          "named_universes/u2/vocabulary.json", "signals_index.json"));
   EXPECT_NE(disk::read_text(tree.api_directory("m1-e2-v1") / "shuffle_seed.enc"),
             disk::read_text(tree.api_directory("m1-e1-v1") / "shuffle_seed.enc"));
 }
@@ -177,22 +180,15 @@ TEST(Recipe, IsReadStrictlyAndWrittenBack) {
   EXPECT_EQ(recipe.features, 3u);
   EXPECT_EQ(recipe.feature_bytes.most, 10u);
   EXPECT_EQ(parse_recipe(sync::dump_json(recipe_document(recipe))).found_bytes.least, 1u);
-  struct Case {
-    const char* text;
-    const char* failure;
-  };
-  for (const auto& c :
-       {Case{"[]", "expected a JSON object"}, Case{R"({"fetures": 3})", "unknown key fetures"},
-        Case{R"({"features": -1})", "features: expected a number"},
-        Case{R"({"feature_bytes": [9, 1]})", "feature_bytes: expected a size"},
-        Case{R"({"universes": [1]})", "universes: expected a list of texts"}}) {
-    SCOPED_TRACE(c.text);
-    try {
-      parse_recipe(c.text);
-      ADD_FAILURE() << "accepted";
-    } catch (const sync::ValueError& failure) {
-      EXPECT_THAT(failure.what(), HasSubstr(c.failure));
-    }
+  const std::pair<const char*, const char*> cases[] = {
+      {"[]", "expected a JSON object"},
+      {R"({"fetures": 3})", "unknown key fetures"},
+      {R"({"features": -1})", "features: expected a number"},
+      {R"({"feature_bytes": [9, 1]})", "feature_bytes: expected a size"},
+      {R"({"universes": [1]})", "universes: expected a list of texts"}};
+  for (const auto& [text, failure] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_THAT(sync::testing::failure_of([&] { parse_recipe(text); }), HasSubstr(failure));
   }
   for (const char* text : {"", "x", "5 %", "-1", "3x"})
     EXPECT_THROW(parse_amount(text), sync::ValueError) << text;

@@ -5,13 +5,7 @@ namespace tidalcrest::sync {
 namespace {
 
 using origin::Fault;
-using ::testing::AllOf;
 using testing::Command;
-using ::testing::ElementsAre;
-using testing::eventually;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
 
 class CommandLineTest : public testing::CommandFixture {
  public:
@@ -19,6 +13,10 @@ class CommandLineTest : public testing::CommandFixture {
     Arguments arguments = local("verify", {"--wallet-secret-file", secrets.path("wallet")});
     arguments.insert(arguments.end(), more.begin(), more.end());
     return arguments;
+  }
+  void publish_and_sync(const origin::ManifestBuilder& content = small_distribution()) {
+    origin.publish(content);
+    ASSERT_EQ(run(remote("sync")).code, 0);
   }
   Document status() const { return DataDirectory(data.path()).status(); }
   std::string published_root() const {
@@ -58,10 +56,8 @@ TEST_F(CommandLineTest, ADirectoryTellsOfItselfWithoutAServer) {
   EXPECT_EQ(nowhere.code, 1);
   EXPECT_EQ(nowhere.json().at("error").at("message"), "data_dir does not exist: " + data.path("nowhere"));
 
-  origin.publish(small_distribution());
-  ASSERT_EQ(run(remote("sync")).code, 0);
-  origin.publish(small_distribution().file("reference/calendar.bin", "newer", "reference"));
-  ASSERT_EQ(run(remote("sync")).code, 0);
+  publish_and_sync();
+  publish_and_sync(small_distribution().file("reference/calendar.bin", "newer", "reference"));
   origin.forget_requests();
 
   const Document shown = run(local("status", {"--json"})).json();
@@ -121,9 +117,16 @@ TEST_F(CommandLineTest, WhatTheDiskCannotHoldIsNotBegun) {
   EXPECT_EQ(status().at("state"), "empty");
 }
 
+TEST_F(CommandLineTest, ExitCodesTellARefusalFromAFailure) {
+  publish_and_sync();
+  origin.publish(small_distribution().era(7));
+  EXPECT_EQ(run(remote("sync")).code, 4);
+  secrets.remove("token");
+  EXPECT_EQ(run(remote("sync")).code, 1);
+}
+
 TEST_F(CommandLineTest, RepairBringsBackWhatIsDamaged) {
-  origin.publish(small_distribution());
-  ASSERT_EQ(run(remote("sync")).code, 0);
+  publish_and_sync();
   damage("reference/calendar.bin");
   origin.forget_requests();
   const Outcome unknown = run(remote("repair", {"reference/calendar.bin", "no/such.bin"}));
@@ -148,8 +151,7 @@ TEST_F(CommandLineTest, RepairBringsBackWhatIsDamaged) {
 
 TEST_F(CommandLineTest, FeaturesBringsWhatRotationLeftOut) {
   data.write("rotation-settings.json", R"({"feature_budget_gb": 0})");
-  origin.publish(small_distribution());
-  ASSERT_EQ(run(remote("sync")).code, 0);
+  publish_and_sync();
   ASSERT_FALSE(std::filesystem::exists(published_root() + "/features"));
 
   const Outcome signal = run(remote("features", {"alpha__one__x__b", "--universe", "u1", "--json"}));
@@ -171,8 +173,7 @@ TEST_F(CommandLineTest, FeaturesBringsWhatRotationLeftOut) {
 
 // While another process holds the lock: what only looks goes on, what must wait says so and can be stopped.
 TEST_F(CommandLineTest, LookingNeverWaitsAndWaitingCanBeStopped) {
-  origin.publish(small_distribution());
-  ASSERT_EQ(run(remote("sync")).code, 0);
+  publish_and_sync();
   DistributionLock held = acquire_distribution_lock(data.path(), /*exclusive=*/true);
   EXPECT_EQ(run(local("status", {"--json"})).json().at("busy"), true);
   EXPECT_EQ(run(local("snapshot")).code, 0);

@@ -1,6 +1,3 @@
-#include <atomic>
-
-#include "host/digest.hpp"
 #include "support/command_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -8,9 +5,6 @@ namespace {
 
 using origin::Fault;
 using testing::Command;
-using testing::eventually;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 class SharingTest : public testing::CommandFixture {
  public:

@@ -1,20 +1,10 @@
 #include "rotation/catalog.hpp"
 
-#include <gmock/gmock.h>
-
-#include "host/json.hpp"
 #include "siblings/runtime/modules.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using testing::failure_of;
-using ::testing::IsEmpty;
-using ::testing::Optional;
 
 Manifest manifest_with(const char* members) {
   return Manifest(parse_json(std::string(R"({"era_number": 7, "version": 1, )") + members + "}"));
@@ -160,7 +150,7 @@ TEST_F(RequiredPathsTest, RefusesWhatCannotBeAMember) {
   };
   EXPECT_EQ(refusal("gone"), "SyncError: required cohort artifact is absent from manifest: gone");
   EXPECT_EQ(refusal("other.so"), "SyncError: required cohort artifact is excluded from sync: other.so");
-  EXPECT_THAT(refusal("../a"), ::testing::StartsWith("ManifestError: "));
+  EXPECT_THAT(refusal("../a"), StartsWith("ManifestError: "));
 }
 
 TEST(ExistingPaths, LeavesOutWhatIsMissingAndNothingElse) {

@@ -1,39 +1,16 @@
 #include "rotation/planner.hpp"
 
-#include <gmock/gmock.h>
-
-#include <thread>
-
-#include "host/json.hpp"
 #include "siblings/runtime/modules.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/search_consumer.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using testing::failure_of;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 constexpr const char* STATE_FILE = "feature-rotation-state.json";
 constexpr const char* A = "features/u1/signal_is/a.arrow";
 constexpr const char* B = "features/u1/signal_is/b.arrow";
 constexpr const char* MASK = "universe_masks/m";
-
-struct RecordingConsumer : RotationSearchConsumer {
-  void refresh_rotation_scope(const RotationState& rotation_state,
-                              const Document& scoped_vocabulary) override {
-    if (on_refresh) on_refresh();
-    generation = rotation_state.generation;
-    features = scoped_vocabulary.at("features");
-  }
-  std::function<void()> on_refresh;
-  std::int64_t generation = 0;
-  Document features;
-};
 
 class RotationPlannerTest : public ::testing::Test {
  public:
@@ -111,11 +88,11 @@ TEST_F(RotationPlannerTest, PrecheckCapsMandatoryAndTotal) {
     return failure_of([&] { RotationPlanner::_precheck_rotation_disk_budget(selection, 100, cap); });
   };
   for (const bool cap : {true, false}) {
-    EXPECT_THAT(check(51, 0, cap), ::testing::StartsWith("MandatoryArtifactsTooLargeError: "));
+    EXPECT_THAT(check(51, 0, cap), StartsWith("MandatoryArtifactsTooLargeError: "));
     EXPECT_EQ(check(50, 51, cap),
               "DiskSpaceError: Insufficient disk space: need 101 bytes, have 100 bytes available");
     EXPECT_EQ(check(50, 50, cap), "nothing");
-    EXPECT_THAT(check(50, 9223372036854775807, cap), ::testing::StartsWith("DiskSpaceError: "));
+    EXPECT_THAT(check(50, 9223372036854775807, cap), StartsWith("DiskSpaceError: "));
   }
 }
 
@@ -124,14 +101,10 @@ TEST_F(RotationPlannerTest, KeepsTheSubsetUnlessANewOneIsWanted) {
   const auto kept = planner(state)->_plan_feature_rotation_for_sync(manifest, 1000, false).rotation_plan;
   EXPECT_THAT(kept.selection.active_relative_paths, ElementsAre(MASK, B));
   EXPECT_EQ(kept.candidate_state.generation, 3);
-  EXPECT_EQ(planner(state)
-                ->_plan_feature_rotation_for_sync(manifest, 1000)
-                .rotation_plan.candidate_state.generation,
-            4);
-  EXPECT_THAT(planner()
-                  ->_plan_feature_rotation_for_sync(manifest, 1000, false)
-                  .rotation_plan.candidate_state.active_relative_paths,
-              SizeIs(3));
+  const auto wanted = planner(state)->_plan_feature_rotation_for_sync(manifest, 1000).rotation_plan;
+  EXPECT_EQ(wanted.candidate_state.generation, 4);
+  const auto first = planner()->_plan_feature_rotation_for_sync(manifest, 1000, false).rotation_plan;
+  EXPECT_THAT(first.candidate_state.active_relative_paths, SizeIs(3));
   EXPECT_EQ(failure_of([&] {
               planner(state_with({B, B}))->_plan_feature_rotation_for_sync(manifest, 1000, false);
             }),
@@ -184,7 +157,7 @@ TEST_F(RotationPlannerTest, CleanupSparesActivePrefetchedAndMetadata) {
 
 TEST_F(RotationPlannerTest, APromotionPreparesWritesCleansAndTellsInThisOrder) {
   const auto owner = planner(state_with({B}));
-  const auto consumer = std::make_shared<RecordingConsumer>();
+  const auto consumer = std::make_shared<testing::SearchConsumer>();
   consumers.register_rotation_search_consumer(consumer);
   data.write(B, "x");
   auto candidate = state_with({MASK, A});
@@ -201,11 +174,12 @@ TEST_F(RotationPlannerTest, APromotionPreparesWritesCleansAndTellsInThisOrder) {
     EXPECT_FALSE(data.has(B));
   };
   const Document vocabulary = {{"u1", {{"named_universe", "u1"}, {"features", {"a", "b"}}}}};
-  const auto promoted = owner->_complete_rotation_promotion(candidate, {A}, manifest, &vocabulary);
+  const auto promoted = owner->_complete_rotation_promotion(candidate, {"x", A}, manifest, &vocabulary);
   EXPECT_THAT(promoted.active_relative_paths, ElementsAre(A));
   EXPECT_EQ(owner->active_rotation_state(), promoted);
   EXPECT_EQ(consumer->generation, 4);
-  EXPECT_EQ(consumer->features, Document::array({"a"}));
+  EXPECT_EQ(owner->_promote_rotation_candidate(state_with({A}), {A}).generation, 4);
+  EXPECT_THAT(consumer->heard, ElementsAre(R"(["a"])"));
 }
 
 }  // namespace

@@ -1,37 +1,17 @@
 #include "rotation/search_refresh.hpp"
 
-#include <gmock/gmock.h>
-
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/search_consumer.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using ::testing::ElementsAre;
-using testing::failure_of;
-using ::testing::IsEmpty;
-
-class Consumer : public RotationSearchConsumer {
- public:
-  explicit Consumer(std::optional<std::string> universe = {}) : universe(std::move(universe)) {}
-  bool takes_refreshes() const override { return refreshes; }
-  std::optional<std::string> named_universe() const override { return universe; }
-  void refresh_rotation_scope(const RotationState&, const Document& scoped_vocabulary) override {
-    heard.push_back(dump_json(scoped_vocabulary.at("features")));
-    if (on_refresh) on_refresh();
-  }
-  std::optional<std::string> universe;
-  bool refreshes = true;
-  std::function<void()> on_refresh;
-  std::vector<std::string> heard;
-};
+using testing::SearchConsumer;
 
 class SearchRefreshTest : public ::testing::Test {
  public:
-  std::shared_ptr<Consumer> registered(std::optional<std::string> universe = {}) {
-    auto consumer = std::make_shared<Consumer>(std::move(universe));
+  std::shared_ptr<SearchConsumer> registered(std::optional<std::string> universe = {}) {
+    auto consumer = std::make_shared<SearchConsumer>(std::move(universe));
     consumers.register_rotation_search_consumer(consumer);
     return consumer;
   }
@@ -70,7 +50,7 @@ TEST_F(SearchRefreshTest, WithoutAManifestTheActivePathsTellWhatIsHeld) {
   const ActiveViewHolder flat{
       std::make_shared<const ActiveView>(ActiveView{nullptr, "", nullptr, nullptr, nullptr})};
   SearchConsumers of_flat_directory(flat);
-  const auto consumer = std::make_shared<Consumer>("u2");
+  const auto consumer = std::make_shared<SearchConsumer>("u2");
   of_flat_directory.register_rotation_search_consumer(consumer);
   of_flat_directory.refresh_running_searches_for_rotation(state, &both);
   EXPECT_THAT(consumer->heard, ElementsAre(R"(["b"])"));
@@ -83,14 +63,14 @@ TEST_F(SearchRefreshTest, AVocabularyIsAskedForOnlyWhereItIsWanted) {
 }
 
 TEST_F(SearchRefreshTest, FindsTheOneDocumentThatIsMeant) {
-  const Consumer undeclared;
-  const Consumer blank(" ");
-  const Consumer other("u9");
+  const SearchConsumer undeclared;
+  const SearchConsumer blank(" ");
+  const SearchConsumer other("u9");
   const Document one = {{"u1", u1}, {"notes", 1}};
   EXPECT_EQ(_rotation_vocabulary_for_consumer(&u1, other), u1);  // a single document
   EXPECT_EQ(_rotation_vocabulary_for_consumer(&one, undeclared), u1);
   EXPECT_EQ(_rotation_vocabulary_for_consumer(&one, blank), u1);
-  EXPECT_EQ(&_rotation_vocabulary_for_consumer(&both, Consumer("u2")), find_member(both, "u2"));
+  EXPECT_EQ(&_rotation_vocabulary_for_consumer(&both, SearchConsumer("u2")), find_member(both, "u2"));
   EXPECT_EQ(failure_of([&] { _rotation_vocabulary_for_consumer(&one, other); }),
             "VocabularyScopeError: running search consumer requested unknown vocabulary universe: 'u9'");
 }
@@ -108,8 +88,7 @@ TEST_F(SearchRefreshTest, RefusesAVocabularyThatSettlesNothing) {
       "VocabularyScopeError: running search rotation refresh requires vocabulary documents with features");
   EXPECT_EQ(failure_with(both),
             "VocabularyScopeError: running search consumer must declare named_universe when multiple "
-            "vocabularies are "
-            "loaded");
+            "vocabularies are loaded");
   EXPECT_THAT(consumer->heard, IsEmpty());
 }
 

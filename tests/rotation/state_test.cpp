@@ -1,19 +1,10 @@
 #include "rotation/state.hpp"
 
-#include <gmock/gmock.h>
-
-#include "host/json.hpp"
 #include "siblings/runtime/modules.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::ElementsAre;
-using testing::failure_of;
-using ::testing::StartsWith;
 
 TEST(RotationStateFile, IsCompactSortedJsonAndReadsBack) {
   const testing::TempDir data;
@@ -23,11 +14,13 @@ TEST(RotationStateFile, IsCompactSortedJsonAndReadsBack) {
                             .generation = 3,
                             .seed = -1,
                             .rng_state = "counter-v1:-1:5",
+                            .algorithm = "family-balanced",
                             .reason = "sync"};
   EXPECT_EQ(write_feature_rotation_state(data.path(), state), data.path("feature-rotation-state.json"));
-  EXPECT_EQ(data.read("feature-rotation-state.json"),
-            R"({"active_relative_paths":["b","a"],"algorithm":"uniform","generation":3,"reason":"sync",)"
-            R"("rng_state":"counter-v1:-1:5","schema_version":1,"seed":-1})");
+  EXPECT_EQ(
+      data.read("feature-rotation-state.json"),
+      R"({"active_relative_paths":["b","a"],"algorithm":"family-balanced","generation":3,"reason":"sync",)"
+      R"("rng_state":"counter-v1:-1:5","schema_version":1,"seed":-1})");
   EXPECT_EQ(load_feature_rotation_state(data.path()), state);
 }
 

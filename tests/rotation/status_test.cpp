@@ -1,21 +1,13 @@
 #include "rotation/status.hpp"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include "host/json.hpp"
 #include "siblings/distribution/local_cohort.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using testing::failure_of;
-using ::testing::Optional;
-using ::testing::StartsWith;
 
 constexpr const char* MANIFEST = R"({"era_number": 7, "version": 3, "files": {
     "features/u1/signal_is/a.arrow": {"kind": "feature"}, "features/u1/signal_is/b.arrow": {"kind": "feature"},
@@ -65,15 +57,6 @@ TEST_F(RotationStatusTest, TheStateFilesTimeIsTheClock) {
   EXPECT_EQ(next({{"rotation_frequency", "PT2000000000H"}}, 1e9).due, std::nullopt);
 }
 
-TEST_F(RotationStatusTest, IsDueWithoutAStateAndNeverWithoutAClock) {
-  const std::optional<RotationState> state = RotationState{};
-  EXPECT_TRUE(_rotation_is_due(data.path(), hourly, std::nullopt));
-  EXPECT_FALSE(_rotation_is_due(data.path(), hourly, state));
-  write_state({}, 1000);
-  EXPECT_TRUE(_rotation_is_due(data.path(), hourly, state));
-  EXPECT_FALSE(_rotation_is_due(data.path(), {{"rotation_frequency", "manual"}}, state));
-}
-
 TEST_F(RotationStatusTest, OfAnEmptyDirectory) {
   EXPECT_EQ(
       dump_json(feature_rotation_status_payload(data.path()), {.sort_keys = true}),
@@ -85,11 +68,8 @@ TEST_F(RotationStatusTest, OfAnEmptyDirectory) {
       R"("skipped_feature_count": 0, "skipped_relative_paths": [], "state": "uninitialized", )"
       R"("status_accounting": {"active_path_count": 0, "departed_feature_count": 0, "eligible_feature_count": 0, )"
       R"("missing_active_path_count": 0, "selected_feature_count": 0, "skipped_feature_count": 0}})");
-}
-
-TEST_F(RotationStatusTest, ADirectoryThatIsNotThereYetHasTheStatusOfAnEmptyOne) {
-  EXPECT_EQ(feature_rotation_status_payload(data.path("not/yet"), hourly),
-            feature_rotation_status_payload(data.path(), hourly));
+  EXPECT_EQ(feature_rotation_status_payload(data.path("not/yet")),
+            feature_rotation_status_payload(data.path()));
 }
 
 TEST_F(RotationStatusTest, ComparesStateManifestAndDisk) {

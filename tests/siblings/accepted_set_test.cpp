@@ -1,21 +1,10 @@
 #include "siblings/distribution/accepted_set.hpp"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "host/digest.hpp"
-#include "host/json.hpp"
 #include "siblings/runtime/modules.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync::client_manifest {
 namespace {
-
-using testing::failure_of;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr const char* RETIRED = "found_signals/u1/s1/is/pnl_long.arrow";
 
@@ -39,25 +28,6 @@ Document manifest_for(const std::string& body) {
 
 std::string failure_for(const std::string& body) {
   return failure_of([&] { validate_accepted_distribution_set(manifest_for(body), body); });
-}
-
-TEST(AcceptedSet, GivesTheDocumentThatTheManifestNames) {
-  const std::string body = dump_json(index_document());
-  EXPECT_EQ(validate_accepted_distribution_set(manifest_for(body), body).signals_index_document,
-            index_document());
-}
-
-TEST(AcceptedSet, TellsADamagedTransferFromABadDocument) {
-  const std::string body = dump_json(index_document());
-  const Document manifest = manifest_for(body);
-  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(manifest, body + " "); }),
-            "ValueError: signals_index sidecar size mismatch: expected " + std::to_string(body.size()) +
-                " bytes, got " + std::to_string(body.size() + 1));
-  std::string flipped = body;
-  flipped.back() = ' ';
-  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(manifest, flipped); }),
-            "ValueError: signals_index sidecar sha256 mismatch: expected " + sha256_hex(body) + ", got " +
-                sha256_hex(flipped));
 }
 
 TEST(AcceptedSet, ChecksInItsFixedOrder) {

@@ -3,13 +3,10 @@
 #include <fcntl.h>
 
 #include "files_fixture.hpp"
-#include "host/digest.hpp"
-#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::client_manifest {
 namespace {
 
-using ::testing::UnorderedElementsAre;
 using testing::fs::create_directory;
 using testing::fs::create_directory_symlink;
 using testing::fs::create_symlink;
@@ -47,10 +44,9 @@ TEST_P(ContainedFilesTest, MovesBetweenFileSystemsByCopy) {
   dir.write("x", "bytes");
   dir.write("d/x", "old");
   bool refused = false;
-  disk_calls().rename = [&](int from_directory, const char* from, int to_directory, const char* to,
-                            unsigned flags) {
+  disk_calls().rename = [&](auto... arguments) {
     if (!std::exchange(refused, true)) return errno = EXDEV, -1;
-    return DiskCalls::real().rename(from_directory, from, to_directory, to, flags);
+    return DiskCalls::real().rename(arguments...);
   };
   move_contained_regular_file(dir.path(), "x", dir.path(), "d/x");
   EXPECT_THAT(testing::files_below(dir), UnorderedElementsAre("d/x"));

@@ -1,11 +1,6 @@
 #include "siblings/deployment/deployment.hpp"
 
-#include <gmock/gmock.h>
-
-#include <filesystem>
-
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync::deployment {
 namespace {
@@ -73,7 +68,7 @@ TEST_F(Deployment, InstallsWhatSatisfiesTheFloor) {
   use_installer("echo token=hunter2 >&2; exit 3");
   const UpdateResult failed = auto_update("0.0.5");
   EXPECT_EQ(failed.success, false);
-  EXPECT_THAT(*failed.warning, ::testing::StartsWith("installer ended with status 3 "));
+  EXPECT_THAT(*failed.warning, StartsWith("installer ended with status 3 "));
   EXPECT_EQ(failed.warning->find("hunter2"), std::string::npos);
 
   settings.installer_timeout_seconds = 0.2;

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -9,15 +8,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/disk_calls.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync::testing {
 
@@ -66,49 +60,35 @@ inline std::vector<std::string> files_below(const TempDir& root) {
   return found;
 }
 
-/// A child process that runs `work`, tells the parent that it is ready, and stays until it is let go or
-/// killed.
+/// A child process that runs `work`, tells the parent that it is ready, and stays until it is killed.
 class Child {
  public:
-  explicit Child(const std::function<void()>& work, const std::function<void()>& at_end = {}) {
+  explicit Child(const std::function<void()>& work) {
     int ready[2];
-    int leave[2];
-    if (::pipe(ready) != 0 || ::pipe(leave) != 0) throw std::runtime_error("no pipe");
+    if (::pipe(ready) != 0) throw std::runtime_error("no pipe");
     _process = ::fork();
     if (_process == 0) {
-      ::close(leave[1]);
-      char byte = 'r';
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       work();
-      if (::write(ready[1], &byte, 1) == 1 && ::read(leave[0], &byte, 1) >= 0 && at_end) at_end();
+      if (::write(ready[1], "r", 1) == 1) ::pause();
       ::_exit(0);
     }
     ::close(ready[1]);
-    ::close(leave[0]);
-    _leave = leave[1];
     char byte = 0;
     is_ready = ::read(ready[0], &byte, 1) == 1;
     ::close(ready[0]);
   }
-  ~Child() { let_go(); }
-  void let_go() {
-    _end([this] { ::close(std::exchange(_leave, -1)); });
-  }
+  ~Child() { kill(); }
   void kill() {
-    _end([this] { ::kill(_process, SIGKILL); });
+    if (_process <= 0) return;
+    ::kill(_process, SIGKILL);
+    ::waitpid(std::exchange(_process, -1), nullptr, 0);
   }
 
   bool is_ready = false;
 
  private:
-  void _end(const std::function<void()>& how) {
-    if (_process <= 0) return;
-    how();
-    ::waitpid(_process, nullptr, 0);
-    _process = -1;
-    if (_leave >= 0) ::close(_leave);
-  }
   pid_t _process = -1;
-  int _leave = -1;
 };
 
 }  // namespace tidalcrest::sync::testing

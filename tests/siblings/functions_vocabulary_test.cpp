@@ -1,17 +1,11 @@
-#include <gtest/gtest.h>
-
-#include "host/json.hpp"
-#include "host/scope_exit.hpp"
 #include "siblings/functions/token_safety.hpp"
 #include "siblings/functions/vocabulary.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "siblings/simulation/named_universe.hpp"
-#include "support/failure_text.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using testing::failure_of;
 
 Document merge(const char* functions, const char* vocabulary) {
   return merge_functions_vocabulary(parse_json(functions), parse_json(vocabulary), "u1", 7);

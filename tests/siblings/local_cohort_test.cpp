@@ -1,21 +1,14 @@
 #include "siblings/distribution/local_cohort.hpp"
 
-#include <fmt/format.h>
 #include <sys/file.h>
 
 #include "files_fixture.hpp"
-#include "host/digest.hpp"
-#include "host/json.hpp"
 #include "siblings/distribution/contained_files.hpp"
-#include "support/log_capture.hpp"
-#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::local_cohort {
 namespace {
 
 using client_manifest::PinnedRoot;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 class LocalCohortTest : public ::testing::Test {
  protected:
@@ -214,10 +207,9 @@ TEST_F(LocalCohortTest, AFailureBeforeTheRenameKeepsTheOldSelection) {
 TEST_F(LocalCohortTest, AFailureAfterTheRenameIsLogged) {
   stage(manifest(1));
   bool moved = false;
-  disk_calls().rename = [&](int from_directory, const char* from, int to_directory, const char* to,
-                            unsigned flags) {
+  disk_calls().rename = [&](auto... arguments) {
     moved = true;
-    return DiskCalls::real().rename(from_directory, from, to_directory, to, flags);
+    return DiskCalls::real().rename(arguments...);
   };
   disk_calls().flush_file = [&](int) { return moved ? (errno = EIO, -1) : 0; };
   const testing::LogCapture log;

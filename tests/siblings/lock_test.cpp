@@ -2,21 +2,15 @@
 
 #include <sys/file.h>
 
-#include <atomic>
 #include <deque>
-#include <thread>
 
 #include "files_fixture.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
 #include "siblings/distribution/sync_backoff.hpp"
-#include "tidalcrest/sync/errors.hpp"
 #include "tidalcrest/sync/log.hpp"
 
 namespace tidalcrest::sync {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
 
 /// Lets a wait end: the lock is given up at the moment when the waiter says that it waits.
 class LogWatch {
@@ -32,21 +26,10 @@ class LogWatch {
   std::vector<std::string> lines;
 };
 
-BackoffContext stopping_when(std::function<bool()> stop_requested) {
-  BackoffContext context;
-  context.stop_requested = std::move(stop_requested);
-  return context;
-}
-
 /// Whether the lock is free now: a context that is stopped already ends the first wait.
 bool can_lock(const testing::TempDir& dir, bool exclusive) {
-  const ScopedBackoffContext stopped(stopping_when([] { return true; }));
-  try {
-    acquire_distribution_lock(dir.path(), exclusive);
-    return true;
-  } catch (const SyncBackoffCancelled&) {
-    return false;
-  }
+  const ScopedBackoffContext stopped({.stop_requested = [] { return true; }});
+  return failure_of([&] { acquire_distribution_lock(dir.path(), exclusive); }) == "nothing";
 }
 
 TEST(DistributionLockTest, ExcludesHandlesOfOneProcess) {
@@ -88,12 +71,8 @@ TEST(DistributionLockTest, ExcludesOtherProcessesAndDiesWithItsHolder) {
 
 TEST(DistributionLockTest, WaitsUntilTheHolderLetsGoAndSaysSo) {
   const testing::TempDir dir;
-  std::unique_ptr<DistributionLock> held;
-  testing::Child holder(
-      [&] { held = std::make_unique<DistributionLock>(acquire_distribution_lock(dir.path(), true)); },
-      [&] { held->release(); });
-  ASSERT_TRUE(holder.is_ready);
-  const LogWatch watch([&] { holder.let_go(); });
+  auto held = acquire_distribution_lock(dir.path(), true);
+  const LogWatch watch([&] { held.release(); });
   const auto lock = acquire_distribution_lock(dir.path(), false);
   ASSERT_EQ(watch.lines.size(), 2u);
   EXPECT_EQ(watch.lines[0], "waiting for the shared distribution lock of " + dir.path());
@@ -107,7 +86,7 @@ TEST(DistributionLockTest, AStopEndsTheWait) {
   const auto held = acquire_distribution_lock(dir.path(), true);
   std::atomic<int> asked = 0;
   std::thread waiter([&] {
-    const ScopedBackoffContext context(stopping_when([&] { return ++asked == 4; }));
+    const ScopedBackoffContext context({.stop_requested = [&] { return ++asked == 4; }});
     EXPECT_THROW(acquire_distribution_lock(dir.path(), true), SyncBackoffCancelled);
   });
   waiter.join();
@@ -138,15 +117,11 @@ TEST(DistributionLockTest, InterruptionsAndFileSystemsThatDoNotExclude) {
 
   disk_calls().lock = [](int, int) { return 0; };
   std::deque<testing::TempDir> others;  // the first may get the inode of a lock file that was proven before
-  std::string refused;
-  while (refused.empty() && others.size() < 500) {
-    try {
-      acquire_distribution_lock(others.emplace_back().path(), false);
-    } catch (const OSError& failure) {
-      refused = failure.what();
-    }
+  std::string refused = "nothing";
+  while (refused == "nothing" && others.size() < 500) {
+    refused = failure_of([&] { acquire_distribution_lock(others.emplace_back().path(), false); });
   }
-  EXPECT_THAT(refused, HasSubstr(others.back().path()));
+  EXPECT_THAT(refused, AllOf(StartsWith("OSError: "), HasSubstr(others.back().path())));
   EXPECT_THROW(acquire_distribution_lock(dir.path("missing"), true), FileNotFoundError);
 }
 

@@ -1,24 +1,12 @@
 #include "siblings/distribution/manifest_document.hpp"
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <ctime>
-#include <functional>
 
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
+#include "support/test.hpp"
 #include "support/test_data.hpp"
-#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::client_manifest {
 namespace {
-
-using ::testing::EndsWith;
-using testing::failure_of;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 std::string parse_failure(const std::string& body) {
   return failure_of([&] { parse_distribution_manifest_bytes(body, "served manifest"); });
@@ -119,10 +107,7 @@ TEST(SignalsIndexDeclaration, IsAbsentOrWhole) {
   EXPECT_EQ(declaration(R"({"signals_index": {"schema_version": 1, "path": "i.json"},
                             "files": {"i.json": {"kind": "signals_index"}}})"),
             "i.json");
-  const struct {
-    const char* text;
-    const char* failure;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {R"({"signals_index": []})", "TypeError: manifest signals_index must be a JSON object, got list"},
       {R"({"signals_index": {"schema_version": 1}})",
        "TypeError: manifest signals_index.path must be a string"},

@@ -1,19 +1,14 @@
 #include "siblings/distribution/pinned_root.hpp"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 
 #include "files_fixture.hpp"
-#include "host/digest.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/file_stat.hpp"
-#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::client_manifest {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::UnorderedElementsAre;
 using testing::fs::create_directory;
 using testing::fs::create_symlink;
 
@@ -28,11 +23,10 @@ class PinnedRootTest : public testing::BothOpeningMethods {
   PinnedRoot root{dir.path()};
 };
 
-enum class Expected { os_error, value_error };
 struct Attack {
   const char* label;
   std::string path;
-  Expected expected;
+  const char* refused_as = "OSError: ";
 };
 
 TEST_P(PinnedRootTest, NothingReachesOutOfTheRootOrASpecialFile) {
@@ -43,29 +37,25 @@ TEST_P(PinnedRootTest, NothingReachesOutOfTheRootOrASpecialFile) {
   ASSERT_EQ(::mkfifo(dir.path("fifo").c_str(), 0600), 0);
   testing::make_socket(dir.path("socket"));
   const std::string deep = "../" + outside.path().substr(outside.path().rfind('/') + 1) + "/secret";
-  for (const Attack& attack : {Attack{"symbolic link", "link", Expected::os_error},
-                               {"link on the way", "linked_directory/secret", Expected::os_error},
-                               {"link on the way that stays inside", "inner_link/b.bin", Expected::os_error},
-                               {"link beside its target", "a/self", Expected::os_error},
-                               {"FIFO", "fifo", Expected::os_error},
-                               {"socket", "socket", Expected::os_error},
-                               {"directory", "a", Expected::os_error},
-                               {"file on the way", "a/b.bin/c", Expected::os_error},
-                               {"climbing path", deep, Expected::value_error},
-                               {"climbing staging name", "../x.tmp", Expected::value_error},
-                               {"absolute path", outside.path("secret"), Expected::value_error},
-                               {"zero byte", std::string("a\0b", 3), Expected::value_error},
-                               {"empty path", "", Expected::value_error}}) {
+  for (const Attack& attack : {Attack{"symbolic link", "link"},
+                               {"link on the way", "linked_directory/secret"},
+                               {"link on the way that stays inside", "inner_link/b.bin"},
+                               {"link beside its target", "a/self"},
+                               {"FIFO", "fifo"},
+                               {"socket", "socket"},
+                               {"directory", "a"},
+                               {"file on the way", "a/b.bin/c"},
+                               {"climbing path", deep, "ValueError: "},
+                               {"climbing staging name", "../x.tmp", "ValueError: "},
+                               {"absolute path", outside.path("secret"), "ValueError: "},
+                               {"zero byte", std::string("a\0b", 3), "ValueError: "},
+                               {"empty path", "", "ValueError: "}}) {
     SCOPED_TRACE(attack.label);
     const auto refuses = [&](auto&& operation) {
-      try {
-        operation();
-        ADD_FAILURE() << "was not refused";
-      } catch (const OSError& failure) {
-        EXPECT_EQ(attack.expected, Expected::os_error) << failure.what();
-        EXPECT_THAT(failure.what(), HasSubstr(dir.path(attack.path)));
-      } catch (const ValueError& failure) {
-        EXPECT_EQ(attack.expected, Expected::value_error) << failure.what();
+      const std::string failure = failure_of(operation);
+      EXPECT_THAT(failure, StartsWith(attack.refused_as));
+      if (failure.starts_with("OSError")) {
+        EXPECT_THAT(failure, HasSubstr(dir.path(attack.path)));
       }
     };
     refuses([&] { root.read_regular_file(attack.path, "member"); });
@@ -98,7 +88,6 @@ TEST_P(PinnedRootTest, WritesGoThroughNoLink) {
 }
 
 TEST_P(PinnedRootTest, TellsWhatIsMissingFromWhatIsWrong) {
-  EXPECT_THROW(root.read_regular_file("none", "member"), FileNotFoundError);
   EXPECT_THROW(root.stat_regular_file("none/at/all", "member"), FileNotFoundError);
   EXPECT_THROW(root.copy_regular_file("none", root, "copied"), FileNotFoundError);
   EXPECT_THROW(root.open_regular_file_for_update("none", /*create=*/false), FileNotFoundError);
@@ -106,12 +95,8 @@ TEST_P(PinnedRootTest, TellsWhatIsMissingFromWhatIsWrong) {
   EXPECT_NO_THROW(root.remove_regular_file("none/at/all", true));
   EXPECT_EQ(root.read_regular_file_if_present("none/at/all", "member"), std::nullopt);
   EXPECT_THROW(root.read_regular_file_if_present("a", "member"), OSError);
-  try {
-    root.read_regular_file("none", "vocabulary");
-    ADD_FAILURE();
-  } catch (const FileNotFoundError& failure) {
-    EXPECT_EQ(failure.what(), "vocabulary: " + dir.path("none") + ": No such file or directory");
-  }
+  EXPECT_EQ(failure_of([&] { root.read_regular_file("none", "vocabulary"); }),
+            "FileNotFoundError: vocabulary: " + dir.path("none") + ": No such file or directory");
 }
 
 TEST_P(PinnedRootTest, RootsThatCannotBePinned) {
@@ -200,10 +185,9 @@ TEST_P(PinnedRootTest, WritesAtomically) {
 TEST_P(PinnedRootTest, AWriteOutlivesASweepOfItsTemporaryFile) {
   const testing::RestoredDiskCalls restored;
   int sweeps = 0;
-  disk_calls().rename = [&](int from_directory, const char* from, int to_directory, const char* to,
-                            unsigned flags) {
-    if (++sweeps == 1) ::unlinkat(from_directory, from, 0);
-    return DiskCalls::real().rename(from_directory, from, to_directory, to, flags);
+  disk_calls().rename = [&](int directory, const char* temporary, auto... target) {
+    if (++sweeps == 1) ::unlinkat(directory, temporary, 0);
+    return DiskCalls::real().rename(directory, temporary, target...);
   };
   root.write_atomic("state.json", "{}", true);
   EXPECT_EQ(dir.read("state.json"), "{}");

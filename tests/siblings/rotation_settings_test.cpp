@@ -1,16 +1,9 @@
 #include "siblings/distribution/rotation_settings.hpp"
 
-#include <gmock/gmock.h>
-
-#include "host/json.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync::rotation_settings {
 namespace {
-
-using testing::failure_of;
-using ::testing::IsEmpty;
 
 class RotationSettingsTest : public ::testing::Test {
  public:
@@ -47,26 +40,22 @@ TEST_F(RotationSettingsTest, EveryKeyCanBeGiven) {
 }
 
 TEST_F(RotationSettingsTest, RefusesWhatItDoesNotUnderstandAndNamesTheKey) {
-  struct Case {
-    const char* file;
-    const char* text;
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"seed": 1})", "unknown key 'seed'"},
+      {R"({"algorithm": "best"})", "algorithm must be 'uniform' or 'family-balanced', got 'best'"},
+      {R"({"rotation_seed": true})", "rotation_seed must be a 64-bit integer, got True"},
+      {R"({"feature_budget_gb": "half"})",
+       "feature_budget_gb must be null, 'full' or a number from 0 to 1000000000, got 'half'"},
+      {R"({"feature_budget_gb": -1})",
+       "feature_budget_gb must be null, 'full' or a number from 0 to 1000000000, got -1"},
+      {R"({"market": 1})", "market must be a non-empty string, got 1"},
+      {R"({"named_universes": ["a", ""]})",
+       "named_universes must be a list of non-empty strings, got ['a', '']"},
+      {"[]", "the file must be an object, got []"},
   };
-  for (const Case& c : {
-           Case{R"({"seed": 1})", "unknown key 'seed'"},
-           Case{R"({"algorithm": "best"})", "algorithm must be 'uniform' or 'family-balanced', got 'best'"},
-           Case{R"({"rotation_seed": true})", "rotation_seed must be a 64-bit integer, got True"},
-           Case{R"({"feature_budget_gb": "half"})",
-                "feature_budget_gb must be null, 'full' or a number from 0 to 1000000000, got 'half'"},
-           Case{R"({"feature_budget_gb": -1})",
-                "feature_budget_gb must be null, 'full' or a number from 0 to 1000000000, got -1"},
-           Case{R"({"market": 1})", "market must be a non-empty string, got 1"},
-           Case{R"({"named_universes": ["a", ""]})",
-                "named_universes must be a list of non-empty strings, got ['a', '']"},
-           Case{"[]", "the file must be an object, got []"},
-       }) {
-    SCOPED_TRACE(c.file);
-    EXPECT_EQ(failure_of([&] { load(c.file); }),
-              std::string("ValueError: rotation-settings.json: ") + c.text);
+  for (const auto& [file, text] : cases) {
+    EXPECT_EQ(failure_of([&] { load(file); }), std::string("ValueError: rotation-settings.json: ") + text)
+        << file;
   }
   for (const char* frequency : {"daily", "PT0H", "PTH", "PT1.5H", "PT-1H", "P7D", " weekly"}) {
     EXPECT_THROW(load(dump_json({{"rotation_frequency", frequency}})), ValueError) << frequency;

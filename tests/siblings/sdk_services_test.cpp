@@ -1,13 +1,8 @@
-#include <gmock/gmock.h>
-
-#include "host/json.hpp"
 #include "siblings/auth/auth.hpp"
 #include "siblings/auth/identity.hpp"
 #include "siblings/search_tracking/search_tracker.hpp"
 #include "siblings/telemetry/logging_style.hpp"
-#include "support/failure_text.hpp"
-#include "support/log_capture.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {

@@ -1,23 +1,11 @@
 #include "siblings/distribution/shuffle_seed_state.hpp"
 
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <vector>
-
-#include "host/digest.hpp"
-#include "host/json.hpp"
 #include "origin/generated_bytes.hpp"
-#include "support/failure_text.hpp"
+#include "support/test.hpp"
 #include "support/test_data.hpp"
-#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::shuffle_seed_state {
 namespace {
-
-using testing::failure_of;
-using ::testing::HasSubstr;
 
 Document vectors() { return testing::test_data("shuffle_seed.json").at("vectors"); }
 
@@ -119,8 +107,6 @@ TEST(ShuffleSeedState, RefusesWhatCannotBeASeedOrItsManifest) {
   const std::string kind = "ShuffleSeedStateError: ";
   EXPECT_EQ(with([](Pair& pair) { pair.ciphertext.pop_back(); }),
             kind + "shuffle_seed.enc has invalid size: expected 60 bytes, got 59");
-  EXPECT_EQ(with([](Pair& pair) { pair.wallet_secret.pop_back(); }),
-            kind + "wallet_secret must be exactly 32 bytes");
   EXPECT_EQ(of_manifest(R"({"market_id": "1", "era_number": 1})"),
             kind + "manifest market_id must be an integer, got '1'");
   EXPECT_EQ(of_manifest(R"({"market_id": 1, "era_number": true})"),

@@ -1,16 +1,12 @@
 #include "siblings/distribution/sync_backoff.hpp"
 
-#include <gmock/gmock.h>
-
 #include <numeric>
-#include <thread>
 
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using ::testing::Each;
 using ::testing::Le;
 
 sync_backoff::Module& module() {

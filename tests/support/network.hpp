@@ -1,18 +1,9 @@
 #pragma once
 
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "download/file_downloader.hpp"
-#include "host/digest.hpp"
 #include "origin/scripted_server.hpp"
-#include "support/log_capture.hpp"
 #include "support/recorded_backoff.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 
 namespace tidalcrest::sync::testing {
 

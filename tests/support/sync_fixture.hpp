@@ -1,20 +1,8 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "host/seams.hpp"
 #include "origin/origin.hpp"
 #include "siblings/distribution/sync_backoff.hpp"
-#include "support/log_capture.hpp"
-#include "support/temp_dir.hpp"
+#include "support/test.hpp"
 #include "tidalcrest/sync/sync.hpp"
 
 namespace tidalcrest::sync::testing {
@@ -46,6 +34,14 @@ class SyncFixture : public ::testing::Test {
     return options;
   }
   std::unique_ptr<SyncManager> make_manager() { return std::make_unique<SyncManager>(options(), seams); }
+
+  /// One that has synced this, newly published.
+  std::unique_ptr<SyncManager> synced_manager(const origin::ManifestBuilder& content = small_distribution()) {
+    origin.publish(content);
+    auto manager = make_manager();
+    manager->sync();
+    return manager;
+  }
 
   /// A distribution of a few small files of every kind.
   static origin::ManifestBuilder small_distribution() {

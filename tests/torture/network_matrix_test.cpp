@@ -1,7 +1,5 @@
 #include <sys/resource.h>
 
-#include <fstream>
-
 #include "download/download_fixture.hpp"
 #include "support/raw_server.hpp"
 

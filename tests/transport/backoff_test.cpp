@@ -1,6 +1,5 @@
 #include "transport/backoff.hpp"
 
-#include "support/temp_dir.hpp"
 #include "transport/events.hpp"
 #include "transport/fixture.hpp"
 
@@ -28,7 +27,7 @@ TEST_F(BackoffGlue, WithoutAContextOnlyTellsTheWait) {
   EXPECT_EQ(event.at("surface"), "http_request");
   EXPECT_EQ(event.at("attempt"), 1);
   EXPECT_EQ(event.at("recovery"), "retry_with_backoff");
-  EXPECT_THAT(event.at("message").get<std::string>(), ::testing::HasSubstr("network/SSL error"));
+  EXPECT_THAT(event.at("message").get<std::string>(), HasSubstr("network/SSL error"));
   EXPECT_EQ(event_types(), std::vector<std::string>{"sync_backoff_wait"});
 }
 
@@ -36,12 +35,12 @@ TEST_F(BackoffGlue, GuidanceOfTheNetworkIsForItsSurfaceOnly) {
   const auto message = [](const char* surface, const char* reason) {
     return _sync_backoff_wait_guidance(surface, reason, "").at("message").get<std::string>();
   };
-  EXPECT_THAT(message("http_request", "ConnectionError"), ::testing::HasSubstr("network/SSL"));
-  EXPECT_THAT(message("file_download", "ConnectionError"), ::testing::HasSubstr("failed transiently"));
-  EXPECT_THAT(message("file_download", "partial_transfer"), ::testing::HasSubstr("fewer bytes"));
-  EXPECT_THAT(message("file_download", "IntegrityError"), ::testing::HasSubstr("did not match"));
-  EXPECT_THAT(message("x", "SyncUnavailableError"), ::testing::HasSubstr("dependency is temporarily"));
-  EXPECT_THAT(message("http_request", "http_503"), ::testing::HasSubstr("failed transiently"));
+  EXPECT_THAT(message("http_request", "ConnectionError"), HasSubstr("network/SSL"));
+  EXPECT_THAT(message("file_download", "ConnectionError"), HasSubstr("failed transiently"));
+  EXPECT_THAT(message("file_download", "partial_transfer"), HasSubstr("fewer bytes"));
+  EXPECT_THAT(message("file_download", "IntegrityError"), HasSubstr("did not match"));
+  EXPECT_THAT(message("x", "SyncUnavailableError"), HasSubstr("dependency is temporarily"));
+  EXPECT_THAT(message("http_request", "http_503"), HasSubstr("failed transiently"));
 }
 
 TEST_F(BackoffGlue, ShowsTheWaitBesideTheSyncsOwnPicture) {
@@ -71,11 +70,10 @@ TEST_F(BackoffGlue, ReplacesADamagedPictureAndTellsTheReasonElsewhere) {
 }
 
 TEST_F(BackoffGlue, AStopEndsTheWaitAndAFailingSignalIsNone) {
-  const ScopedBackoffContext broken(
-      {.surface = {}, .data_dir = {}, .stop_requested = []() -> bool { throw ValueError("broken"); }});
+  const ScopedBackoffContext broken({.stop_requested = []() -> bool { throw ValueError("broken"); }});
   EXPECT_FALSE(_sync_backoff_stop_requested());
   EXPECT_NO_THROW(_sleep_for_sync_backoff(1.0, seams));
-  const ScopedBackoffContext stopping({.surface = {}, .data_dir = {}, .stop_requested = [] { return true; }});
+  const ScopedBackoffContext stopping({.stop_requested = [] { return true; }});
   EXPECT_THROW(_sleep_for_sync_backoff(1.0, seams), SyncBackoffCancelled);
   EXPECT_TRUE(event_types().empty());
 }

@@ -2,15 +2,9 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 
-#include <atomic>
-#include <filesystem>
-
-#include "host/scope_exit.hpp"
 #include "origin/scripted_server.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
+#include "support/environment.hpp"
 #include "transport/fixture.hpp"
 #include "transport/http_client.hpp"
 #include "transport/local_failure.hpp"
@@ -19,21 +13,15 @@ namespace tidalcrest::sync {
 namespace {
 
 using testing::CollectingSink;
-using ::testing::ElementsAre;
-using testing::failure_of;
 
 const Request DATA_FILE{"https://data.tidalcrest.example/f", {{"User-Agent", "ua"}}};
 
 class CurlTransport : public testing::TransportTest {
  public:
-  CurlTransport() : _search_path(getenv("PATH")) {}
-  ~CurlTransport() override { setenv("PATH", _search_path.c_str(), 1); }
-
   // Puts a script of this text where curl is looked for; `$0.args` has its arguments, one a line.
   void fake_curl(const std::string& script) {
     bin.write("curl", "#!/bin/sh\nprintf '%s\\n' \"$@\" > \"$0.args\"\n" + script);
     std::filesystem::permissions(bin.path("curl"), std::filesystem::perms::owner_all);
-    setenv("PATH", (bin.path() + ":" + _search_path).c_str(), 1);
   }
   client_manifest::UpdatableFile open_file(const std::string& path) {
     return client_manifest::UpdatableFile(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600), path);
@@ -41,9 +29,7 @@ class CurlTransport : public testing::TransportTest {
 
   testing::TempDir bin;
   testing::TempDir dir;
-
- private:
-  const std::string _search_path;
+  const testing::ScopedEnvironment search_path{"PATH", bin.path() + ":" + getenv("PATH")};
 };
 
 TEST_F(CurlTransport, IsChosenForPublicHttpsOnly) {
@@ -67,17 +53,13 @@ TEST_F(CurlTransport, IsChosenForPublicHttpsOnly) {
   fake_curl("");
   for (const auto& c : cases)
     EXPECT_EQ(_should_use_curl_transport(c.request, c.transport), c.used) << c.label;
-  setenv("PATH", dir.path().c_str(), 1);
+  const testing::ScopedEnvironment nowhere("PATH", dir.path());
   EXPECT_FALSE(_should_use_curl_transport({data, {}}, "curl"));
   CollectingSink sink;
   auto file = open_file(dir.path("f"));
-  EXPECT_EQ(failure_of([&] {
-              _curl_request({data, {}}, 2.0, sink);
-            }),
+  EXPECT_EQ(failure_of([&] { _curl_request(DATA_FILE, 2.0, sink); }),
             "URLError: curl transport requested but curl is not available");
-  EXPECT_EQ(failure_of([&] {
-              _curl_download_to_file({data, {}}, file, 2.0);
-            }),
+  EXPECT_EQ(failure_of([&] { _curl_download_to_file(DATA_FILE, file, 2.0); }),
             "ConnectionError: curl transport requested but curl is not available");
 }
 
@@ -116,13 +98,9 @@ TEST_F(CurlTransport, FetchesFromARealServer) {
   EXPECT_EQ(head.status, 206);
   EXPECT_EQ(*head.headers.find("ETag"), "x");
   EXPECT_EQ(sink.body, "2345");
-  try {
-    _curl_request({server.url() + "/gone", {}}, 5.0, sink);
-    FAIL() << "nothing thrown";
-  } catch (const HTTPError& failure) {
-    EXPECT_EQ(failure.code, 404);
-    EXPECT_EQ(failure.body, "error text");
-  }
+  const auto failure = caught<HTTPError>([&] { _curl_request({server.url() + "/gone", {}}, 5.0, sink); });
+  EXPECT_EQ(failure.code, 404);
+  EXPECT_EQ(failure.body, "error text");
   auto file = open_file(dir.path("f"));
   file.write("ab");
   EXPECT_EQ(_curl_download_to_file({server.url() + "/f", {}}, file, 5.0).status, 200);
@@ -163,7 +141,7 @@ TEST_F(CurlTransport, TellsHowCurlFailed) {
   EXPECT_EQ(downloaded(), "ConnectionError: curl: (28) timed out");
   EXPECT_EQ(dir.read("f"), "part");
   EXPECT_THAT(bin.read("curl.args"),
-              ::testing::HasSubstr("\n-o\n-\n-w\n%{stderr}\nTIDALCREST_HTTP_STATUS:%{http_code}\n\n-H\n"));
+              HasSubstr("\n-o\n-\n-w\n%{stderr}\nTIDALCREST_HTTP_STATUS:%{http_code}\n\n-H\n"));
   fake_curl("printf 'TIDALCREST_HTTP_STATUS:503\\n' >&2; exit 22");
   EXPECT_EQ(_curl_download_to_file(DATA_FILE, file, 2.0).status, 503);
   fake_curl("exit 0");
@@ -173,14 +151,9 @@ TEST_F(CurlTransport, TellsHowCurlFailed) {
 TEST_F(CurlTransport, AFullDiskIsNoNetworkFailure) {
   fake_curl("printf part; echo 'curl: (23) Failure writing output' >&2; exit 23");
   auto full = open_file("/dev/full");
-  try {
-    _curl_download_to_file(DATA_FILE, full, 2.0);
-    FAIL() << "nothing thrown";
-  } catch (const ConnectionError&) {
-    FAIL() << "taken for a network failure";
-  } catch (const OSError& failure) {
-    EXPECT_EQ(failure.error_number(), ENOSPC);
-  }
+  const auto failure = caught<OSError>([&] { _curl_download_to_file(DATA_FILE, full, 2.0); });
+  EXPECT_STREQ(failure.type_name(), "OSError");  // none of the network
+  EXPECT_EQ(failure.error_number(), ENOSPC);
   auto file = open_file(dir.path("f"));
   EXPECT_EQ(failure_of([&] { _curl_download_to_file(DATA_FILE, file, 2.0); }),
             "OSError: curl: (23) Failure writing output");
@@ -195,10 +168,8 @@ TEST_F(CurlTransport, AFullTemporaryVolumeEndsTheRequest) {
   };
   fake_curl("echo 'curl: (23) Failure writing output' >&2; printf 200; exit 23");
   EXPECT_EQ(requested(), "OSError: curl: (23) Failure writing output");
-  const std::string before = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
-  setenv("TMPDIR", "/proc", 1);  // a directory that takes no file
-  EXPECT_THAT(requested(), ::testing::HasSubstr("temporary directory /proc/tidalcrest-curl-"));
-  before.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", before.c_str(), 1);
+  const testing::ScopedEnvironment full("TMPDIR", "/proc");  // a directory that takes no file
+  EXPECT_THAT(requested(), HasSubstr("temporary directory /proc/tidalcrest-curl-"));
   EXPECT_TRUE(backoff.waits().empty());
 }
 
@@ -218,8 +189,7 @@ TEST_F(CurlTransport, KnowsHowCurlEndedWhereTheHostReapsEveryChild) {
 TEST_F(CurlTransport, AStopRequestEndsTheChild) {
   fake_curl("exec sleep 60");
   std::atomic<int> asked = 0;
-  const ScopedBackoffContext context(
-      {.surface = {}, .data_dir = {}, .stop_requested = [&asked] { return ++asked > 2; }});
+  const ScopedBackoffContext context({.stop_requested = [&asked] { return ++asked > 2; }});
   HttpClient client(seams);
   auto file = open_file(dir.path("f"));
   CollectingSink sink;
@@ -229,13 +199,11 @@ TEST_F(CurlTransport, AStopRequestEndsTheChild) {
 }
 
 TEST_F(CurlTransport, LeavesNoTemporaryDirectoryBehind) {
-  const std::string before = getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "";
-  setenv("TMPDIR", dir.path().c_str(), 1);
+  const testing::ScopedEnvironment watched("TMPDIR", dir.path());
   fake_curl("exit 7");
   CollectingSink sink;
   EXPECT_THROW(_curl_request(DATA_FILE, 2.0, sink), URLError);
-  before.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", before.c_str(), 1);
-  EXPECT_THAT(bin.read("curl.args"), ::testing::HasSubstr(dir.path("tidalcrest-curl-")));
+  EXPECT_THAT(bin.read("curl.args"), HasSubstr(dir.path("tidalcrest-curl-")));
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 

@@ -55,10 +55,9 @@ TEST_F(Events, OfOneKeyFallSilentAfterTen) {
 
 TEST_F(Events, AreOneSortedLineAndAnAttachment) {
   _log_sync_event("range_resume", "one-line.arrow", "no number", "partial_tmp", {{"bytes_existing", 5}});
-  EXPECT_THAT(
-      log.lines(),
-      ::testing::ElementsAre(R"(info: tidalcrest_sync_event {"bytes_existing": 5, "count": 0, "event_type": )"
-                             R"("range_resume", "file": "one-line.arrow", "reason": "partial_tmp"})"));
+  EXPECT_THAT(log.lines(),
+              ElementsAre(R"(info: tidalcrest_sync_event {"bytes_existing": 5, "count": 0, "event_type": )"
+                          R"("range_resume", "file": "one-line.arrow", "reason": "partial_tmp"})"));
   EXPECT_EQ(event_values("range_resume", "count"), std::vector<Document>{0});
 }
 
@@ -93,7 +92,7 @@ TEST_F(Events, OfAnOutageSayWhatToDo) {
     EXPECT_EQ(_sync_unavailable_action_recovery(c.details), c.recovery);
     const Document event = _emit_sync_unavailable_status("sync_unavailable_status", "https://h/p?q", {}, {},
                                                          c.details, 0, seams);
-    EXPECT_THAT(event.at("next_action").get<std::string>(), ::testing::HasSubstr(c.word_in_next_action));
+    EXPECT_THAT(event.at("next_action").get<std::string>(), HasSubstr(c.word_in_next_action));
     EXPECT_EQ(_sync_event_level_name(event), c.level);
   }
 }

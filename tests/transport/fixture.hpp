@@ -1,19 +1,10 @@
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <string>
-#include <vector>
 
-#include "host/json.hpp"
-#include "host/seams.hpp"
-#include "support/log_capture.hpp"
 #include "support/recorded_backoff.hpp"
-#include "tidalcrest/sync/backoff.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/test.hpp"
 #include "transport/http_types.hpp"
 
 namespace tidalcrest::sync::testing {

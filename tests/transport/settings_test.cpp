@@ -3,17 +3,13 @@
 #include <limits>
 
 #include "host/endpoint.hpp"
-#include "support/failure_text.hpp"
 #include "transport/fixture.hpp"
 #include "transport/runtime_knobs.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using testing::failure_of;
-
 TEST(TransportKnobs, AreReadLeniently) {
-  EXPECT_EQ(_sync_http_transport(), "auto");
   EXPECT_EQ(_sync_http_transport("  "), "auto");
   EXPECT_EQ(_sync_http_transport(" CURL "), "curl");
   EXPECT_EQ(_sync_http_chunk_bytes(" "), 67108864);
@@ -56,7 +52,7 @@ TEST(TransportStatus, OnlySevenAreTransient) {
   for (int status = 0; status < 1000; ++status) {
     if (_should_retry_http_status(status)) transient.push_back(status);
   }
-  EXPECT_THAT(transient, ::testing::ElementsAre(408, 425, 429, 500, 502, 503, 504));
+  EXPECT_THAT(transient, ElementsAre(408, 425, 429, 500, 502, 503, 504));
   EXPECT_TRUE(_should_retry_http_status("503"));
   EXPECT_FALSE(_should_retry_http_status("busy"));
   EXPECT_FALSE(_should_retry_http_status(nullptr));
@@ -69,12 +65,9 @@ TEST(TransportStatus, BecomesTheFailureOfADownload) {
   EXPECT_EQ(raised(401), "AuthError: Authentication failed while downloading a/b: HTTP 401");
   EXPECT_EQ(raised("429"), "SyncError: Download failed for a/b: HTTP 429");
   EXPECT_EQ(raised("odd"), "PermanentDownloadError: Download failed for a/b: HTTP odd");
-  try {
-    _raise_download_http_status("a/b", 404);
-  } catch (const PermanentDownloadError& failure) {
-    EXPECT_EQ(failure.status, 404);
-    EXPECT_EQ(failure.file_path, "a/b");
-  }
+  const auto missing = caught<PermanentDownloadError>([] { _raise_download_http_status("a/b", 404); });
+  EXPECT_EQ(missing.status, 404);
+  EXPECT_EQ(missing.file_path, "a/b");
 }
 
 using ErrorBody = testing::TransportTest;
@@ -83,10 +76,10 @@ TEST_F(ErrorBody, IsAnObjectOrNothing) {
   EXPECT_EQ(_parse_sync_error_body(R"({"error_code": "busy"})").at("error_code"), "busy");
   EXPECT_TRUE(_parse_sync_error_body("").empty());
   EXPECT_TRUE(_parse_sync_error_body("[1]").is_object());
-  EXPECT_THAT(log.lines(), ::testing::IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
   EXPECT_TRUE(_parse_sync_error_body("<html>").is_object());
   EXPECT_TRUE(_parse_sync_error_body("{\"a\": \"\xFF\"}").empty());
-  EXPECT_THAT(log.lines(), ::testing::Each("debug: sync_error_body_parse_failed"));
+  EXPECT_THAT(log.lines(), Each("debug: sync_error_body_parse_failed"));
   EXPECT_EQ(log.lines().size(), 2u);
 }
 

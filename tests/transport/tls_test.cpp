@@ -1,13 +1,10 @@
 #include <signal.h>
 
 #include <cstdio>
-#include <fstream>
 
 #include "host/child_process.hpp"
 #include "origin/scripted_server.hpp"
 #include "siblings/security/transport.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
 #include "transport/fixture.hpp"
 #include "transport/http_client.hpp"
 
@@ -91,12 +88,12 @@ class TlsTest : public testing::TransportTest {
 TEST_F(TlsTest, TrustsNoCertificateButThoseOfTheRootsAndTheName) {
   dir.write("f", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nConnection: close\r\n\r\nbody");
   const auto opened = [this](const std::string& host) {
-    return testing::failure_of([&] { client._open_request({server->url(host, "f"), {}}, 5.0); });
+    return failure_of([&] { client._open_request({server->url(host, "f"), {}}, 5.0); });
   };
-  EXPECT_THAT(opened("localhost"), ::testing::StartsWith("URLError: SSL certificate problem"));
+  EXPECT_THAT(opened("localhost"), StartsWith("URLError: SSL certificate problem"));
   security::module_seam().install(std::make_shared<OneRoot>(dir.path("cert.pem")));
   EXPECT_EQ(opened("localhost"), "nothing");
-  EXPECT_THAT(opened("127.0.0.1"), ::testing::StartsWith("URLError: "));  // not a name of the certificate
+  EXPECT_THAT(opened("127.0.0.1"), StartsWith("URLError: "));  // not a name of the certificate
 }
 
 TEST_F(TlsTest, ARedirectNeverStepsDownToHttp) {
