@@ -71,5 +71,20 @@ TEST(Documents, KeepTheOrderOfTheirKeysThroughChanges) {
   EXPECT_EQ(copy.at("k7"), 7);
 }
 
+TEST(Documents, FindWhatIsLeftAfterEveryErasure) {
+  Document full = Document::object();
+  for (int i = 0; i < 40; ++i) full["k" + std::to_string(i)] = i;
+  for (int first = 0; first < 40; ++first) {
+    Document value = full;
+    for (int i = 0; i < 39; ++i) {
+      value.erase("k" + std::to_string((first + 7 * i) % 40));
+      for (const auto& [key, member] : value.get_ref<const Document::object_t&>()) {
+        ASSERT_EQ(find_member(value, key), &member) << key;
+      }
+    }
+    EXPECT_EQ(value.size(), 1u);
+  }
+}
+
 }  // namespace
 }  // namespace tidalcrest::sync

@@ -140,7 +140,8 @@ class IndexedObject {
     const auto offset = first - begin();
     const auto past = last - begin();
     if (_many) {
-      _many->erase(_many->begin() + offset, _many->begin() + past);
+      // One by one: the map's own erasure of a range can leave its index wrong.
+      for (auto behind = past; behind > offset; --behind) _many->erase(_many->begin() + (behind - 1));
     } else {
       _few.erase(_few.begin() + offset, _few.begin() + past);
     }
