@@ -24,7 +24,6 @@
 #include "manifest/identity.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
-#include "siblings/distribution/sync_backoff.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -32,15 +31,6 @@ namespace {
 
 using shuffle_seed_state::SHUFFLE_SEED_FILE;
 using shuffle_seed_state::SHUFFLE_SEED_METADATA_FILE;
-
-// The stop signal belongs to the calling thread; the workers of the local proof ask it through this copy.
-StopCheck stop_check_of_this_thread() {
-  auto module = sync_backoff::module_seam().current();
-  auto context = module->current_context();
-  return [module, context] {
-    if (sync_backoff::is_stop_requested(context)) sync_backoff::cancel(*module);
-  };
-}
 
 std::set<std::string> normalised_paths(const std::vector<std::string>& paths) {
   std::set<std::string> normalised;
@@ -146,7 +136,7 @@ class StagingRun {
         _manifest_bytes(*request.served_manifest_bytes),
         _roots(roots),
         _forced_paths(std::move(forced_paths)),
-        _stop_check(stop_check_of_this_thread()) {}
+        _stop_check(sync_backoff::stop_check_of_this_thread()) {}
 
   void gather_members();
   void prove_candidate_artifacts();

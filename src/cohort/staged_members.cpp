@@ -129,7 +129,8 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
     stop_check();
     if (!roots.active_is_generation && is_missing(*active, *path)) return;
     const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *file_info);
-    if (!hash_cache._local_file_matches_manifest(*active, *path, *file_info, cache_allowed)) return;
+    if (!hash_cache._local_file_matches_manifest(*active, *path, *file_info, cache_allowed, stop_check))
+      return;
     active->copy_regular_file(*path, candidate, *path);
     members[i].reused = true;
   });

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -10,6 +9,7 @@
 #include "download/manifest_generation.hpp"
 #include "integrity/hash_cache.hpp"
 #include "siblings/distribution/local_cohort.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
 
 namespace tidalcrest::sync {
 
@@ -21,8 +21,7 @@ struct SelectedMembers {
   FilesToDownload files_to_download;        ///< those of them that must be fetched, plan order
 };
 
-/// Ends long local work early: throws when the caller's thread was asked to stop.
-using StopCheck = std::function<void()>;
+using sync_backoff::StopCheck;
 
 /// Goes through the planned paths in order: each is reused from the active root when it is proven to be what
 /// the manifest declares, and put on the download list otherwise. The hash cache may answer only in the flat

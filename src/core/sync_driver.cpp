@@ -197,11 +197,13 @@ std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& vie
   const client_manifest::PinnedRoot root(view.data_dir);
   const std::size_t chunks = (paths.size() + PROOF_CHUNK - 1) / PROOF_CHUNK;
   std::vector<std::vector<std::string>> unproven(chunks);
+  const auto stop_check = sync_backoff::stop_check_of_this_thread();  // the workers ask through this copy
   parallel_in_order(chunks, usable_cores(), [&](std::size_t chunk) {
     client_manifest::DirectoryCursor cursor(root);
     const std::size_t end = std::min(paths.size(), (chunk + 1) * PROOF_CHUNK);
     for (std::size_t i = chunk * PROOF_CHUNK; i < end; ++i) {
-      if (!_prove_member(root, cursor, *view.manifest, paths[i])) unproven[chunk].push_back(paths[i]);
+      if (!_prove_member(root, cursor, *view.manifest, paths[i], stop_check))
+        unproven[chunk].push_back(paths[i]);
     }
   });
 
@@ -213,7 +215,8 @@ std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& vie
 // False for a member that is proven elsewhere, or not synced.
 bool SyncDriver::_prove_member(const client_manifest::PinnedRoot& root,
                                client_manifest::DirectoryCursor& cursor, const Manifest& manifest,
-                               const std::string& file_path) const {
+                               const std::string& file_path,
+                               const sync_backoff::StopCheck& stop_check) const {
   const Document* file_info = find_member(manifest.files(), file_path);
   if (file_info == nullptr || file_info->is_null()) {
     throw SyncError("Active rotation path is missing from manifest: " + file_path);
@@ -222,7 +225,8 @@ bool SyncDriver::_prove_member(const client_manifest::PinnedRoot& root,
   if (_manifest_file_is_sync_excluded(*file_info)) return false;
   const Document* kind = find_member(*file_info, "kind");
   const bool cache_allowed = kind == nullptr || *kind != "vault_module";
-  if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed)) {
+  if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed,
+                                                     stop_check)) {
     throw SyncError("Manifest version matched but local data files need repair");
   }
   return true;

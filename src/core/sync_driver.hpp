@@ -12,6 +12,7 @@
 #include "cohort/sync_lock.hpp"
 #include "integrity/hash_cache.hpp"
 #include "rotation/planner.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
 #include "transport/manager_http.hpp"
 
 namespace tidalcrest::sync {
@@ -62,7 +63,8 @@ class SyncDriver {
   std::vector<std::string> _prove_active_members(const ActiveView& view,
                                                  const RotationSelection& selection) const;
   bool _prove_member(const client_manifest::PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
-                     const Manifest& manifest, const std::string& file_path) const;
+                     const Manifest& manifest, const std::string& file_path,
+                     const sync_backoff::StopCheck& stop_check) const;
   SyncResult _full_sync();
   void _refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
                               const std::string& body) const;

@@ -9,6 +9,7 @@
 #include "host/unusable.hpp"
 #include "rotation/exclusion.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
 #include "tidalcrest/sync/errors.hpp"
 #include "tidalcrest/sync/rotation.hpp"
 
@@ -51,11 +52,13 @@ class CompletenessTest::Members {
     if (!_root) return false;
     const Document* kind = find_member(file_info, "kind");
     const bool cache_allowed = kind == nullptr || *kind != "vault_module";
-    return _hash_cache._local_file_matches_manifest(*_root, *_cursor, path, file_info, cache_allowed);
+    return _hash_cache._local_file_matches_manifest(*_root, *_cursor, path, file_info, cache_allowed,
+                                                    _stop_check);
   }
 
  private:
   HashCache& _hash_cache;
+  const sync_backoff::StopCheck _stop_check = sync_backoff::stop_check_of_this_thread();
   std::optional<client_manifest::PinnedRoot> _root;
   std::optional<client_manifest::DirectoryCursor> _cursor;  // walks `_root`
 };

@@ -11,6 +11,7 @@
 #include "host/unusable.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
+#include "siblings/distribution/file_blocks.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -125,25 +126,27 @@ void HashCache::_persist_hash_cache() {
 }
 
 bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, const std::string& file_path,
-                                             const Document& file_info, bool cache_allowed) {
+                                             const Document& file_info, bool cache_allowed,
+                                             const std::function<void()>& after_block) {
   const auto stat_member = [&root](const std::string& path) {
     return root.stat_regular_file(path, "manifest file");
   };
-  return _matches(root, stat_member, file_path, file_info, cache_allowed);
+  return _matches(root, stat_member, file_path, file_info, cache_allowed, after_block);
 }
 
 bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
                                              const std::string& file_path, const Document& file_info,
-                                             bool cache_allowed) {
+                                             bool cache_allowed, const std::function<void()>& after_block) {
   const auto stat_member = [&cursor](const std::string& path) {
     return cursor.stat_regular_file(path, "manifest file");
   };
-  return _matches(root, stat_member, file_path, file_info, cache_allowed);
+  return _matches(root, stat_member, file_path, file_info, cache_allowed, after_block);
 }
 
 template <class Stat>
 bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
-                         const Document& file_info, bool cache_allowed) {
+                         const Document& file_info, bool cache_allowed,
+                         const std::function<void()>& after_block) {
   const std::string& safe_path = _safe_manifest_relative_path(file_path);
   const auto expected = declared_identity(file_info);
   if (!expected) return false;
@@ -153,8 +156,10 @@ bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::
   const auto stat = absent_when_unreadable([&] { return stat_member(safe_path); });
   if (!stat || !has_declared_size(*stat)) return false;  // a wrong size costs no hash
   if (cache_allowed && _is_cached(file_path, *stat, expected->sha256)) return true;
-  const auto identity =
-      absent_when_unreadable([&] { return root.identify_regular_file(safe_path, "manifest file"); });
+  const auto identity = absent_when_unreadable([&] {
+    return root.identify_regular_file(safe_path, "manifest file", client_manifest::DEFAULT_BLOCK_BYTES,
+                                      after_block);
+  });
   if (!identity || !has_declared_size(*identity)) return false;
   if (cache_allowed) _remember_local_sha(file_path, *identity);  // also when it is the wrong digest
   return identity->sha256 == expected->sha256;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,14 +38,16 @@ class HashCache {
   void _persist_hash_cache();
 
   /// Whether the file below `root` is what the entry declares; false counts as not present. `cache_allowed`
-  /// false hashes the file in full and leaves the cache alone. A hit costs one stat. Throws `ManifestError`
-  /// for an unsafe path only.
+  /// false hashes the file in full and leaves the cache alone. A hit costs one stat. `after_block` is called
+  /// while a file is hashed and may end it by throwing. Throws `ManifestError` for an unsafe path only.
   bool _local_file_matches_manifest(const client_manifest::PinnedRoot& root, const std::string& file_path,
-                                    const Document& file_info, bool cache_allowed = true);
+                                    const Document& file_info, bool cache_allowed = true,
+                                    const std::function<void()>& after_block = {});
   /// The same with the stats of a loop over many members; `cursor` walks `root`.
   bool _local_file_matches_manifest(const client_manifest::PinnedRoot& root,
                                     client_manifest::DirectoryCursor& cursor, const std::string& file_path,
-                                    const Document& file_info, bool cache_allowed = true);
+                                    const Document& file_info, bool cache_allowed = true,
+                                    const std::function<void()>& after_block = {});
 
  private:
   HashCacheEntries _load_hash_cache() const;
@@ -52,7 +55,7 @@ class HashCache {
                   std::string_view expected_sha) const;
   template <class Stat>
   bool _matches(const client_manifest::PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
-                const Document& file_info, bool cache_allowed);
+                const Document& file_info, bool cache_allowed, const std::function<void()>& after_block);
 
   const std::string _hash_cache_path;
   mutable Mutex _hash_cache_lock;

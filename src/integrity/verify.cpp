@@ -39,12 +39,6 @@ void report(const Check& check, const Missing& missing, const Corrupted& corrupt
   }
 }
 
-// A stop ends the measuring like every other long proof, within a large file too.
-void heed_stop_request() {
-  const auto module = sync_backoff::module_seam().current();
-  if (sync_backoff::is_stop_requested(module->current_context())) sync_backoff::cancel(*module);
-}
-
 class Verification {
  public:
   Verification(const Pin& pinned, VerifyResult& result) : _pinned(pinned), _result(result) {}
@@ -57,12 +51,9 @@ class Verification {
           manifest_files != nullptr ? find_member(*manifest_files, file_path) : nullptr;
       if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))
         continue;
-      heed_stop_request();
-      report(
-          [&] {
-            _pinned.verify_manifest_file_identity(file_path, "active cohort artifact", heed_stop_request);
-          },
-          [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
+      _stop_check();
+      report([&] { _pinned.verify_manifest_file_identity(file_path, "active cohort artifact", _stop_check); },
+             [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
     }
   }
 
@@ -104,6 +95,7 @@ class Verification {
 
   const Pin& _pinned;
   VerifyResult& _result;
+  const sync_backoff::StopCheck _stop_check = sync_backoff::stop_check_of_this_thread();
 };
 
 }  // namespace

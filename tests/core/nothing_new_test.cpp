@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -108,6 +109,22 @@ TEST_F(NothingNewTest, ATouchedMemberIsHashedAgainAndNoOther) {
   expected.insert("reference/calendar.bin");
   EXPECT_EQ(opened.take(), expected);
   EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
+}
+
+// A stop comes while the seed is proven; the members that must be hashed are next.
+TEST_F(NothingNewTest, AStopEndsTheHashingOfUnknownMembers) {
+  data.remove(".sync_hash_cache.json");
+  std::atomic<bool> stop = false;
+  SyncOptions given = options();
+  given.get_wallet_secret = [&stop, secret = origin.wallet_secret()] {
+    stop = true;
+    return std::optional(secret);
+  };
+  SyncManager manager(given, seams);
+  const ScopedBackoffContext context({.stop_requested = [&stop] { return stop.load(); }});
+  EXPECT_THROW(manager.sync(), SyncBackoffCancelled);
+  stop = false;
+  EXPECT_THROW(manager.needs_sync(), SyncBackoffCancelled);
 }
 
 }  // namespace

@@ -94,6 +94,14 @@ void cancel(Module& module) {
   throw SyncBackoffCancelled("a stop was requested");
 }
 
+StopCheck stop_check_of_this_thread() {
+  auto module = module_seam().current();
+  auto context = module->current_context();
+  return [module, context] {
+    if (is_stop_requested(context)) cancel(*module);
+  };
+}
+
 }  // namespace sync_backoff
 
 ScopedBackoffContext::ScopedBackoffContext(BackoffContext context)

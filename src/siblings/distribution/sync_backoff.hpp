@@ -42,4 +42,9 @@ bool is_stop_requested(const BackoffContext& context);
 /// returned.
 [[noreturn]] void cancel(Module& module);
 
+/// Ends long local work early: throws the cancelled exception once the thread that made it was asked to stop.
+/// May be called on any thread.
+using StopCheck = std::function<void()>;
+StopCheck stop_check_of_this_thread();
+
 }  // namespace tidalcrest::sync::sync_backoff
