@@ -61,6 +61,11 @@ std::vector<std::string> feature_names_of(const py::object& feature_names) {
   return names;
 }
 
+// A text, or the value of an enumeration's member.
+std::string expression_type_of(const py::object& expression_type) {
+  return text_from_python(py::str(py::getattr(expression_type, "value", expression_type)));
+}
+
 void bind_construction(ManagerClass& manager) {
   manager
       .def(py::init(&constructed), py::arg("data_dir"), py::arg("server_url"),
@@ -175,7 +180,7 @@ void bind_requests(ManagerClass& manager) {
           [](const py::object& self, const py::object& feature_names, const py::object& expression_type,
              const py::object& named_universe) {
             const auto names = feature_names_of(feature_names);
-            const std::string type = text_argument(expression_type, "expression_type");
+            const std::string type = expression_type_of(expression_type);
             const auto universe = optional_text_argument(named_universe, "named_universe");
             return paths_to_python(without_gil([&, manager = shared(self)] {
               return manager->request_feature_files_for_sync(names, type, universe);

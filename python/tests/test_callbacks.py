@@ -1,8 +1,10 @@
 """What C++ calls in Python: under the GIL, on its own threads, and back into the manager."""
 
+import enum
 import logging
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -115,6 +117,10 @@ def test_a_manager_that_runs_by_itself_calls_back(make_manager, origin):
     manager.acquire()
     paths = manager.request_for_sync()
     assert len(paths) == 5 and manager.request_feature_files_for_sync([" "]) == []
+    feature = next(path for path in manager.get_manifest().files if "/strategy_is/" in path)
+    strategy = enum.Enum("Expression", {"STRATEGY": "strategy"}).STRATEGY
+    fetched = manager.request_feature_files_for_sync([Path(feature).stem], strategy)
+    assert fetched and all("/strategy_is/" in path for path in fetched)
     events = []
     manager.register_era_callback(lambda *event: events.append((event, manager.consumer_count())))
     origin.evolve("--next-era")

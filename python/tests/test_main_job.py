@@ -6,6 +6,8 @@ import json
 import os
 import pickle
 import re
+import sys
+import threading
 from pathlib import Path
 
 import pytest
@@ -98,6 +100,40 @@ def test_manifest_files_are_converted_when_asked_for(manager):
     assert json.loads(json.dumps(tc.Manifest(manager.get_manifest().to_dict()).files)) == plain
     unread = tc.Manifest(manager.get_manifest().to_dict()).files
     assert pickle.loads(pickle.dumps(unread)) == copy.deepcopy(unread) == {**unread} == plain
+
+
+def test_threads_share_the_files_of_a_manifest():
+    plain = {f"features/u1/signal_is/{i}.arrow": {"kind": "feature", "size_bytes": i} for i in range(300)}
+    failures = []
+
+    def each_is_there(files):
+        assert all(files[path] == entry and path in files for path, entry in plain.items())
+
+    def all_are_there(files):
+        assert list(files.items()) == list(plain.items())
+
+    def guarded(look, files, start):
+        start.wait()
+        try:
+            look(files)
+        except Exception as failure:
+            failures.append(repr(failure))
+
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    try:
+        for _ in range(40):
+            files = tc.Manifest({"era_number": 1, "files": plain}).files
+            start = threading.Barrier(6)
+            threads = [threading.Thread(target=guarded, args=(look, files, start))
+                       for look in [each_is_there, all_are_there] * 3]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+    finally:
+        sys.setswitchinterval(interval)
+    assert failures == []
 
 
 def test_manifest_documents_come_back_as_they_went():

@@ -1,5 +1,20 @@
 """A dict whose values are converted when they are asked for."""
 
+import os
+import threading
+
+_ABSENT = object()
+_changing = None  # held for every change of a dict that still has its view; one for all, as a change is short
+
+
+def _renew_lock():
+    global _changing
+    _changing = threading.RLock()
+
+
+_renew_lock()
+os.register_at_fork(after_in_child=_renew_lock)  # the thread that held it may not have come along
+
 
 class LazyDict(dict):
     """A dict over a view of a document.
@@ -20,17 +35,24 @@ class LazyDict(dict):
     def _fill(self):
         if self._view is None:
             return
-        values = {key: self[key] for key in self._view.keys()}
-        dict.clear(self)
-        dict.update(self, values)
-        self._view = None
+        with _changing:
+            if self._view is None:
+                return
+            values = {key: self[key] for key in self._view.keys()}
+            dict.clear(self)
+            dict.update(self, values)
+            self._view = None
 
     def __missing__(self, key):
-        if self._view is None:
-            raise KeyError(key)
-        value = self._view[key]
-        dict.__setitem__(self, key, value)
-        return value
+        with _changing:
+            value = dict.get(self, key, _ABSENT)  # another thread may have asked meanwhile
+            if value is not _ABSENT:
+                return value
+            if self._view is None:
+                raise KeyError(key)
+            value = self._view[key]
+            dict.__setitem__(self, key, value)
+            return value
 
     def get(self, key, default=None):
         try:
@@ -39,13 +61,16 @@ class LazyDict(dict):
             return default
 
     def __contains__(self, key):
-        return dict.__contains__(self, key) or (self._view is not None and key in self._view)
+        view = self._view
+        return dict.__contains__(self, key) if view is None else key in view
 
     def __len__(self):
-        return dict.__len__(self) if self._view is None else len(self._view)
+        view = self._view
+        return dict.__len__(self) if view is None else len(view)
 
     def __iter__(self):
-        return dict.__iter__(self) if self._view is None else iter(self._view.keys())
+        view = self._view
+        return dict.__iter__(self) if view is None else iter(view.keys())
 
     def __reduce__(self):
         return dict, (dict(self.items()),)
