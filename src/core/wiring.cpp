@@ -132,6 +132,7 @@ SyncManager::Wiring::Wiring(Checked checked, SyncOptions& options, Seams given_s
   credentials.set_get_wallet_secret(std::move(options.get_wallet_secret));
   freshness_guard.set(std::move(options.runtime_freshness_guard));
   loader.verify_at_start();
+  hash_cache.await_loaded();
 }
 
 }  // namespace tidalcrest::sync

@@ -1,8 +1,6 @@
 #include "integrity/hash_cache.hpp"
 
 #include <filesystem>
-#include <utility>
-#include <vector>
 
 #include "download/local_files.hpp"
 #include "host/integer.hpp"
@@ -56,7 +54,9 @@ std::optional<Declared> declared_identity(const Document& file_info) {
 
 HashCache::HashCache(const std::string& data_dir)
     : _hash_cache_path((std::filesystem::path(data_dir) / SYNC_HASH_CACHE_FILENAME).string()),
-      _hash_cache(_load_hash_cache()) {}
+      _loading(std::async([this] { return _load_hash_cache(); })) {}
+
+const HashCacheEntries& HashCache::await_loaded() const { return _loading.get(); }
 
 HashCacheEntries HashCache::_load_hash_cache() const {
   std::error_code ignored;
@@ -83,19 +83,30 @@ bool HashCache::_is_cached(const std::string& file_path, const FileStat& stat,
                            std::string_view expected_sha) const {
   const auto expected_bytes = sha256_bytes(expected_sha);
   if (!expected_bytes) return false;
+  const auto is_expected = [&](const HashCacheEntry* entry) {
+    return entry != nullptr && *entry == HashCacheEntry{*expected_bytes, stat};
+  };
+  const HashCacheEntry* loaded = await_loaded().find(file_path);
+  if (!_has_remembered) return is_expected(loaded);
   const MutexLock lock(_hash_cache_lock);
-  const auto entry = _hash_cache.find(file_path);
-  return entry != _hash_cache.end() && entry->second == HashCacheEntry{*expected_bytes, stat};
+  return is_expected(_newest(file_path, loaded));
+}
+
+const HashCacheEntry* HashCache::_newest(const std::string& file_path, const HashCacheEntry* loaded) const {
+  const auto remembered = _remembered.find(file_path);
+  return remembered != _remembered.end() ? &remembered->second : loaded;
 }
 
 void HashCache::_remember_local_sha(const std::string& file_path, const FileIdentity& identity) {
   const auto measured = sha256_bytes(identity.sha256);
   if (!measured) return;  // no digest; it could never be asked for
   const HashCacheEntry entry{*measured, static_cast<const FileStat&>(identity)};
+  const HashCacheEntry* loaded = await_loaded().find(file_path);
   const MutexLock lock(_hash_cache_lock);
-  const auto [stored, fresh] = _hash_cache.try_emplace(file_path, entry);
-  if (!fresh && stored->second == entry) return;
-  stored->second = entry;
+  const HashCacheEntry* known = _newest(file_path, loaded);
+  if (known != nullptr && *known == entry) return;
+  _remembered.insert_or_assign(file_path, entry);
+  _has_remembered = true;
   _hash_cache_dirty = true;
 }
 
@@ -109,15 +120,16 @@ void HashCache::_remember_local_sha(const std::string& root, const std::string& 
 }
 
 void HashCache::_persist_hash_cache() {
-  std::vector<std::pair<std::string, HashCacheEntry>> entries;
+  const HashCacheEntries& loaded = await_loaded();
+  HashCacheEntries entries;
   {
     const MutexLock lock(_hash_cache_lock);
     if (!_hash_cache_dirty) return;
-    entries.assign(_hash_cache.begin(), _hash_cache.end());
+    entries = loaded.merged_with(_remembered);
     _hash_cache_dirty = false;
   }
   try {
-    _atomic_write(_hash_cache_path, hash_cache_text(std::move(entries)));
+    _atomic_write(_hash_cache_path, hash_cache_text(entries));
   } catch (const std::exception& failure) {
     log::warning("Failed to persist sync hash cache: %s", failure.what());
     const MutexLock lock(_hash_cache_lock);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <future>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,8 +25,11 @@ inline constexpr const char* SYNC_HASH_CACHE_FILENAME = ".sync_hash_cache.json";
 /// persist loses only speed. Thread-safe; `_hash_cache_lock` is a leaf, held for map operations only.
 class HashCache {
  public:
-  /// Loads the cache file of the data directory.
+  /// Begins to load the cache file of the data directory, on a thread of its own where there is one to be
+  /// had.
   explicit HashCache(const std::string& data_dir);
+  /// Waits until the file is loaded; every member below does.
+  const HashCacheEntries& await_loaded() const;
 
   /// `expected_sha` when the file with this stat is known to have it, else absent.
   std::optional<std::string> _cached_local_sha(const std::string& file_path,
@@ -53,13 +59,18 @@ class HashCache {
   HashCacheEntries _load_hash_cache() const;
   bool _is_cached(const std::string& file_path, const client_manifest::FileStat& stat,
                   std::string_view expected_sha) const;
+  const HashCacheEntry* _newest(const std::string& file_path, const HashCacheEntry* loaded) const
+      REQUIRES(_hash_cache_lock);
   template <class Stat>
   bool _matches(const client_manifest::PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
                 const Document& file_info, bool cache_allowed, const std::function<void()>& after_block);
 
   const std::string _hash_cache_path;
+  const std::shared_future<HashCacheEntries> _loading;
   mutable Mutex _hash_cache_lock;
-  HashCacheEntries _hash_cache GUARDED_BY(_hash_cache_lock);
+  // What was measured since the loading; it counts before what was loaded.
+  std::map<std::string, HashCacheEntry> _remembered GUARDED_BY(_hash_cache_lock);
+  std::atomic<bool> _has_remembered = false;  // keeps a proof of many members off the lock
   bool _hash_cache_dirty GUARDED_BY(_hash_cache_lock) = false;
 };
 

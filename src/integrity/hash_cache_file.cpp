@@ -17,6 +17,7 @@ namespace tidalcrest::sync {
 namespace {
 
 constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
+constexpr std::size_t TYPICAL_PATH_BYTES = 64;
 constexpr std::size_t ENTRY_BYTES_BESIDE_PATH = 224;
 
 // The six members of one entry while they are read; of two equal keys the last one counts.
@@ -75,7 +76,9 @@ class Reader {
     throw JSONDecodeError(failure.what());
   }
 
-  HashCacheEntries take() { return _is_this_version ? std::move(_entries) : HashCacheEntries(); }
+  HashCacheEntries entries() const {
+    return _is_this_version ? HashCacheEntries().merged_with(_entries) : HashCacheEntries();
+  }
 
  private:
   bool value(const Document& read) {
@@ -122,7 +125,7 @@ class Reader {
   bool _is_this_version = false;
   std::string _member, _path, _field;
   EntryFields _fields;
-  HashCacheEntries _entries;
+  std::map<std::string, HashCacheEntry> _entries;
 };
 
 constexpr int NO_DIGIT = 256;
@@ -167,11 +170,12 @@ std::optional<HashCacheEntries> parse_own_form(std::string_view text) {
   TextScanner scanner(text);
   HashCacheEntries entries;
   if (!scanner.take("{\"files\": {")) return std::nullopt;
-  entries.reserve(text.size() / TYPICAL_ENTRY_BYTES);
+  const std::size_t typical_count = text.size() / TYPICAL_ENTRY_BYTES + 1;
+  entries.reserve(typical_count, typical_count * TYPICAL_PATH_BYTES);
   do {
     const auto path = scanner.take_quoted();
     const auto entry = path && scanner.take(": ") ? take_entry(scanner) : std::nullopt;
-    if (!entry || !entries.emplace(*path, *entry).second) return std::nullopt;
+    if (!entry || !entries.append(*path, *entry)) return std::nullopt;
   } while (scanner.take(", "));
   if (scanner.rest() != fmt::format("}}, \"version\": {}}}", SYNC_HASH_CACHE_VERSION)) return std::nullopt;
   return entries;
@@ -193,29 +197,65 @@ std::optional<Sha256Bytes> sha256_bytes(std::string_view hex) noexcept {
   return bytes;
 }
 
+void HashCacheEntries::reserve(std::size_t count, std::size_t path_bytes) {
+  _rows.reserve(count);
+  _paths.reserve(path_bytes);
+}
+
+bool HashCacheEntries::append(std::string_view path, const HashCacheEntry& entry) {
+  if (!_rows.empty() && path <= path_of(_rows.back())) return false;
+  _rows.push_back(
+      {static_cast<std::uint32_t>(_paths.size()), static_cast<std::uint32_t>(path.size()), entry});
+  _paths += path;
+  return true;
+}
+
+const HashCacheEntry* HashCacheEntries::find(std::string_view path) const noexcept {
+  const auto found = std::lower_bound(_rows.begin(), _rows.end(), path,
+                                      [this](const Row& row, auto wanted) { return path_of(row) < wanted; });
+  return found != _rows.end() && path_of(*found) == path ? &found->entry : nullptr;
+}
+
+HashCacheEntries HashCacheEntries::merged_with(const std::map<std::string, HashCacheEntry>& newer) const {
+  HashCacheEntries merged;
+  merged.reserve(_rows.size() + newer.size(), _paths.size() + newer.size() * TYPICAL_PATH_BYTES);
+  auto next = newer.begin();
+  for (const Row& row : _rows) {
+    const std::string_view path = path_of(row);
+    for (; next != newer.end() && next->first < path; ++next) merged.append(next->first, next->second);
+    if (next == newer.end() || next->first != path) merged.append(path, row.entry);
+  }
+  for (; next != newer.end(); ++next) merged.append(next->first, next->second);
+  return merged;
+}
+
+std::string_view HashCacheEntries::path_of(const Row& row) const noexcept {
+  return std::string_view(_paths).substr(row.path_begin, row.path_size);
+}
+
 HashCacheEntries parse_hash_cache(std::string_view text) {
   if (auto entries = parse_own_form(text)) return *std::move(entries);
   if (!text::is_valid_utf8(text)) throw UnicodeDecodeError("'utf-8' codec can't decode the bytes");
   if (text.starts_with("\xEF\xBB\xBF")) throw JSONDecodeError("unexpected UTF-8 byte order mark (byte 0)");
   Reader reader;
   Document::sax_parse(text.begin(), text.end(), &reader);
-  return reader.take();
+  return reader.entries();
 }
 
-std::string hash_cache_text(std::vector<std::pair<std::string, HashCacheEntry>> entries) {
-  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+std::string hash_cache_text(const HashCacheEntries& entries) {
   std::string text = "{\"files\": {";
   text.reserve(std::accumulate(
-      entries.begin(), entries.end(), std::size_t{64},
-      [](auto bytes, const auto& entry) { return bytes + entry.first.size() + ENTRY_BYTES_BESIDE_PATH; }));
+      entries.rows().begin(), entries.rows().end(), std::size_t{64},
+      [](auto bytes, const auto& row) { return bytes + row.path_size + ENTRY_BYTES_BESIDE_PATH; }));
   const char* separator = "";
-  for (const auto& [path, entry] : entries) {
+  for (const auto& row : entries.rows()) {
+    const auto& [sha256, stat] = row.entry;
     fmt::format_to(
         std::back_inserter(text),
         "{}{}: {{\"ctime_ns\": {}, \"device\": {}, \"inode\": {}, \"mtime_ns\": {}, \"sha256\": \"{}\", "
         "\"size_bytes\": {}}}",
-        separator, dump_json(path), entry.stat.ctime_ns, entry.stat.device, entry.stat.inode,
-        entry.stat.mtime_ns, text::hex(as_text(entry.sha256)), entry.stat.size_bytes);
+        separator, dump_json(std::string(entries.path_of(row))), stat.ctime_ns, stat.device, stat.inode,
+        stat.mtime_ns, text::hex(as_text(sha256)), stat.size_bytes);
     separator = ", ";
   }
   fmt::format_to(std::back_inserter(text), "}}, \"version\": {}}}", SYNC_HASH_CACHE_VERSION);

@@ -2,11 +2,10 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "siblings/distribution/pinned_root.hpp"
@@ -27,7 +26,32 @@ struct HashCacheEntry {
   friend bool operator==(const HashCacheEntry&, const HashCacheEntry&) = default;
 };
 
-using HashCacheEntries = std::unordered_map<std::string, HashCacheEntry>;
+/// The entries of a cache file, sorted by path. Never changed once read, and in two pieces of memory however
+/// many they are: every process begins with them.
+class HashCacheEntries {
+ public:
+  struct Row {
+    std::uint32_t path_begin, path_size;
+    HashCacheEntry entry;
+    friend bool operator==(const Row&, const Row&) = default;
+  };
+
+  void reserve(std::size_t count, std::size_t path_bytes);
+  /// False, and nothing is added, when the path is not greater than the last one.
+  bool append(std::string_view path, const HashCacheEntry& entry);
+  /// Null for an unknown path.
+  const HashCacheEntry* find(std::string_view path) const noexcept;
+  /// These entries and the newer ones, which count where both know a path.
+  HashCacheEntries merged_with(const std::map<std::string, HashCacheEntry>& newer) const;
+
+  const std::vector<Row>& rows() const noexcept { return _rows; }
+  std::string_view path_of(const Row& row) const noexcept;
+  friend bool operator==(const HashCacheEntries&, const HashCacheEntries&) = default;
+
+ private:
+  std::string _paths;  // one after the other
+  std::vector<Row> _rows;
+};
 
 /// Reads the text of a cache file. A text of another version or shape is empty; an entry that could never be
 /// hit (a missing or unreadable member, a digest that is none) is left out. Throws `UnicodeDecodeError` and
@@ -35,6 +59,6 @@ using HashCacheEntries = std::unordered_map<std::string, HashCacheEntry>;
 HashCacheEntries parse_hash_cache(std::string_view text);
 
 /// The text of a cache file: keys sorted at every level, the host's default separators.
-std::string hash_cache_text(std::vector<std::pair<std::string, HashCacheEntry>> entries);
+std::string hash_cache_text(const HashCacheEntries& entries);
 
 }  // namespace tidalcrest::sync

@@ -33,7 +33,7 @@ TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
             "{\"files\": {\"a\": {" + stat + "\"sha256\": \"" + SHA_A + "\", \"size_bytes\": 1}, " +
                 "\"z/b\": {" + stat + "\"sha256\": \"" + SHA_B + "\", \"size_bytes\": 1}}, \"version\": 2}");
 
-  const HashCache again(data.path());
+  HashCache again(data.path());
   EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_B), SHA_B);
   EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_A), std::nullopt);
   EXPECT_EQ(again._cached_local_sha("z/b", STAT, SHA_B, 9), std::nullopt);
@@ -44,6 +44,13 @@ TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
     ++(other.*member);
     EXPECT_EQ(again._cached_local_sha("a", other, SHA_A), std::nullopt);
   }
+
+  again._remember_local_sha("a", FileIdentity{STAT, SHA_B});  // counts before what was loaded
+  EXPECT_EQ(again._cached_local_sha("a", STAT, SHA_A), std::nullopt);
+  again._persist_hash_cache();
+  const HashCache merged(data.path());
+  EXPECT_EQ(merged._cached_local_sha("a", STAT, SHA_B), SHA_B);
+  EXPECT_EQ(merged._cached_local_sha("z/b", STAT, SHA_B), SHA_B);
 }
 
 TEST_F(HashCacheTest, WritesOnlyWhatHasChangedAndTriesAgainAfterAFailure) {

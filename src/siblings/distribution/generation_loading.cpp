@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <map>
+#include <optional>
 
 #include "host/mutex.hpp"
+#include "host/parallel.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -14,7 +16,11 @@ namespace {
 
 using client_manifest::PinnedRoot;
 
+constexpr const char* MANIFEST_LABEL = "local cohort manifest";
 constexpr const char* COMPLETION_LABEL = "local cohort completion record";
+
+// A manifest of this size, some thousand files, takes longer to parse than a thread to start.
+constexpr std::size_t WORTH_A_THREAD_BYTES = 256 * 1024;
 
 /// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
 /// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
@@ -74,26 +80,36 @@ auto look_at_generation(const std::string& root_dir, const Look& look) {
 
 struct GenerationFiles {
   PinnedRoot root;
+  client_manifest::FileStat manifest_stat;
   std::string manifest_bytes;
   client_manifest::FileStat completion_stat;
   std::string completion_bytes;
 };
 
+// The stats come before the reading: a file that is replaced in between must not pass for the one that was
+// read.
 GenerationFiles read_generation_files(const PinnedRoot& base, const std::string& relative_root) {
   PinnedRoot root(base, relative_root);
-  std::string manifest_bytes = root.read_regular_file(COHORT_MANIFEST_FILE, "local cohort manifest");
-  // Before the reading: a record that is replaced in between must not pass for the one that was read.
+  const auto manifest_stat = root.stat_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL);
+  std::string manifest_bytes = root.read_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL);
   const auto completion_stat = root.stat_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
   std::string completion_bytes = root.read_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
-  return {std::move(root), std::move(manifest_bytes), completion_stat, std::move(completion_bytes)};
+  return {std::move(root), manifest_stat, std::move(manifest_bytes), completion_stat,
+          std::move(completion_bytes)};
 }
 
-CompletedMembers parse_completion(std::string completion_bytes, const Selection& selection,
-                                  const std::string& sha256) {
+// What was read there holds while both files are still the ones that were read.
+bool is_as_read(const PinnedRoot& root, const Selection& known) {
+  return root.stat_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL) == known.manifest_stat &&
+         root.stat_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL) == known.completion_stat;
+}
+
+CompletedMembers parse_completion(std::string completion_bytes, const std::string& root_dir,
+                                  const std::string& sha256, std::size_t manifest_size_bytes) {
   try {
-    return parse_completion_record(std::move(completion_bytes), sha256, selection.manifest_bytes.size());
+    return parse_completion_record(std::move(completion_bytes), sha256, manifest_size_bytes);
   } catch (const ValueError& failure) {
-    refuse(selection.root_dir, failure.what());
+    refuse(root_dir, failure.what());
   }
 }
 
@@ -103,24 +119,37 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
   auto known = parsed_selections().find(base.path(), manifest_bytes);
   const std::string relative_root =
       known ? known->root_dir.substr(base.path().size() + 1) : generation_relative_root(manifest_bytes);
-  auto selection = std::make_shared<Selection>();
-  selection->base_dir = base.path();
-  selection->root_dir = base.display_path(relative_root);
-  const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
-  selection->manifest = known ? known->manifest : parse_manifest(manifest_bytes, sha256, selection->root_dir);
-
-  GenerationFiles files =
-      look_at_generation(selection->root_dir, [&] { return read_generation_files(base, relative_root); });
-  if (files.manifest_bytes != manifest_bytes) {
-    refuse(selection->root_dir, "its manifest file does not hold the bytes that name it");
+  const std::string root_dir = base.display_path(relative_root);
+  if (known) {
+    auto root = look_at_generation(root_dir, [&] { return PinnedRoot(base, relative_root); });
+    if (look_at_generation(root_dir, [&] { return is_as_read(root, *known); }))
+      return {std::move(known), std::move(root)};
   }
-  if (known && *known->members.record == files.completion_bytes)
-    return {std::move(known), std::move(files.root)};
-  selection->manifest_bytes = std::move(files.manifest_bytes);
-  selection->completion_stat = files.completion_stat;
-  selection->members = parse_completion(std::move(files.completion_bytes), *selection, sha256);
+
+  const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
+  std::shared_ptr<const Document> manifest;
+  std::optional<GenerationFiles> files;
+  std::optional<CompletedMembers> members;  // absent: as they are known
+  const auto parse_the_manifest = [&] { manifest = parse_manifest(manifest_bytes, sha256, root_dir); };
+  const auto read_the_record = [&] {
+    files.emplace(look_at_generation(root_dir, [&] { return read_generation_files(base, relative_root); }));
+    if (files->manifest_bytes != manifest_bytes) {
+      refuse(root_dir, "its manifest file does not hold the bytes that name it");
+    }
+    if (known && *known->members.record == files->completion_bytes) return;
+    members = parse_completion(std::move(files->completion_bytes), root_dir, sha256, manifest_bytes.size());
+  };
+  // Of two failures the manifest's is told, as if the parts followed each other.
+  const std::size_t workers = !known && manifest_bytes.size() >= WORTH_A_THREAD_BYTES ? 2 : 1;
+  parallel_in_order(2, workers,
+                    [&](std::size_t part) { part == 0 ? parse_the_manifest() : read_the_record(); });
+
+  if (!members) return {std::move(known), std::move(files->root)};
+  auto selection = std::make_shared<const Selection>(
+      Selection{base.path(), root_dir, std::move(files->manifest_bytes), std::move(manifest),
+                *std::move(members), files->manifest_stat, files->completion_stat});
   parsed_selections().remember(selection);
-  return {std::move(selection), std::move(files.root)};
+  return {std::move(selection), std::move(files->root)};
 }
 
 }  // namespace tidalcrest::sync::local_cohort

@@ -32,6 +32,7 @@ struct Selection {
   std::string manifest_bytes;                ///< the exact served bytes
   std::shared_ptr<const Document> manifest;  ///< the parsed manifest bytes
   CompletedMembers members;  ///< `active_relative_paths` and `artifact_identities` of the completion record
+  client_manifest::FileStat manifest_stat;    ///< of the manifest file that was read
   client_manifest::FileStat completion_stat;  ///< of the record that was read
 };
 
