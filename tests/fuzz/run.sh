@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the fuzzing program: tests/fuzz/run.sh [TARGET [SECONDS]], or keep, or coverage.
+# Runs the fuzzing program: tests/fuzz/run.sh [TARGET [SECONDS]], or keep [TARGET], or coverage [TARGET].
 #   TARGET SECONDS  every target without one (60 s); ends early after RUNS executions. Findings: build/fuzz/findings
-#   keep            adds to the saved corpus what reaches more code than it does
+#   keep            adds to the saved corpus the fewest inputs that reach all the code that it does not
 #   coverage        lines that the saved corpus reaches, of the files that each target is there for
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
@@ -37,8 +37,11 @@ fuzz() { # target seconds
 }
 
 keep() { # target
+  local log=build/fuzz/$1-keep.log
   mkdir -p "$found/$1"
-  run "$1" -merge=1 -use_counters=0 -max_len=4096 "$saved/$1" "$found/$1" | grep 'MERGE-OUTER: .* new files' || true
+  run "$1" -set_cover_merge=1 -use_counters=0 -max_len=4096 "$saved/$1" "$found/$1" >"$log" ||
+    { tail -n 20 "$log"; return 1; }
+  sed -n "s/^MERGE-OUTER: \(.* new files\).*/$1: \1/p" "$log"
 }
 
 sources_of() { # target
@@ -69,10 +72,10 @@ coverage() { # target
 }
 
 case ${1:-} in
-  keep) for target in $(ls "$saved"); do keep "$target"; done ;;
+  keep) for target in ${2:-$(ls "$saved")}; do keep "$target"; done ;;
   coverage)
     program=build/fuzz-coverage/tests/fuzz/tidalcrest-fuzz
-    for target in $(ls "$saved"); do coverage "$target"; done
+    for target in ${2:-$(ls "$saved")}; do coverage "$target"; done
     ;;
   *) for target in ${1:-$(ls "$saved")}; do fuzz "$target" "${2:-60}"; done ;;
 esac
