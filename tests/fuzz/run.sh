@@ -67,8 +67,15 @@ coverage() { # target
   printf '\n== %s, %s inputs\n' "$1" "$(find "$saved/$1" -type f | wc -l)"
   LLVM_PROFILE_FILE=$profile.raw run "$1" -runs=0 "$saved/$1" >"$profile.log" || { cat "$profile.log"; return 1; }
   llvm-profdata merge "$profile.raw" -o "$profile.data"
-  llvm-cov report "$program" -instr-profile="$profile.data" $(sources_of "$1") |
-    awk '$1 ~ /\.cpp$|^TOTAL$/ { printf "%-28s %4d of %4d lines\n", $1, $8 - $9, $8 }'
+  # Picked here: llvm-cov knows a source only by the path that the compiler was given.
+  llvm-cov report "$program" -instr-profile="$profile.data" | awk -v sources="$(sources_of "$1")" '
+    BEGIN { split(sources, list); for (i in list) wanted[list[i]] }
+    { path = $1; sub(/^.*src\//, "src/", path) }
+    path in wanted { printf "%-62s %4d of %4d lines\n", path, $8 - $9, $8; reached += $8 - $9; lines += $8; found++ }
+    END {
+      printf "%-62s %4d of %4d lines (%d %%)\n", "all", reached, lines, lines ? 100 * reached / lines : 0
+      exit found != length(wanted)
+    }'
 }
 
 case ${1:-} in
