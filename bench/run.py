@@ -6,6 +6,7 @@ processes) and one `sync -f`. The tools run in turn, round by round; medians and
 """
 
 import argparse
+import contextlib
 import os
 import shutil
 import signal
@@ -68,7 +69,7 @@ def listed_files(manifest):
 
 
 def measured_in(directory, command, keep=None):
-    """The cost of a command that fills `directory`, which is gone afterwards, or in `keep` until the workload ends:
+    """The cost of a command that fills `directory`, which is gone afterwards, or in `keep` until all is measured:
     for minutes ext4 looks past every file that was deleted before it makes a new one, and the next tool would pay."""
     try:
         return run(command)
@@ -128,11 +129,11 @@ def nothing_new(work, workload, rounds):
     return comparison.median("tidalcrest-sync", "wall"), float(stat.stdout)
 
 
-def nothing_new_by_count(parent, size, rounds):
+def nothing_new_by_count(parent, size, rounds, at_the_end):
     seconds = {}
     for count in size.nothing_new:
-        with scratch(parent, size.members(count)) as work:
-            seconds[count], stat_ns = nothing_new(Path(work), size.members(count), rounds)
+        work = at_the_end.enter_context(scratch(parent, size.members(count)))
+        seconds[count], stat_ns = nothing_new(Path(work), size.members(count), rounds)
     (least, first), (most, last) = min(seconds.items()), max(seconds.items())
     per_member = (last - first) / (most - least) * 1e9
     print(f"\nnothing new, each further member: {per_member:.0f} ns; one fstatat: {stat_ns:.0f} ns; "
@@ -177,8 +178,7 @@ class Changed:
             shutil.copytree(self.distribution.release(self.before), previous)
         target = self.work / f"{name}-{self.after['version']}"
         measured = run(command_for(previous, target))
-        shutil.rmtree(previous)
-        self.copies[name] = target
+        self.copies[name] = target  # the one before stays: see `measured_in`
         return measured
 
     def rsync(self, option):
@@ -256,6 +256,9 @@ def workloads(size):
     }
 
 
+OF_MANY_FILES = {"cold-small", "changed"}  # removed when all is measured: see `measured_in`
+
+
 def main():
     names = [*workloads(Size(False)), "nothing-new"]
     parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__)
@@ -270,13 +273,19 @@ def main():
     size = Size(arguments.small)
     print(f"{CLIENT.name} on {os.cpu_count()} cores, load {os.getloadavg()[0]:.1f}; medians of {arguments.rounds} rounds; "
           "a ratio below 1 means less than that tool")
-    for name in arguments.workload or names:
-        if name == "nothing-new":
-            nothing_new_by_count(arguments.work_dir, size, arguments.rounds)
-            continue
-        measure, workload = workloads(size)[name]
-        with scratch(arguments.work_dir, workload) as work:
-            measure(Path(work), workload, arguments.rounds)
+    with contextlib.ExitStack() as at_the_end:
+        for name in arguments.workload or names:
+            measure_workload(name, size, arguments, at_the_end)
+
+
+def measure_workload(name, size, arguments, at_the_end):
+    if name == "nothing-new":
+        nothing_new_by_count(arguments.work_dir, size, arguments.rounds, at_the_end)
+        return
+    measure, workload = workloads(size)[name]
+    with contextlib.ExitStack() as at_once:
+        stack = at_the_end if name in OF_MANY_FILES else at_once
+        measure(Path(stack.enter_context(scratch(arguments.work_dir, workload))), workload, arguments.rounds)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
 #include "core/construction.hpp"
 
+#include <cmath>
+
 #include "siblings/distribution/pinned_root.hpp"
 #include "siblings/security/transport.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -30,6 +32,10 @@ void check_data_dir(const std::string& data_dir) {
   } catch (const ValueError&) {
     throw ValueError(unsafe);
   }
+}
+
+void check_poll_interval(double poll_interval_s) {
+  if (std::isnan(poll_interval_s)) throw ValueError("poll_interval_s must be a number of seconds, not nan");
 }
 
 }  // namespace tidalcrest::sync

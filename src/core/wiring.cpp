@@ -12,6 +12,7 @@ struct SyncManager::Wiring::Checked {
     check_server_url(options.server_url);
     check_data_dir(options.data_dir);
     market_id = _coerce_agent_market_id(options.market_id);
+    check_poll_interval(options.poll_interval_s);
   }
 };
 

@@ -1,5 +1,7 @@
 #include <sys/stat.h>
 
+#include <limits>
+
 #include "core/registry.hpp"
 #include "support/sync_fixture.hpp"
 
@@ -32,6 +34,9 @@ TEST_F(ConstructionTest, RefusesBadArgumentsWithTheirOwnTexts) {
   bad = good;
   bad.market_id = "zero";
   EXPECT_EQ(refusal_of(bad), "ValueError: market_id must be a positive integer, got 'zero'");
+  bad = good;
+  bad.poll_interval_s = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(refusal_of(bad), "ValueError: poll_interval_s must be a number of seconds, not nan");
   bad = good;
   bad.sync_max_concurrency = 0;
   EXPECT_EQ(refusal_of(bad), "ValueError: invalid sync_max_concurrency: expected a positive integer");
