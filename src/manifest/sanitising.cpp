@@ -158,9 +158,9 @@ bool _is_unsupported_runtime_module_file(const std::string&, const Document& fil
 }
 
 std::optional<std::string> _retired_unsupported_runtime_module_name_from_path(const std::string& file_path) {
-  const std::string_view name = std::string_view(file_path).substr(file_path.find_last_of("/\\") + 1);
   for (const char* suffix : RUNTIME_MODULE_EXTENSION_SUFFIXES) {
-    if (!name.ends_with(suffix)) continue;  // nearly every path
+    if (!file_path.ends_with(suffix)) continue;  // nearly every path
+    const std::string_view name = std::string_view(file_path).substr(file_path.find_last_of("/\\") + 1);
     const std::string ending = "-" + CURRENT_PLATFORM + suffix;
     if (!name.ends_with(ending)) continue;
     const std::string_view stem = name.substr(0, name.size() - ending.size());

@@ -1,16 +1,12 @@
 #include "siblings/distribution/artifact_rotation_accounting.hpp"
 
-#include <string_view>
-#include <unordered_set>
-
 #include "host/json.hpp"
+#include "host/path_set.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/artifact_rotation_algorithms.hpp"
 
 namespace tidalcrest::sync::artifact_rotation {
 namespace {
-
-using PathSet = std::unordered_set<std::string_view>;
 
 PathSet set_of(const std::vector<std::string>& paths) { return {paths.begin(), paths.end()}; }
 

@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <limits>
-#include <string_view>
-#include <unordered_set>
 
+#include "host/path_set.hpp"
 #include "siblings/distribution/artifact_rotation_generator.hpp"
 #include "siblings/distribution/artifact_rotation_state.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -81,8 +80,7 @@ Artifacts Selection::selected_artifacts() const {
 std::vector<std::string> Selection::mandatory_relative_paths() const { return paths_of(mandatory_artifacts); }
 
 std::vector<std::string> Selection::skipped_relative_paths() const {
-  const std::unordered_set<std::string_view> active(active_relative_paths.begin(),
-                                                    active_relative_paths.end());
+  const PathSet active(active_relative_paths.begin(), active_relative_paths.end());
   std::vector<std::string> skipped;
   for (const auto& artifact : eligible_artifacts) {
     if (!active.contains(artifact->relative_path)) skipped.push_back(artifact->relative_path);
@@ -93,7 +91,8 @@ std::vector<std::string> Selection::skipped_relative_paths() const {
 void Selection::rebuild_active_relative_paths() {
   active_relative_paths.clear();
   active_relative_paths.reserve(mandatory_artifacts.size() + rotatable_artifacts.size());
-  std::unordered_set<std::string_view> seen(active_relative_paths.capacity());
+  PathSet seen;
+  seen.reserve(active_relative_paths.capacity());
   for (const Artifacts* artifacts : {&mandatory_artifacts, &rotatable_artifacts}) {
     for (const auto& artifact : *artifacts) {
       if (seen.insert(artifact->relative_path).second)
@@ -142,7 +141,7 @@ RotationPlan plan_from_active_rotation_state(const Artifacts& artifacts,
   }
   Selection selection = prepared_selection(artifacts, settings);
   const auto& paths = active_state.active_relative_paths;
-  const std::unordered_set<std::string_view> present(paths.begin(), paths.end());
+  const PathSet present(paths.begin(), paths.end());
   for (const auto& artifact : artifacts) {
     if (!artifact->mandatory && present.contains(artifact->relative_path)) {
       selection.rotatable_artifacts.push_back(artifact);
@@ -161,8 +160,7 @@ RotationState promote_rotation_candidate(const std::optional<RotationState>& act
                                          const std::vector<std::string>& available_relative_paths) {
   RotationState promoted = candidate_state;
   if (promoted.active_relative_paths != available_relative_paths) {
-    const std::unordered_set<std::string_view> available(available_relative_paths.begin(),
-                                                         available_relative_paths.end());
+    const PathSet available(available_relative_paths.begin(), available_relative_paths.end());
     std::erase_if(promoted.active_relative_paths,
                   [&](const std::string& path) { return !available.contains(path); });
   }

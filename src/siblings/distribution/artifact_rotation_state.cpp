@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <iterator>
 #include <string_view>
-#include <unordered_set>
 
 #include "host/integer.hpp"
 #include "host/json.hpp"
+#include "host/path_set.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -83,7 +83,8 @@ class PayloadReader {
 
 std::optional<std::string> rotation_state_fault(const RotationState& state) {
   if (state.generation < 0) return fmt::format("generation must not be negative, got {}", state.generation);
-  std::unordered_set<std::string_view> seen(state.active_relative_paths.size());
+  PathSet seen;
+  seen.reserve(state.active_relative_paths.size());
   for (const auto& path : state.active_relative_paths) {
     if (path.empty()) return "active_relative_paths holds an empty path";
     if (!text::is_valid_utf8(path))

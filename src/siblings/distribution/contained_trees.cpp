@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/failures.hpp"
@@ -48,8 +49,12 @@ EntryKind kind_of(int directory, const dirent& entry) noexcept {
   return S_ISDIR(status.st_mode) ? EntryKind::directory : EntryKind::other;
 }
 
-// The whole listing at once: what is removed afterwards cannot disturb it.
-std::vector<Entry> list_directory(int directory, const std::string& what) {
+bool any_entry(std::string_view, EntryKind) { return true; }
+
+// The whole listing at once: what is removed afterwards cannot disturb it. Only what `wanted` says is kept of
+// it: most sweeps look for a few names among many.
+template <class Wanted>
+std::vector<Entry> list_directory(int directory, const std::string& what, const Wanted& wanted) {
   Descriptor listing(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!listing) throw_os_error(errno, what);
   const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(listing.get()));
@@ -63,8 +68,10 @@ std::vector<Entry> list_directory(int directory, const std::string& what) {
       if (errno != 0) throw_os_error(errno, what);
       return entries;
     }
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") entries.push_back({name, kind_of(directory, *entry)});
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const EntryKind kind = kind_of(directory, *entry);
+    if (wanted(name, kind)) entries.push_back({std::string(name), kind});
   }
 }
 
@@ -77,7 +84,7 @@ void remove_entry(int directory, const Entry& entry, const std::string& what) {
   if (entry.kind == EntryKind::directory) {
     const Descriptor opened = open_entry_directory(directory, entry.name);
     if (opened) {
-      for (const Entry& inner : list_directory(opened.get(), what)) {
+      for (const Entry& inner : list_directory(opened.get(), what, any_entry)) {
         remove_entry(opened.get(), inner, what + "/" + inner.name);
       }
     } else if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
@@ -92,14 +99,17 @@ void remove_entry(int directory, const Entry& entry, const std::string& what) {
 class Sweep {
  public:
   explicit Sweep(const PinnedRoot& root) : _root(root) {}
-  std::function<bool(const std::string& name)> selects_name;
+  std::function<bool(std::string_view name)> selects_name;
   std::function<bool(const std::string& path)> preserves;
   std::function<bool(const std::string& path)> skips_directory;
 
   /// `prefix` is empty for the root itself, else it ends in a slash.
   void walk(int directory, const std::string& prefix) {
+    const auto wanted = [this](std::string_view name, EntryKind kind) {
+      return kind == EntryKind::directory || (kind == EntryKind::regular && selects_name(name));
+    };
     _attempt([&] {
-      for (const Entry& entry : list_directory(directory, _root.display_path(prefix)))
+      for (const Entry& entry : list_directory(directory, _root.display_path(prefix), wanted))
         _visit(directory, prefix, entry);
     });
   }
@@ -118,7 +128,7 @@ class Sweep {
       } else if (!means_wrong_or_missing_file(errno)) {  // it may be gone, or a link by now
         _attempt([&] { throw_os_error(errno, _root.display_path(path)); });
       }
-    } else if (entry.kind == EntryKind::regular && selects_name(entry.name)) {
+    } else {
       const std::string path = prefix + entry.name;
       if (!preserves(path)) _remove(directory, entry.name, path);
     }
@@ -179,7 +189,7 @@ void cleanup_contained_regular_files(const std::string& root, const std::string&
   const PinnedRoot pinned(root);
   const bool sweeps_generations = suffix == ".tmp";
   Sweep sweep(pinned);
-  sweep.selects_name = [&](const std::string& name) { return name.ends_with(suffix); };
+  sweep.selects_name = [&](std::string_view name) { return name.ends_with(suffix); };
   sweep.preserves = [&](const std::string& path) { return preserve_relative_paths.contains(path); };
   sweep.skips_directory = [&](const std::string& path) {
     return !sweeps_generations && is_in_cohorts_directory(path);
@@ -193,7 +203,7 @@ void cleanup_contained_regular_files_in_prefixes(const std::string& root,
                                                  const std::function<bool(const std::string&)>& preserves) {
   const PinnedRoot pinned(root);
   Sweep sweep(pinned);
-  sweep.selects_name = [](const std::string&) { return true; };
+  sweep.selects_name = [](std::string_view) { return true; };
   sweep.preserves = preserves;
   sweep.skips_directory = [](const std::string&) { return false; };
   for (const std::string& prefix : prefixes) {

@@ -93,6 +93,10 @@ void refuse_client_name(std::string_view path) {
 class DirectoryPrefixes {
  public:
   void add_parents_of(std::string_view path) {
+    const std::string_view directory = path.substr(0, path.rfind('/') + 1);
+    if (directory == _last) return;  // neighbours mostly lie side by side
+    _last = directory;
+    _longest = std::max(_longest, directory.size());
     _marks.clear();
     std::size_t hash = HASH_START;
     for (std::size_t i = 0; i < path.size(); ++i) {
@@ -105,6 +109,7 @@ class DirectoryPrefixes {
   }
 
   bool contains(std::string_view path) const {
+    if (path.size() >= _longest) return false;
     std::size_t hash = HASH_START;
     for (const char c : path) hash = extend(hash, c);
     return _directories.contains({path, hash});
@@ -126,6 +131,8 @@ class DirectoryPrefixes {
 
   std::unordered_set<Directory, KnownHash> _directories;
   std::vector<Directory> _marks;
+  std::string_view _last;    // with its slash
+  std::size_t _longest = 0;  // of any directory, with its slash
 };
 
 void validate_files(const Document& files, const std::string& label) {
