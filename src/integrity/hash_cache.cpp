@@ -6,6 +6,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/parallel.hpp"
 #include "host/unusable.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/contained_files.hpp"
@@ -54,7 +55,15 @@ std::optional<Declared> declared_identity(const Document& file_info) {
 
 HashCache::HashCache(const std::string& data_dir)
     : _hash_cache_path((std::filesystem::path(data_dir) / SYNC_HASH_CACHE_FILENAME).string()),
-      _loading(std::async([this] { return _load_hash_cache(); })) {}
+      _loading(std::async(_loading_policy(), [this] { return _load_hash_cache(); })) {}
+
+// Without a thread to be had, or worth having, the first who asks loads it.
+std::launch HashCache::_loading_policy() const {
+  std::error_code unknown;
+  const auto size = std::filesystem::file_size(_hash_cache_path, unknown);
+  const bool worth_a_thread = !unknown && size >= WORTH_A_THREAD_BYTES;
+  return worth_a_thread ? std::launch::async | std::launch::deferred : std::launch::deferred;
+}
 
 const HashCacheEntries& HashCache::await_loaded() const { return _loading.get(); }
 

@@ -56,6 +56,7 @@ class HashCache {
                                     const std::function<void()>& after_block = {});
 
  private:
+  std::launch _loading_policy() const;
   HashCacheEntries _load_hash_cache() const;
   bool _is_cached(const std::string& file_path, const client_manifest::FileStat& stat,
                   std::string_view expected_sha) const;

@@ -1,5 +1,8 @@
 #include "integrity/hash_cache.hpp"
 
+#include <fmt/format.h>
+
+#include "host/parallel.hpp"
 #include "support/test.hpp"
 
 namespace tidalcrest::sync {
@@ -51,6 +54,16 @@ TEST_F(HashCacheTest, WritesSortedTextAndReadsItBack) {
   const HashCache merged(data.path());
   EXPECT_EQ(merged._cached_local_sha("a", STAT, SHA_B), SHA_B);
   EXPECT_EQ(merged._cached_local_sha("z/b", STAT, SHA_B), SHA_B);
+}
+
+TEST_F(HashCacheTest, LoadsALargeFileBesideItsConstruction) {
+  const auto path = [](int number) { return fmt::format("member {:>8}", number); };
+  constexpr int MEMBERS = WORTH_A_THREAD_BYTES / 128;
+  HashCache cache(data.path());
+  for (int i = 0; i < MEMBERS; ++i) cache._remember_local_sha(path(i), FileIdentity{STAT, SHA_A});
+  cache._persist_hash_cache();
+  const HashCache again(data.path());
+  for (int i = 0; i < MEMBERS; ++i) ASSERT_EQ(again._cached_local_sha(path(i), STAT, SHA_A), SHA_A);
 }
 
 TEST_F(HashCacheTest, WritesOnlyWhatHasChangedAndTriesAgainAfterAFailure) {

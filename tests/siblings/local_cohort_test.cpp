@@ -3,6 +3,7 @@
 #include <sys/file.h>
 
 #include "files_fixture.hpp"
+#include "host/parallel.hpp"
 #include "siblings/distribution/contained_files.hpp"
 
 namespace tidalcrest::sync::local_cohort {
@@ -73,30 +74,33 @@ TEST_F(LocalCohortTest, ARememberedSelectionNeverHidesADamagedGeneration) {
 }
 
 TEST_F(LocalCohortTest, IsCompleteOnlyWhenBothFilesAgreeWithTheName) {
-  const std::string bytes = manifest(1);
   struct Case {
     const char* label;
     const char* file;
     std::optional<std::string> content;  // absent: the file is removed
   };
-  for (const auto& c :
-       std::vector<Case>{{"no manifest file", COHORT_MANIFEST_FILE, {}},
-                         {"another manifest", COHORT_MANIFEST_FILE, manifest(2)},
-                         {"cut manifest", COHORT_MANIFEST_FILE, bytes.substr(0, bytes.size() - 1)},
-                         {"no completion", COHORT_COMPLETION_FILE, {}},
-                         {"empty completion", COHORT_COMPLETION_FILE, ""},
-                         {"of another manifest", COHORT_COMPLETION_FILE, completion(manifest(2)).bytes}}) {
-    SCOPED_TRACE(c.label);
-    dir.remove(COHORTS_DIRECTORY);
-    stage(bytes);
-    c.content ? dir.write(in_generation(bytes, c.file), *c.content)
-              : dir.remove(in_generation(bytes, c.file));
-    EXPECT_THROW(publish_manifest(dir.path(), bytes), LocalCohortError);
-    EXPECT_FALSE(dir.has("manifest.json"));
-    dir.write("manifest.json", bytes);
-    EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
-    EXPECT_THROW(pin_active_cohort(dir.path()), LocalCohortError);
-    dir.remove("manifest.json");
+  // The two files of a large generation are read side by side.
+  for (const std::size_t blanks : {std::size_t{0}, WORTH_A_THREAD_BYTES}) {
+    const std::string bytes = manifest(1) + std::string(blanks, ' ');
+    for (const auto& c :
+         std::vector<Case>{{"no manifest file", COHORT_MANIFEST_FILE, {}},
+                           {"another manifest", COHORT_MANIFEST_FILE, manifest(2)},
+                           {"cut manifest", COHORT_MANIFEST_FILE, bytes.substr(0, bytes.size() - 1)},
+                           {"no completion", COHORT_COMPLETION_FILE, {}},
+                           {"empty completion", COHORT_COMPLETION_FILE, ""},
+                           {"of another manifest", COHORT_COMPLETION_FILE, completion(manifest(2)).bytes}}) {
+      SCOPED_TRACE(c.label);
+      dir.remove(COHORTS_DIRECTORY);
+      stage(bytes);
+      c.content ? dir.write(in_generation(bytes, c.file), *c.content)
+                : dir.remove(in_generation(bytes, c.file));
+      EXPECT_THROW(publish_manifest(dir.path(), bytes), LocalCohortError);
+      EXPECT_FALSE(dir.has("manifest.json"));
+      dir.write("manifest.json", bytes);
+      EXPECT_THROW(load_active_cohort(dir.path(), false), LocalCohortError);
+      EXPECT_THROW(pin_active_cohort(dir.path()), LocalCohortError);
+      dir.remove("manifest.json");
+    }
   }
 }
 
@@ -145,6 +149,8 @@ TEST_F(LocalCohortTest, ASelectorWithoutAGenerationAndACorruptOneDiffer) {
   dir.write("manifest.json", "{\"version\": 1");
   EXPECT_THROW(load_active_cohort(dir.path(), false), ManifestJsonError);
   EXPECT_EQ(read_selector_bytes(dir.path()), "{\"version\": 1");
+  dir.write("manifest.json", "{\"version\": 1" + std::string(WORTH_A_THREAD_BYTES, ' '));
+  EXPECT_THROW(load_active_cohort(dir.path(), false), ManifestJsonError);
   dir.write("manifest.json", "[]");
   EXPECT_THROW(load_active_cohort(dir.path(), true), LocalCohortError);
 

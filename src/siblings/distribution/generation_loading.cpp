@@ -19,9 +19,6 @@ using client_manifest::PinnedRoot;
 constexpr const char* MANIFEST_LABEL = "local cohort manifest";
 constexpr const char* COMPLETION_LABEL = "local cohort completion record";
 
-// A manifest of this size, some thousand files, takes longer to parse than a thread to start.
-constexpr std::size_t WORTH_A_THREAD_BYTES = 256 * 1024;
-
 /// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
 /// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
 class ParsedSelections {
