@@ -84,11 +84,11 @@ StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView&
                             local_cohort::manifest_sha256(served_manifest_bytes) + "-" +
                             text::hex(seams.random_bytes(local_cohort::ROOT_TOKEN_BYTES));
     roots.candidate_root = client_manifest::ensure_contained_directory(data_dir, roots.repair_relative);
-    return roots;
+  } else {
+    clear_leftover(data_dir, served_manifest_bytes, seams);
+    roots.candidate_root = local_cohort::create_generation_root(data_dir, served_manifest_bytes);
   }
-  clear_leftover(data_dir, served_manifest_bytes, seams);
-  roots.candidate_root = local_cohort::create_generation_root(data_dir, served_manifest_bytes);
-  // A later attempt can tell from it what the staged prefixes were for.
+  // A later attempt can tell from it what the staged files and prefixes were for.
   client_manifest::write_contained_regular_file(roots.candidate_root, local_cohort::COHORT_MANIFEST_FILE,
                                                 served_manifest_bytes, /*allow_replace=*/true);
   return roots;
