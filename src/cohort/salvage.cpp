@@ -2,12 +2,12 @@
 
 #include <optional>
 #include <string_view>
-#include <unordered_set>
 
 #include "host/json.hpp"
 #include "host/local_path.hpp"
 #include "host/log.hpp"
 #include "host/parallel.hpp"
+#include "host/path_set.hpp"
 #include "host/threads.hpp"
 #include "manifest/persistence.hpp"
 #include "siblings/distribution/cohort_roots.hpp"
@@ -28,13 +28,12 @@ constexpr const char* STAGING_SUFFIX = ".tmp";
 // too few; generations pile up where nobody collects them, so all are too many.
 constexpr std::size_t MOST_GENERATIONS_ASKED = 8;
 
-using Paths = std::unordered_set<std::string_view>;
-
 struct Source {
   PinnedRoot root;
   std::string relative_path;
-  bool expendable = false;           // unfinished: members are moved out, and the root goes
-  std::optional<Paths> same_digest;  // wanted paths that it declared as we do; absent when that is not known
+  bool expendable = false;  // unfinished: members are moved out, and the root goes
+  std::optional<PathSet>
+      same_digest;  // wanted paths that it declared as we do; absent when that is not known
 
   // Without a declaration a member may still turn out to be the right one, but a prefix stays unknown.
   bool may_hold_member(const std::string& path) const { return !same_digest || same_digest->contains(path); }
@@ -52,7 +51,7 @@ bool declares_same_digest(const Document& earlier_files, const FileToDownload& f
 
 // Compared with the declarations that the root was staged for: it keeps its manifest beside its members from
 // the start.
-std::optional<Paths> paths_of_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
+std::optional<PathSet> paths_of_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
   try {
     const auto bytes = root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE,
                                                          "manifest of an earlier staging");
@@ -61,7 +60,7 @@ std::optional<Paths> paths_of_same_digest(const PinnedRoot& root, const FilesToD
         _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
     const Document* files = find_member(manifest, "files");
     if (files == nullptr) return std::nullopt;
-    Paths paths;
+    PathSet paths;
     for (const auto& file : wanted) {
       if (declares_same_digest(*files, file)) paths.insert(file.file_path);
     }
@@ -178,7 +177,7 @@ void salvage_earlier_attempts(const std::string& data_dir, const StagingRoots& r
     stop_check();
     taken[i] = salvage.take_whole_member(wanted[i]) ? 1 : 0;
   });
-  Paths whole;
+  PathSet whole;
   for (std::size_t i = 0; i < wanted.size(); ++i) {
     if (taken[i] != 0) {
       whole.insert(wanted[i].file_path);

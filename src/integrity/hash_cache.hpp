@@ -25,8 +25,7 @@ inline constexpr const char* SYNC_HASH_CACHE_FILENAME = ".sync_hash_cache.json";
 /// persist loses only speed. Thread-safe; `_hash_cache_lock` is a leaf, held for map operations only.
 class HashCache {
  public:
-  /// Begins to load the cache file of the data directory, on a thread of its own where there is one to be
-  /// had.
+  /// Begins to load the cache file of the data directory; a large one on a thread of its own.
   explicit HashCache(const std::string& data_dir);
   /// Waits until the file is loaded; every member below does.
   const HashCacheEntries& await_loaded() const;

@@ -24,7 +24,7 @@ constexpr std::array RUNTIME_MODULE_EXTENSION_SUFFIXES = {".so", ".pyd"};
 constexpr std::array FOUND_SECTIONS = {"found_signals", "found_strategies"};
 constexpr std::size_t FOUND_PNL_PATH_SEGMENTS = 5;
 
-using PathSet = std::unordered_set<std::string>;
+using OwnedPaths = std::unordered_set<std::string>;
 using Replacements = std::map<std::string, Document, std::less<>>;
 
 const Document::object_t& members(const Document& object) {
@@ -118,7 +118,7 @@ std::optional<Document> without_unsupported_artifacts(const Document& manifest_d
 }
 
 // One entry of a found section without the retired paths; absent when none of its files is left.
-std::optional<Document> without_paths(const Document& entry, const PathSet& retired) {
+std::optional<Document> without_paths(const Document& entry, const OwnedPaths& retired) {
   const Document* files = find_member(entry, "files");
   if (files == nullptr || !files->is_array()) return entry;
   Document kept = Document::array();
@@ -129,7 +129,7 @@ std::optional<Document> without_paths(const Document& entry, const PathSet& reti
   return with_files(entry, std::move(kept));
 }
 
-Document section_without_paths(const Document& section, const PathSet& retired) {
+Document section_without_paths(const Document& section, const OwnedPaths& retired) {
   Document kept = Document::object();
   for (const auto& [id, entry] : members(section)) {
     if (auto filtered = without_paths(entry, retired)) kept[id] = *std::move(filtered);
@@ -137,8 +137,8 @@ Document section_without_paths(const Document& section, const PathSet& retired) 
   return kept;
 }
 
-PathSet retired_found_paths(const Document& files) {
-  PathSet retired;
+OwnedPaths retired_found_paths(const Document& files) {
+  OwnedPaths retired;
   for (const auto& [path, entry] : members(files)) {
     if (_is_retired_found_pnl_long_file(path)) retired.insert(path);
   }
@@ -217,7 +217,7 @@ SharedDocument _drop_unsupported_runtime_module_files(const SharedDocument& mani
 
 SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest_data) {
   const Document& files = files_of(*manifest_data);
-  const PathSet retired = retired_found_paths(files);
+  const OwnedPaths retired = retired_found_paths(files);
   if (retired.empty()) return manifest_data;
   const auto is_retired = [&retired](const std::string& path, const Document&) {
     return retired.contains(path);

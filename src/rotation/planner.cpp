@@ -6,9 +6,9 @@
 #include <limits>
 #include <set>
 #include <tuple>
-#include <unordered_set>
 
 #include "host/json.hpp"
+#include "host/path_set.hpp"
 #include "rotation/status.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -185,8 +185,7 @@ PlannedRotation RotationPlanner::_plan_feature_rotation_for_sync(const Manifest&
 std::vector<std::pair<std::string, Document>> RotationPlanner::_rotation_scoped_files_to_download(
     const Manifest& manifest, const RotationSelection& selection,
     const std::vector<std::string>& existing_relative_paths) {
-  const std::unordered_set<std::string_view> existing(existing_relative_paths.begin(),
-                                                      existing_relative_paths.end());
+  const PathSet existing(existing_relative_paths.begin(), existing_relative_paths.end());
   std::vector<std::pair<std::string, Document>> files;
   for (const auto& artifact : selection.selected_artifacts()) {
     if (existing.contains(artifact->relative_path)) continue;
