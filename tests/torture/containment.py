@@ -9,10 +9,11 @@ import shutil
 import socket
 import threading
 import time
+from contextlib import closing
 from pathlib import Path
 
-from crowd import Member
-from world import COHORTS, Finding, Origin, World, leftovers, remove, sha256, wrong_members
+from crowd import cast
+from world import COHORTS, Finding, Origin, World, remove, sha256, wrong_members
 
 SEED = 11
 CAST = ["write-loop", "write-loop", "verify-loop", "sweep-loop"]
@@ -72,7 +73,6 @@ class Attacker(threading.Thread):
         else:
             take_away(aside)
 
-
     def swap_data_directory(self):
         aside = self.data.with_name(self.data.name + ".aside")
         os.rename(self.data, aside)
@@ -89,22 +89,19 @@ class Attacker(threading.Thread):
                 pass  # made again in between
 
     def put(self, kind, victim):
-        if kind == 0:
-            os.symlink(self.outside / "file", victim)
-        elif kind == 1:
-            os.symlink(self.outside / "directory", victim)
-        elif kind == 2:
-            os.link(self.outside / "linked", victim)
-        elif kind == 3:
-            os.mkfifo(victim)
-        elif kind == 4:
-            os.mkdir(victim)
-        elif kind == 5:
-            os.symlink("/dev/zero", victim)
-        else:
-            with socket.socket(socket.AF_UNIX) as listening:
-                listening.bind(str(victim))
+        [lambda: os.symlink(self.outside / "file", victim),
+         lambda: os.symlink(self.outside / "directory", victim),
+         lambda: os.link(self.outside / "linked", victim),
+         lambda: os.mkfifo(victim),
+         lambda: os.mkdir(victim),
+         lambda: os.symlink("/dev/zero", victim),
+         lambda: put_socket(victim)][kind]()
         self.swaps += 1
+
+
+def put_socket(path):
+    with socket.socket(socket.AF_UNIX) as listening:
+        listening.bind(str(path))
 
 
 def take_away(path):
@@ -125,53 +122,45 @@ def picture(outside):
             if path.is_file()}
 
 
+def attack(world, data, outside, seconds):
+    """Gives how many swaps there were, and the kinds of failures that the operations met."""
+    attacker = Attacker(data, outside)
+    attacker.start()
+    try:
+        with cast(world, CAST, data, seconds) as members:
+            end = time.monotonic() + seconds
+            while time.monotonic() < end:
+                time.sleep(0.7)
+                world.origin.evolve("--change", "6")
+            met = [text.partition(":")[0] for member in members for text in member.outcome()["failures"]]
+        return attacker.swaps, sorted(set(met))
+    finally:
+        attacker.stopping.set()
+        attacker.join()
+
+
 def run(programs, work, options, tell):
     seconds = 5 if options.quick else min(options.seconds, 60)
-    origin = Origin(programs, work)
-    cast = []
-    attacker = None
-    try:
+    with closing(Origin(programs, work)) as origin:
         world = World(programs, work, origin)
         data = world.fresh_data()
         outside = Path(work) / "outside"
         build_outside(outside)
         before = picture(outside)
         world.must("sync", data)
-        attacker = Attacker(data, outside)
-        attacker.start()
-        cast = [Member(world, operation, data, seconds) for operation in CAST]
-        end = time.monotonic() + seconds
-        while time.monotonic() < end:
-            time.sleep(0.7)
-            origin.evolve("--change", "6")
-        kinds = set()
-        for member in cast:
-            outcome = member.outcome()
-            if not outcome["ok"]:
-                raise Finding(f"{member.operation}: {outcome['wrong']}")
-            kinds |= {text.partition(":")[0] for text in outcome["failures"]}
-        attacker.stopping.set()
-        attacker.join()
-        if picture(outside) != before:
-            now = picture(outside)
-            changed = {name for name in before.keys() | now.keys() if before.get(name) != now.get(name)}
+        swaps, failures = attack(world, data, outside, seconds)
+        now = picture(outside)
+        changed = {name for name in before.keys() | now.keys() if before.get(name) != now.get(name)}
+        if changed:
             raise Finding(f"something outside was changed: {sorted(changed)} (kept in {outside})")
         for path in list(data.rglob("*.aside")):
             take_away(path)
         settle(world, data)
-        tell(f"containment: {attacker.swaps} swaps in {seconds} s, failures met: {sorted(kinds)}; files outside unchanged")
+        tell(f"containment: {swaps} swaps in {seconds} s, failures met: {failures}; files outside unchanged")
         if wrong_members(data) != []:
             raise Finding(f"at the end: wrong {wrong_members(data)} (kept in {data})")
         remove(data)
-        return f"{attacker.swaps} swaps"
-    finally:
-        if attacker:
-            attacker.stopping.set()
-        for member in cast:
-            if member.process.poll() is None:
-                member.process.kill()
-                member.process.wait()
-        origin.close()
+        return f"{swaps} swaps"
 
 
 def settle(world, data):

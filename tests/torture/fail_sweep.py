@@ -3,8 +3,10 @@
 Every call meets one of the errors that fit it; with --thorough, every one of them.
 """
 
+from contextlib import closing
+
 from scenarios import ALL
-from world import Finding, left_for_good, leftovers, remove, selected, wrong_members
+from world import Finding, prove_settled, remove, selected, wrong_members
 
 # What can happen to a call of each kind.
 ERRORS = {
@@ -65,9 +67,8 @@ def check(scenario, data, outcome, kind, bound):
 def recovers(scenario, data):
     if scenario.operation[0] != "sync":
         scenario.finish(data)
-    after = scenario.world.must("sync", data)
-    if selected(data) != scenario.new or wrong_members(data) != [] or left_for_good(scenario.world, data):
-        raise Finding(f"after it: selected {selected(data)}, wrong {wrong_members(data)}, left {leftovers(data)}, {after.text}")
+    scenario.world.must("sync", data)
+    prove_settled(scenario.world, data, scenario.new)
 
 
 def one(scenario, plan, kind, bound):
@@ -97,11 +98,8 @@ def run(programs, work, options, tell):
     total = 0
     findings = []
     for maker in ALL[1:2] if options.quick else ALL:
-        scenario = maker(programs, work)
-        try:
-            data = scenario.fresh()
-            calls = scenario.run(data).counters
-            remove(data)
+        with closing(maker(programs, work)) as scenario:
+            calls = scenario.count_calls()
             bound = RECEIVED_FACTOR * max(calls["received"], 1 << 18)
             points = 0
             for kind, plan in plans(calls, options.quick, options.thorough):
@@ -112,8 +110,6 @@ def run(programs, work, options, tell):
                     findings.append(finding)
             tell(f"fail sweep, {scenario.name}: {points} fail points")
             total += points
-        finally:
-            scenario.close()
     if findings:
         raise Finding(f"{len(findings)} of them, the first: {findings[0]}")
     return f"{total} fail points"

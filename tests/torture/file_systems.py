@@ -1,10 +1,10 @@
 """Small file systems that run full, a read-only mount, a directory without permission, one without exclusion."""
 
-import contextlib
 import os
 import shutil
 import subprocess
 import tempfile
+from contextlib import closing, contextmanager
 from pathlib import Path
 
 from world import Finding, Origin, World, remove, selected, wrong_members
@@ -12,7 +12,7 @@ from world import Finding, Origin, World, remove, selected, wrong_members
 LOCAL_FULL = ("DiskSpaceError", "MandatoryArtifactsTooLargeError", "SyncError", "OSError")
 
 
-@contextlib.contextmanager
+@contextmanager
 def mounted(work, kind, size_kib):
     """A small file system of its own; root only."""
     place = Path(tempfile.mkdtemp(prefix="mount-", dir=work))
@@ -30,53 +30,52 @@ def mounted(work, kind, size_kib):
         subprocess.run(["umount", place], check=True)
 
 
-def failing(world, data, what, kinds=LOCAL_FULL, says=()):
-    outcome = world.act("sync", data).document
+def prove_local(outcome, what, kinds=LOCAL_FULL, says=""):
+    """The operation ended with a failure that says why, at once."""
     if outcome["ok"]:
         raise Finding(f"{what}: succeeded")
-    if outcome["error"] not in kinds:
+    if outcome["error"] not in kinds or says not in outcome["message"]:
         raise Finding(f"{what}: ends with {outcome['error']}: {outcome['message']}")
-    if says and not any(part in outcome["message"] for part in says):
-        raise Finding(f"{what}: the failure does not say why: {outcome['message']}")
     if outcome["waited"] > 1:
         raise Finding(f"{what}: waited {outcome['waited']} s as if the network had failed")
-    return outcome
+
+
+def prove_whole(data, what):
+    if wrong_members(data) != []:
+        raise Finding(f"{what}: wrong members {wrong_members(data)}")
+
+
+def fill(world, place, kind, what):
+    """A first sync and an update where room is short: the old cohort stays whole. Gives whether room was missed."""
+    data = place / "data"
+    data.mkdir()
+    outcome = world.act("sync", data).document
+    if outcome["ok"]:
+        old = selected(data)
+        world.origin.evolve("--change", "12", "--add", "6")
+        outcome = world.act("sync", data).document
+        if not outcome["ok"] and selected(data) != old:
+            raise Finding(f"{what}: the old cohort is no longer selected")
+        prove_whole(data, what)
+    if outcome["ok"]:
+        return False
+    prove_local(outcome, what)
+    if kind == "tmpfs":
+        subprocess.run(["mount", "-o", "remount,size=4m", place], check=True)
+        world.must("sync", data)
+        prove_whole(data, f"{what}, after room was made")
+    return True
 
 
 def full_disk(programs, work, kind, tell):
-    """Every size from far too small to just enough: a clear local failure, the old cohort whole, room mends it."""
-    origin = Origin(programs, work)
+    """Every size from far too small to just enough."""
     failures = 0
-    try:
-        world = World(programs, work, origin)
+    with closing(Origin(programs, work)) as origin:
         for size_kib in (40, 64, 96, 128, 160, 192, 224, 256) if kind == "tmpfs" else (96, 160, 224):
             with mounted(work, kind, size_kib) as place:
-                data = place / "data"
-                data.mkdir()
-                outcome = world.act("sync", data).document
-                if outcome["ok"]:
-                    old = selected(data)
-                    origin.evolve("--change", "12", "--add", "6")
-                    outcome = world.act("sync", data).document
-                    if not outcome["ok"] and selected(data) != old:
-                        raise Finding(f"{kind} of {size_kib} KiB: the old cohort is no longer selected")
-                    if wrong_members(data) != []:
-                        raise Finding(f"{kind} of {size_kib} KiB: wrong members {wrong_members(data)}")
-                if not outcome["ok"]:
-                    failures += 1
-                    if outcome["error"] not in LOCAL_FULL:
-                        raise Finding(f"{kind} of {size_kib} KiB: {outcome['error']}: {outcome['message']}")
-                    if outcome["waited"] > 1:
-                        raise Finding(f"{kind} of {size_kib} KiB: a full disk is repeated: {outcome}")
-                    if kind == "tmpfs":
-                        subprocess.run(["mount", "-o", "remount,size=4m", place], check=True)
-                        world.must("sync", data)
-                        if wrong_members(data) != []:
-                            raise Finding(f"{kind} of {size_kib} KiB: wrong after room was made")
-        tell(f"file systems: {kind} that runs full: {failures} local failures, every cohort whole")
-        return failures
-    finally:
-        origin.close()
+                failures += fill(World(programs, work, origin), place, kind, f"{kind} of {size_kib} KiB")
+    tell(f"file systems: {kind} that runs full: {failures} local failures, every cohort whole")
+    return failures
 
 
 def read_only(world, work, tell):
@@ -85,7 +84,7 @@ def read_only(world, work, tell):
         data.mkdir()
         world.must("sync", data)
         subprocess.run(["mount", "-o", "remount,ro", place], check=True)
-        failing(world, data, "read-only mount", kinds=("OSError", "SyncError", "ValueError"), says=("ead-only",))
+        prove_local(world.act("sync", data).document, "read-only mount", ("OSError", "SyncError", "ValueError"), "ead-only")
     tell("file systems: a read-only mount is named")
 
 
@@ -114,8 +113,7 @@ def no_exclusion(world, work, tell):
 
 
 def run(programs, work, options, tell):
-    origin = Origin(programs, work)
-    try:
+    with closing(Origin(programs, work)) as origin:
         world = World(programs, work, origin)
         no_permission(world, work, tell)
         no_exclusion(world, work, tell)
@@ -123,8 +121,6 @@ def run(programs, work, options, tell):
             tell("file systems: mounts left out: they need root")
             return "without mounts"
         read_only(world, work, tell)
-    finally:
-        origin.close()
     failures = full_disk(programs, work, "tmpfs", tell)
     if not options.quick and shutil.which("mkfs.ext4"):
         failures += full_disk(programs, work, "ext4", tell)

@@ -1,7 +1,9 @@
 """Kills an operation at every call that changes the disk or carries data, and looks at what is left."""
 
+from contextlib import closing
+
 from scenarios import ALL
-from world import Finding, left_for_good, leftovers, remove, selected, wrong_members
+from world import Finding, leftovers, prove_settled, remove, selected, wrong_members
 
 GROWTH_ROUNDS = 40
 
@@ -32,13 +34,10 @@ def settle(scenario, data):
     check_reader(scenario, chosen, wrong, outcome["before"])
     if not outcome["sync"]["ok"] or not outcome["after"]["ok"] or not outcome["after"]["value"]["valid"]:
         raise Finding(f"no second sync completes: {outcome}")
-    if selected(data) != scenario.new or wrong_members(data) != []:
-        raise Finding(f"after the second sync: selected {selected(data)}, wrong {wrong_members(data)}")
-    if left_for_good(scenario.world, data):
-        raise Finding(f"left over after the second sync: {leftovers(data)}")
+    prove_settled(scenario.world, data, scenario.new)
 
 
-def kill_points(scenario, step, kind="kill-before any"):
+def kill_points(scenario, step, kind):
     """Kills at call 1, 1 + step, ... until the operation ends before its turn."""
     number = 1
     kills = 0
@@ -55,11 +54,6 @@ def kill_points(scenario, step, kind="kill-before any"):
             return kills
         kills += 1
         number += step
-
-
-def torn_writes(scenario, step):
-    """Half of a write reaches the file, then the process ends."""
-    return kill_points(scenario, step, kind="kill-torn write")
 
 
 def growth(scenario, calls):
@@ -81,18 +75,14 @@ def growth(scenario, calls):
 
 def run(programs, work, options, tell):
     kills = torn = 0
-    for kind in ALL[:2] if options.quick else ALL:
-        scenario = kind(programs, work)
-        try:
-            data = scenario.fresh()
-            calls = scenario.run(data).counters["calls"]
-            remove(data)
-            at = kill_points(scenario, max(1, calls // 12) if options.quick else 1)
-            halves = torn_writes(scenario, 20 if options.quick else 1)
+    for maker in ALL[:2] if options.quick else ALL:
+        with closing(maker(programs, work)) as scenario:
+            calls = scenario.count_calls()["calls"]
+            at = kill_points(scenario, max(1, calls // 12) if options.quick else 1, "kill-before any")
+            # Half of a write reaches the file, then the process ends.
+            halves = kill_points(scenario, 20 if options.quick else 1, "kill-torn write")
             lying = growth(scenario, calls)
             tell(f"kill sweep, {scenario.name}: {calls} calls, {at} kills and {halves} torn writes, all whole; "
                  f"leftovers over {len(lying)} kills in a row: at most {max(lying)}")
             kills, torn = kills + at, torn + halves
-        finally:
-            scenario.close()
     return f"{kills} kill points, {torn} torn writes"

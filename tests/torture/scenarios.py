@@ -38,6 +38,13 @@ class Scenario:
     def run(self, data, **how):
         return self.world.act(self.operation[0], data, *self.operation[1:], **how)
 
+    def count_calls(self):
+        """The calls of one operation that nothing disturbs."""
+        data = self.fresh()
+        counters = self.run(data).counters
+        remove(data)
+        return counters
+
     def finish(self, data):
         """What a second run of the operation must reach, also from what a crash has left."""
         self.world.must(self.operation[0], data, *self.operation[1:])

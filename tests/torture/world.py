@@ -9,6 +9,7 @@ import struct
 import subprocess
 import tempfile
 import time
+from dataclasses import dataclass
 from pathlib import Path
 
 KINDS = ["open", "write", "copy", "clone", "truncate", "rename", "link", "unlink", "mkdir", "sync", "flock", "send", "recv"]
@@ -41,10 +42,10 @@ class Programs:
 class Origin:
     """One distribution, served on loopback for as long as this object lives."""
 
-    def __init__(self, programs, work, recipe=()):
+    def __init__(self, programs, work):
         self.programs = programs
         self.tree = Path(tempfile.mkdtemp(prefix="origin-", dir=work)) / "tree"
-        self._run("build", self.tree, *(recipe or RECIPE))
+        self._run("build", self.tree, *RECIPE)
         ready = self.tree.parent / "ready.json"
         self._log = open(self.tree.parent / "log", "wb")
         self.process = subprocess.Popen(
@@ -74,16 +75,19 @@ class Origin:
         self._log.close()
 
 
+@dataclass
 class Outcome:
     """How one actor ended."""
 
-    def __init__(self, status, document, text, counters, seconds):
-        self.status = status
-        self.killed = status == -signal.SIGKILL
-        self.document = document
-        self.text = text
-        self.counters = counters
-        self.seconds = seconds
+    status: int
+    document: dict
+    text: str
+    counters: dict
+    seconds: float
+
+    @property
+    def killed(self):
+        return self.status == -signal.SIGKILL
 
     @property
     def hits(self):
@@ -104,28 +108,24 @@ class World:
         return [str(part) for part in (self.programs.actor, operation, data, at["server_url"], at["token_file"],
                                        at["wallet_secret_file"], *arguments)]
 
-    def environment(self, data, plan="", log=None, concurrency=1, extra=None):
+    def environment(self, data, plan, log):
         environment = dict(os.environ, LD_PRELOAD=str(self.programs.interposer), TIDALCREST_TORTURE_ROOT=str(data),
                            TIDALCREST_TORTURE_COUNTERS=str(self._counters), TIDALCREST_TORTURE_PLAN=plan,
-                           TIDALCREST_TORTURE_CONCURRENCY=str(concurrency))
-        if log:
-            environment["TIDALCREST_TORTURE_LOG"] = str(log)
-        environment.update(extra or {})
-        return environment
+                           TIDALCREST_TORTURE_CONCURRENCY="1")
+        return environment | ({"TIDALCREST_TORTURE_LOG": str(log)} if log else {})
 
-    def act(self, operation, data, *arguments, plan="", log=None, concurrency=1, watch=WATCH_SECONDS, extra=None):
+    def act(self, operation, data, *arguments, plan="", log=None):
         """Runs one actor under a plan to its end, within a bound of time."""
         self._counters.unlink(missing_ok=True)
         started = time.monotonic()
         process = subprocess.Popen(self.command(operation, data, *arguments), stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT,
-                                   env=self.environment(data, plan, log, concurrency, extra))
+                                   stderr=subprocess.STDOUT, env=self.environment(data, plan, log))
         try:
-            text, _ = process.communicate(timeout=watch)
+            text, _ = process.communicate(timeout=WATCH_SECONDS)
         except subprocess.TimeoutExpired:
             process.kill()
             process.communicate()
-            raise Finding(f"{operation} under '{plan}' hung: no end within {watch} s")
+            raise Finding(f"{operation} under '{plan}' hung: no end within {WATCH_SECONDS} s")
         seconds = time.monotonic() - started
         text = text.decode(errors="replace")
         document = None
@@ -167,65 +167,55 @@ def sha256(data):
 
 def selected(data):
     """Digest of the selector, absent when there is none."""
-    try:
-        return sha256((Path(data) / "manifest.json").read_bytes())
-    except FileNotFoundError:
-        return None
+    selector = data / "manifest.json"
+    return sha256(selector.read_bytes()) if selector.exists() else None
+
+
+def is_as_declared(member, declared):
+    if member.is_symlink() or not member.is_file():
+        return False
+    content = member.read_bytes()
+    return len(content) == declared["size_bytes"] and sha256(content) == declared["sha256"]
 
 
 def wrong_members(data):
     """The members of the selected cohort that are not what its manifest declares; absent without a complete cohort."""
-    data = Path(data)
-    try:
-        manifest_bytes = (data / "manifest.json").read_bytes()
-    except FileNotFoundError:
+    chosen = selected(data)
+    if chosen is None:
         return None
-    root = data / COHORTS / sha256(manifest_bytes)
+    manifest_bytes = (data / "manifest.json").read_bytes()
+    root = data / COHORTS / chosen
     try:
         record = json.loads((root / ".cohort-complete.json").read_bytes())
         if (root / ".cohort-manifest.json").read_bytes() != manifest_bytes:
             return [".cohort-manifest.json"]
     except (FileNotFoundError, NotADirectoryError, ValueError):
         return None
-    files = json.loads(manifest_bytes)["files"]
-    wrong = []
-    for path in record["active_relative_paths"]:
-        declared = files.get(path) or record["artifact_identities"][path]
-        member = root / path
-        if member.is_symlink() or not member.is_file():
-            wrong.append(path)
-            continue
-        content = member.read_bytes()
-        if len(content) != declared["size_bytes"] or sha256(content) != declared["sha256"]:
-            wrong.append(path)
-    return wrong
+    declared = record["artifact_identities"] | json.loads(manifest_bytes)["files"]
+    return [path for path in record["active_relative_paths"] if not is_as_declared(root / path, declared[path])]
 
 
 def cohort_roots(data):
-    try:
-        return sorted(name for name in os.listdir(Path(data) / COHORTS) if name != ".distribution.lock")
-    except FileNotFoundError:
-        return []
+    roots = data / COHORTS
+    return sorted(name for name in os.listdir(roots) if name != ".distribution.lock") if roots.exists() else []
 
 
 def leftovers(data):
     """What does not belong to a directory at rest: staging files and roots that are no complete generation."""
     found = [name for name in cohort_roots(data)
-             if not (Path(data) / COHORTS / name / ".cohort-complete.json").exists() or name.startswith(".")]
-    for directory, _, names in os.walk(data):
-        found += [os.path.join(directory, name) for name in names if name.endswith(".tmp")]
-    if (Path(data) / "sync-progress.json").exists():
-        found.append("sync-progress.json")
-    if (Path(data) / ".transition_lock").exists():
-        found.append(".transition_lock")
-    return found
+             if not (data / COHORTS / name / ".cohort-complete.json").exists() or name.startswith(".")]
+    found += [str(path) for path in data.rglob("*.tmp") if not path.is_dir()]
+    return found + [name for name in ("sync-progress.json", ".transition_lock") if (data / name).exists()]
 
 
-def left_for_good(world, data):
-    """What is still left over once a sync had nothing else to do: that one sweeps."""
-    if leftovers(data):
-        world.must("sync", data)
-    return leftovers(data)
+def prove_settled(world, data, wanted):
+    """That cohort, whole, and nothing left over at the latest once a sync had nothing else to do: that one sweeps."""
+    if selected(data) == wanted and wrong_members(data) == []:
+        if leftovers(data):
+            world.must("sync", data)
+        if not leftovers(data):
+            return
+    raise Finding(f"selected {selected(data)}, wrong {wrong_members(data)}, left {leftovers(data)} (kept in {data})")
 
 
 def remove(directory):

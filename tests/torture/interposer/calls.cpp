@@ -51,10 +51,12 @@ long guarded(CallKind kind, const Perform& perform, const Changed& changed) {
   return result;
 }
 
+// A call that makes one change or none, which `line` tells; only where it counts.
 template <class Perform>
-long guarded(CallKind kind, const Perform& perform) {
-  return guarded(
-      kind, [&](bool) { return perform(); }, [](long) {});
+int guarded_change(bool counts, CallKind kind, const std::string& line, const Perform& perform) {
+  if (!counts) return static_cast<int>(perform());
+  return static_cast<int>(guarded(
+      kind, [&](bool) { return perform(); }, [&](long) { log_change(line); }));
 }
 
 std::size_t part_of(std::size_t size, bool half) { return half && size > 1 ? size / 2 : size; }
@@ -187,13 +189,9 @@ int ioctl(int descriptor, unsigned long request, ...) {
 }
 
 int ftruncate(int descriptor, off_t size) {
-  const auto perform = [&] { return real(SYS_ftruncate, descriptor, size); };
-  if (!is_member(descriptor)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::truncate, [&](bool) { return perform(); },
-      [&](long) {
-        log_change("truncate\t" + std::to_string(inode_of(descriptor)) + "\t" + std::to_string(size));
-      }));
+  return guarded_change(is_member(descriptor), CallKind::truncate,
+                        "truncate\t" + std::to_string(inode_of(descriptor)) + "\t" + std::to_string(size),
+                        [&] { return real(SYS_ftruncate, descriptor, size); });
 }
 int ftruncate64(int descriptor, off64_t size) __attribute__((alias("ftruncate")));
 
@@ -202,11 +200,9 @@ int ftruncate64(int descriptor, off64_t size) __attribute__((alias("ftruncate"))
 int renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   const std::string source = absolute_path(from_directory, from);
   const std::string target = absolute_path(to_directory, to);
-  const auto perform = [&] { return real(SYS_renameat2, from_directory, from, to_directory, to, flags); };
-  if (!counts(source) && !counts(target)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::rename, [&](bool) { return perform(); },
-      [&](long) { log_change("rename\t" + source + "\t" + target); }));
+  return guarded_change(counts(source) || counts(target), CallKind::rename,
+                        "rename\t" + source + "\t" + target,
+                        [&] { return real(SYS_renameat2, from_directory, from, to_directory, to, flags); });
 }
 int renameat(int from_directory, const char* from, int to_directory, const char* to) {
   return renameat2(from_directory, from, to_directory, to, 0);
@@ -216,56 +212,46 @@ int rename(const char* from, const char* to) { return renameat2(AT_FDCWD, from, 
 int linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) {
   const std::string source = absolute_path(from_directory, from);
   const std::string target = absolute_path(to_directory, to);
-  const auto perform = [&] { return real(SYS_linkat, from_directory, from, to_directory, to, flags); };
-  if (!counts(target)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::link, [&](bool) { return perform(); },
-      [&](long) { log_change("link\t" + source + "\t" + target); }));
+  return guarded_change(counts(target), CallKind::link, "link\t" + source + "\t" + target,
+                        [&] { return real(SYS_linkat, from_directory, from, to_directory, to, flags); });
 }
 
 int unlinkat(int directory, const char* path, int flags) {
   const std::string where = absolute_path(directory, path);
-  const auto perform = [&] { return real(SYS_unlinkat, directory, path, flags); };
-  if (!counts(where)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::unlink, [&](bool) { return perform(); },
-      [&](long) { log_change(((flags & AT_REMOVEDIR) != 0 ? "rmdir\t" : "unlink\t") + where); }));
+  return guarded_change(counts(where), CallKind::unlink,
+                        ((flags & AT_REMOVEDIR) != 0 ? "rmdir\t" : "unlink\t") + where,
+                        [&] { return real(SYS_unlinkat, directory, path, flags); });
 }
 int unlink(const char* path) { return unlinkat(AT_FDCWD, path, 0); }
 int rmdir(const char* path) { return unlinkat(AT_FDCWD, path, AT_REMOVEDIR); }
 
 int mkdirat(int directory, const char* path, mode_t mode) {
   const std::string where = absolute_path(directory, path);
-  const auto perform = [&] { return real(SYS_mkdirat, directory, path, mode); };
-  if (!counts(where)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::mkdir, [&](bool) { return perform(); }, [&](long) { log_change("mkdir\t" + where); }));
+  return guarded_change(counts(where), CallKind::mkdir, "mkdir\t" + where,
+                        [&] { return real(SYS_mkdirat, directory, path, mode); });
 }
 int mkdir(const char* path, mode_t mode) { return mkdirat(AT_FDCWD, path, mode); }
 
 // --- Durability and locks ---
 
-static int flush(long number, int descriptor, bool whole_file_system) {
-  const std::string where = path_of(descriptor);
-  const auto perform = [&] { return real(number, descriptor); };
-  if (!counts(where)) return static_cast<int>(perform());
-  return static_cast<int>(guarded(
-      CallKind::sync, [&](bool) { return perform(); },
-      [&](long) {
-        log_change(whole_file_system ? "syncfs"
-                                     : "fsync\t" + where + "\t" + std::to_string(inode_of(descriptor)));
-      }));
+static int flush(long number, int descriptor, const std::string& line) {
+  return guarded_change(counts(path_of(descriptor)), CallKind::sync, line,
+                        [&] { return real(number, descriptor); });
 }
-int fsync(int descriptor) { return flush(SYS_fsync, descriptor, false); }
-int fdatasync(int descriptor) { return flush(SYS_fdatasync, descriptor, false); }
-int syncfs(int descriptor) noexcept { return flush(SYS_syncfs, descriptor, true); }
+static int flush_file(long number, int descriptor) {
+  return flush(number, descriptor,
+               "fsync\t" + path_of(descriptor) + "\t" + std::to_string(inode_of(descriptor)));
+}
+int fsync(int descriptor) { return flush_file(SYS_fsync, descriptor); }
+int fdatasync(int descriptor) { return flush_file(SYS_fdatasync, descriptor); }
+int syncfs(int descriptor) noexcept { return flush(SYS_syncfs, descriptor, "syncfs"); }
 
 int flock(int descriptor, int operation) noexcept {
   if (grants_all_locks()) return 0;
-  const auto perform = [&] { return real(SYS_flock, descriptor, operation); };
-  // Letting go cannot fail on an open file.
-  if (!counts(path_of(descriptor)) || (operation & LOCK_UN) != 0) return static_cast<int>(perform());
-  return static_cast<int>(guarded(CallKind::flock, perform));
+  // Letting go cannot fail on an open file. A lock changes nothing that could be lost.
+  const bool is_taken = counts(path_of(descriptor)) && (operation & LOCK_UN) == 0;
+  return guarded_change(is_taken, CallKind::flock, "",
+                        [&] { return real(SYS_flock, descriptor, operation); });
 }
 
 // --- The network ---

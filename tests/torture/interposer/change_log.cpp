@@ -32,7 +32,7 @@ std::unique_lock<std::mutex> change_order() {
 }
 
 void log_change(const std::string& line) {
-  if (!logs_changes()) return;
+  if (!logs_changes() || line.empty()) return;
   const std::string whole = line + "\n";
   for (std::size_t done = 0; done < whole.size();) {
     const long count = ::syscall(SYS_write, log_descriptor(), whole.data() + done, whole.size() - done);

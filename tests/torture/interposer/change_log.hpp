@@ -13,6 +13,7 @@ namespace tidalcrest::torture {
 bool logs_changes();
 /// Held around a call and its line, so that lines stand in the order of the calls.
 std::unique_lock<std::mutex> change_order();
+/// An empty line is no change.
 void log_change(const std::string& line);
 /// What a write left in a file, read back from it.
 void log_written(int descriptor, std::int64_t offset, std::int64_t size);

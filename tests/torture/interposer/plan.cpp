@@ -30,17 +30,15 @@ struct Counters {
   std::array<std::atomic<std::uint64_t>, CALL_KINDS> by_kind;
 };
 
-enum class Action { none, kill_before, kill_after, kill_torn, fail };
+enum class Action { none, kill_before, kill_torn, fail };
 
 int error_number(const std::string& name) {
-  if (name == "ENOSPC") return ENOSPC;
-  if (name == "EDQUOT") return EDQUOT;
-  if (name == "EMFILE") return EMFILE;
-  if (name == "EINTR") return EINTR;
-  if (name == "EROFS") return EROFS;
-  if (name == "EACCES") return EACCES;
-  if (name == "ECONNRESET") return ECONNRESET;
-  return EIO;
+  constexpr int MOST_ERRORS = 134;
+  for (int number = 1; number < MOST_ERRORS; ++number) {
+    const char* known = ::strerrorname_np(number);
+    if (known != nullptr && name == known) return number;
+  }
+  std::abort();
 }
 
 class Plan {
@@ -66,8 +64,6 @@ class Plan {
     switch (_action) {
       case Action::kill_before:
         end_process();
-      case Action::kill_after:
-        return {.kill_after = true};
       case Action::kill_torn:
         return {.half = true, .kill_after = true};
       default:
@@ -108,7 +104,6 @@ class Plan {
       if (kind == KIND_NAMES[static_cast<std::size_t>(i)]) _kind = i;
     }
     if (action == "kill-before") _action = Action::kill_before;
-    if (action == "kill-after") _action = Action::kill_after;
     if (action == "kill-torn") _action = Action::kill_torn;
     if (action != "fail") return;
     _action = Action::fail;

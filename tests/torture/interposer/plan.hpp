@@ -6,7 +6,7 @@
 ///   TIDALCREST_TORTURE_ROOT      only files below this directory count; sockets always do
 ///   TIDALCREST_TORTURE_COUNTERS  file that is mapped and shared: the driver reads it after any end
 ///   TIDALCREST_TORTURE_PLAN      one of
-///       kill-before KIND N | kill-after KIND N | kill-torn KIND N (half of a write, then the end)
+///       kill-before KIND N | kill-torn KIND N (half of a write, then the end)
 ///       fail KIND N ERROR once|on          (ERROR: an errno name, or SHORT for half of what was asked)
 ///       grant-all-locks
 ///   TIDALCREST_TORTURE_LOG       file that takes one line per change, for the power-cut model
