@@ -4,6 +4,7 @@ import enum
 import logging
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -100,12 +101,8 @@ def test_blocking_calls_release_the_gil_and_threads_sync_side_by_side(make_manag
     spinner.join(TIMEOUT)
     assert turns_meanwhile > 1000, "no other thread ran while a call blocked"
 
-    results = []
-    threads = [threading.Thread(target=lambda: results.append(manager.sync())) for _ in range(4)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(TIMEOUT)
+    with ThreadPoolExecutor(4) as pool:
+        results = list(pool.map(lambda _: manager.sync(), range(4)))
     assert [result.era_number for result in results] == [1] * 4
 
 

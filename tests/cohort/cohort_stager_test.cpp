@@ -47,10 +47,8 @@ TEST_F(StagingTest, FailedStagingLeavesTheActiveCohortByteForByte) {
 
 TEST_F(StagingTest, DiskSpaceIsTestedAgainstWhatIsToBeFetched) {
   origin.publish(small_distribution());
-  std::int64_t free = 1000000000;
   int calls = 0;
-  seams.free_bytes = [&](const std::string&) { return ++calls == 2 ? free : 1000000000; };
-  free = 10;
+  seams.free_bytes = [&](const std::string&) { return ++calls == 2 ? 10 : 1000000000; };
   const auto manager = make_manager();
   EXPECT_THAT(failure_of([&] { manager->sync(); }),
               ::testing::MatchesRegex(
@@ -86,9 +84,7 @@ TEST_F(StagingTest, RepairCopiesInOnlyWhatDiffersAndForcesTheSeedPairTogether) {
 }
 
 TEST_F(StagingTest, RepairWhoseFlushFailedIsMadeAgain) {
-  origin.publish(small_distribution());
-  const auto manager = make_manager();
-  manager->sync();
+  const auto manager = synced_manager();
   const std::string root = manager->active_data_dir();
   const auto whole = files_below(root);
   for (const char* path : {FEATURE_A, "shuffle_seed.enc"}) std::ofstream(root + "/" + path) << "damaged";
@@ -137,6 +133,9 @@ TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWh
     std::ofstream(marker) << "still here when the root was never cleared";
     const auto manager = make_manager();
     EXPECT_EQ(manager->get_manifest(), nullptr);
+    EXPECT_EQ(manager->active_data_dir(), data.path()) << "nothing unproven is shown";
+    EXPECT_TRUE(
+        log.has("warning: Failed to load verified immutable local cohort; the first sync must repair it: "));
     manager->sync();
     EXPECT_TRUE(std::filesystem::exists(marker));
     std::filesystem::remove(marker);
@@ -150,35 +149,28 @@ TEST_F(StagingTest, DamagedSelectedCohortIsMendedWhereItsRecordReadsAndRebuiltWh
   EXPECT_TRUE(manager->verify().valid);
 }
 
-TEST_F(StagingTest, LostSelectorIsWrittenAgainWithoutFetchingMembers) {
-  const auto manager = synced_manager();
-  data.remove("manifest.json");
-  origin.forget_requests();
-  manager->sync();
-  EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
-  EXPECT_EQ(manager->active_cohort_snapshot().manifest_bytes(), origin.current().manifest_bytes);
-  EXPECT_TRUE(manager->verify().valid);
-}
-
-TEST_F(StagingTest, LinkInPlaceOfTheSelectorSelectsNothingAndIsReplaced) {
+TEST_F(StagingTest, ALostSelectorIsWrittenAgainWithoutFetchingMembersAndALinkInItsPlaceSelectsNothing) {
   const auto manager = synced_manager();
   const auto put_link = [&] {
     data.remove("manifest.json");
-    data.write("elsewhere.json", origin.current().manifest_bytes + " ");
     std::filesystem::create_symlink("elsewhere.json", data.path("manifest.json"));
   };
+  const std::string elsewhere = origin.current().manifest_bytes + " ";
+  data.write("elsewhere.json", elsewhere);
+  origin.forget_requests();
+  data.remove("manifest.json");
+  manager->sync();
+  EXPECT_EQ(manager->active_cohort_snapshot().manifest_bytes(), origin.current().manifest_bytes);
   put_link();
   EXPECT_THROW(manager->active_cohort_snapshot(), LocalCohortError);
-  origin.forget_requests();
   manager->sync();
   EXPECT_FALSE(std::filesystem::is_symlink(data.path("manifest.json")));
-  EXPECT_EQ(data.read("elsewhere.json"), origin.current().manifest_bytes + " ");
-
   put_link();
   const auto late = make_manager();
   EXPECT_EQ(late->get_manifest(), nullptr);
   late->sync();
   EXPECT_TRUE(late->verify().valid);
+  EXPECT_EQ(data.read("elsewhere.json"), elsewhere);
   EXPECT_THAT(origin.resources_asked(FEATURE_A), IsEmpty());
 }
 

@@ -1,10 +1,11 @@
 #include "core/lifecycle.hpp"
 
+#include <sys/stat.h>
+
 #include "cohort/cohort_loader.hpp"
 #include "core/registry.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "siblings/telemetry/logging_style.hpp"
-#include "support/command.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -12,7 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using origin::Fault;
-using testing::entries_of;
 
 // Managers with real threads between a data directory and an origin.
 class LifecycleTest : public testing::SyncFixture {
@@ -185,6 +185,24 @@ TEST_F(LifecycleTest, TellsSearchesOfEraZeroWithoutAManifest) {
   manager->acquire();
   EXPECT_TRUE(killed.wait_for(5s));
   manager->release();
+}
+
+TEST(ConsumerCountFile, IsReplacedAndNeverWrittenThroughAnotherName) {
+  const testing::TempDir data, outside;
+  const std::string file = data.path(".consumer_count");
+  outside.write("file", "not ours");
+  std::filesystem::create_hard_link(outside.path("file"), file);
+  ConsumerCount count(data.path());
+  EXPECT_EQ(count.value(), 0);
+  count.set(2);
+  EXPECT_EQ(data.read(".consumer_count"), "2");
+  std::filesystem::remove(file);
+  std::filesystem::create_symlink(outside.path("file"), file);
+  count.set(3);
+  EXPECT_EQ(outside.read("file"), "not ours");
+  std::filesystem::remove(file);
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  EXPECT_EQ(ConsumerCount(data.path()).value(), 0) << "a FIFO blocks nobody";
 }
 
 // The bounds of a stop, with threads that do not obey.

@@ -65,6 +65,14 @@ class NothingNewTest : public testing::SyncFixture {
     origin.forget_requests();
   }
 
+  // By the sync of a new process.
+  std::set<std::string> opened() {
+    const auto manager = make_manager();
+    OpenedFiles files(manager->active_data_dir());
+    manager->sync();
+    return files.take();
+  }
+
   // What is proven anew each time, whatever the hash cache knows.
   const std::set<std::string> always_read = {
       "functions.json",   "named_universes/u1/vocabulary.json", "signals_index.json",
@@ -72,42 +80,24 @@ class NothingNewTest : public testing::SyncFixture {
 };
 
 TEST_F(NothingNewTest, AsksOnceAndOpensOnlyWhatIsProvenEveryTime) {
-  const auto manager = make_manager();
-  OpenedFiles opened(manager->active_data_dir());
-
-  manager->sync();
-
+  EXPECT_EQ(opened(), always_read);
   EXPECT_THAT(origin.resources_asked(), ElementsAre("/data/manifest/version"));
-  EXPECT_EQ(opened.take(), always_read);
 }
 
 // The first process has staged the generation, so it has measured every member; the next ones need not.
 TEST_F(NothingNewTest, ANewProcessTrustsWhatTheOneBeforeMeasured) {
   data.remove(".sync_hash_cache.json");
-  {
-    const auto manager = make_manager();
-    OpenedFiles opened(manager->active_data_dir());
-    manager->sync();
-    EXPECT_TRUE(opened.take().contains("reference/calendar.bin"));  // nothing is known: it is hashed
-  }
-  const auto manager = make_manager();
-  OpenedFiles opened(manager->active_data_dir());
-  manager->sync();
-  EXPECT_EQ(opened.take(), always_read);
+  EXPECT_TRUE(opened().contains("reference/calendar.bin"));  // nothing is known: it is hashed
+  EXPECT_EQ(opened(), always_read);
 }
 
 TEST_F(NothingNewTest, ATouchedMemberIsHashedAgainAndNoOther) {
-  const auto manager = make_manager();
-  const std::string calendar = manager->active_data_dir() + "/reference/calendar.bin";
+  const std::string calendar = make_manager()->active_data_dir() + "/reference/calendar.bin";
   std::filesystem::last_write_time(calendar,
                                    std::filesystem::last_write_time(calendar) + std::chrono::seconds(1));
-  OpenedFiles opened(manager->active_data_dir());
-
-  manager->sync();
-
   auto expected = always_read;
   expected.insert("reference/calendar.bin");
-  EXPECT_EQ(opened.take(), expected);
+  EXPECT_EQ(opened(), expected);
   EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
 }
 

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,29 +23,22 @@ struct CurlResult {
   }
 };
 
+/// Beside its address.
+struct CurlRequest {
+  std::vector<std::string> headers = {};
+  std::optional<std::string> post = {};    ///< the body; a GET without it
+  std::optional<std::string> target = {};  ///< the path as it is sent, dot segments included
+};
+
 /// A plain client with one connection of its own.
 class CurlClient {
  public:
-  CurlResult get(const std::string& url, const std::vector<std::string>& headers = {}) {
-    return send(url, headers);
-  }
-  CurlResult post(const std::string& url, const std::string& body,
-                  const std::vector<std::string>& headers = {}) {
-    return send(url, headers, &body);
-  }
-  /// The path is sent as it stands, dot segments included.
-  CurlResult get_as_is(const std::string& origin, const std::string& path) {
-    return send(origin, {}, nullptr, path.c_str());
-  }
-
- private:
-  CurlResult send(const std::string& url, const std::vector<std::string>& headers,
-                  const std::string* post_body = nullptr, const char* target = nullptr) {
+  CurlResult send(const std::string& url, const CurlRequest& request = {}) {
     CurlResult result;
     auto* handle = _handle.get();
     curl_easy_reset(handle);
     curl_slist* list = nullptr;
-    for (const auto& header : headers) list = curl_slist_append(list, header.c_str());
+    for (const auto& header : request.headers) list = curl_slist_append(list, header.c_str());
     curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, list);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
@@ -54,17 +48,15 @@ class CurlClient {
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &append);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &result.headers);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &add_header);
-    if (target != nullptr) curl_easy_setopt(handle, CURLOPT_REQUEST_TARGET, target);
-    if (post_body != nullptr) {
-      curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(post_body->size()));
-      curl_easy_setopt(handle, CURLOPT_POSTFIELDS, post_body->c_str());
-    }
+    if (request.target) curl_easy_setopt(handle, CURLOPT_REQUEST_TARGET, request.target->c_str());
+    if (request.post) curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.post->c_str());
     result.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &result.status);
     curl_slist_free_all(list);
     return result;
   }
 
+ private:
   static std::size_t append(char* data, std::size_t size, std::size_t count, void* into) {
     static_cast<std::string*>(into)->append(data, size * count);
     return size * count;

@@ -19,12 +19,12 @@ constexpr const char* FEATURE = "features/u1/signal_is/a__b__c__d.arrow";
 
 class OriginTest : public testing::Test {
  protected:
-  CurlResult api(const std::string& path) {
-    return client.get(origin.server_url() + path, {authorization()});
+  CurlResult api(const std::string& path, const std::optional<std::string>& post = {}) {
+    return client.send(origin.server_url() + path, {.headers = {authorization()}, .post = post});
   }
   CurlResult data(const std::string& path, const std::vector<std::string>& headers = {}) {
     const std::string base = origin.current().manifest.at("base_url");
-    return client.get(base + "/" + path, headers);
+    return client.send(base + "/" + path, {.headers = headers});
   }
   std::string authorization() const { return "Authorization: Bearer " + origin.token(); }
 
@@ -55,7 +55,7 @@ TEST_F(OriginTest, ServesWhatItPublished) {
   EXPECT_EQ(second.manifest.at("version"), 2);
   EXPECT_EQ(api("/data/manifest").body, second.manifest_bytes);
   EXPECT_EQ(api("/data/shuffle").header("X-TidalCrest-Shuffle-Key-Source"), "vault");
-  EXPECT_EQ(client.get(first.manifest.at("base_url").get<std::string>() + "/" + FEATURE).body, "0123456789");
+  EXPECT_EQ(client.send(first.manifest.at("base_url").get<std::string>() + "/" + FEATURE).body, "0123456789");
 }
 
 TEST_F(OriginTest, TheApiWantsTheTokenAndTheDataOriginNone) {
@@ -70,9 +70,9 @@ TEST_F(OriginTest, TheApiWantsTheTokenAndTheDataOriginNone) {
   origin.set_token("another");
   for (const auto& [headers, status] : cases) {
     SCOPED_TRACE(::testing::PrintToString(headers));
-    const auto got = client.get(origin.server_url() + "/data/manifest/version", headers);
+    const auto got = client.send(origin.server_url() + "/data/manifest/version", {.headers = headers});
     EXPECT_EQ(got.status, status);
-    EXPECT_EQ(client.get(origin.server_url() + "/control/faults", headers).status, status);
+    EXPECT_EQ(client.send(origin.server_url() + "/control/faults", {.headers = headers}).status, status);
   }
   EXPECT_EQ(data(FEATURE).status, 200);
 }
@@ -84,9 +84,32 @@ TEST_F(OriginTest, OnlyFilesOfAReleaseAreServed) {
        {"/token", "/releases/m1-e1-v1", "/releases/m1-e1-v1/features", "/releases/../token",
         "/releases/m1-e1-v1/../../wallet_secret.hex", "/releases//token", "/", "/state.json"}) {
     SCOPED_TRACE(path);
-    EXPECT_EQ(client.get_as_is(base, path).status, 404);
+    EXPECT_EQ(client.send(base, {.target = path}).status, 404);
   }
-  EXPECT_EQ(client.post(base + "/releases/m1-e1-v1/" + FEATURE, "x").status, 405);
+  EXPECT_EQ(client.send(base + "/releases/m1-e1-v1/" + FEATURE, {.post = "x"}).status, 405);
+}
+
+TEST_F(OriginTest, ServesTheRangeThatIsAskedFor) {
+  origin.publish(content);
+  const struct {
+    const char* range;
+    long status;
+    const char* body;
+  } cases[] = {{"bytes=4-6", 206, "456"},
+               {"bytes=4-99", 206, "456789"},
+               {"bytes=-3", 206, "789"},
+               {"bytes=-99", 206, "0123456789"},
+               {"bytes=10-", 416, ""},
+               {"bytes=-0", 416, ""},
+               {"bytes=6-4", 200, "0123456789"},
+               {"bytes=0-1,3-4", 200, "0123456789"},
+               {"bytes=99999999999999999999-", 200, "0123456789"},
+               {"lines=0-1", 200, "0123456789"}};
+  for (const auto& [range, status, body] : cases) {
+    const auto got = data(FEATURE, {std::string("Range: ") + range});
+    EXPECT_EQ(got.status, status) << range;
+    EXPECT_EQ(got.body, body) << range;
+  }
 }
 
 TEST_F(OriginTest, FaultsHitTheRequestsTheyAreMeantFor) {
@@ -133,13 +156,13 @@ TEST_F(OriginTest, FaultsHitTheRequestsTheyAreMeantFor) {
 
 TEST_F(OriginTest, FaultsCanBeSetWhileItRuns) {
   origin.publish(content);
-  const auto url = origin.server_url() + "/control/faults";
-  EXPECT_EQ(client.post(url, "features/* 416\n\nnonsense", {authorization()}).status, 400);
+  const char* const faults = "/control/faults";
+  EXPECT_EQ(api(faults, "features/* 416\n\nnonsense").status, 400);
   EXPECT_EQ(data(FEATURE).status, 200);
-  EXPECT_EQ(client.post(url, "features/* 416\nfeatures/* status=500\n", {authorization()}).status, 200);
+  EXPECT_EQ(api(faults, "features/* 416\nfeatures/* status=500\n").status, 200);
   EXPECT_EQ(data(FEATURE).status, 416);
   EXPECT_EQ(data(FEATURE).status, 500);
-  const auto list = sync::parse_json(client.get(url, {authorization()}).body);
+  const auto list = sync::parse_json(api(faults).body);
   EXPECT_EQ(list.at(1), (Document{{"pattern", "features/*"}, {"hits", 1}, {"used_up", true}}));
 }
 

@@ -122,8 +122,6 @@ TEST_F(OriginTreeTest, EvolvingChangesWhatItSaysAndNothingElse) {
   EXPECT_THAT(evolved.removed, SizeIs(5));
   EXPECT_EQ(tree.state().current, before.name);
 
-  const auto old_files = files_of(before);
-  const auto new_files = files_of(evolved.release);
   const auto [differing, gone, fresh] = differences(files_of(before), files_of(evolved.release));
   auto expected = evolved.changed;
   for (const char* universe : {"u1", "u2"}) {

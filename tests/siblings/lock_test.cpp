@@ -12,19 +12,12 @@
 namespace tidalcrest::sync {
 namespace {
 
-/// Lets a wait end: the lock is given up at the moment when the waiter says that it waits.
-class LogWatch {
- public:
-  explicit LogWatch(std::function<void()> on_waiting = {}) {
-    set_log_sink([this, on_waiting](const LogRecord& record) {
-      if (record.level != LogLevel::debug) return;
-      lines.push_back(record.message);
-      if (on_waiting && record.message.starts_with("waiting for")) on_waiting();
-    });
-  }
-  ~LogWatch() { set_log_sink({}); }
-  std::vector<std::string> lines;
-};
+// Called at the moment when a waiter says that it waits.
+std::function<void(const LogRecord&)> on_waiting(std::function<void()> act) {
+  return [act](const LogRecord& record) {
+    if (record.message.starts_with("waiting for")) act();
+  };
+}
 
 /// Whether the lock is free now: a context that is stopped already ends the first wait.
 bool can_lock(const testing::TempDir& dir, bool exclusive) {
@@ -72,13 +65,12 @@ TEST(DistributionLockTest, ExcludesOtherProcessesAndDiesWithItsHolder) {
 TEST(DistributionLockTest, WaitsUntilTheHolderLetsGoAndSaysSo) {
   const testing::TempDir dir;
   auto held = acquire_distribution_lock(dir.path(), true);
-  const LogWatch watch([&] { held.release(); });
+  const testing::LogCapture log(on_waiting([&] { held.release(); }));
   const auto lock = acquire_distribution_lock(dir.path(), false);
-  ASSERT_EQ(watch.lines.size(), 2u);
-  EXPECT_EQ(watch.lines[0], "waiting for the shared distribution lock of " + dir.path());
-  EXPECT_THAT(
-      watch.lines[1],
-      AllOf(HasSubstr("got the shared distribution lock of " + dir.path() + " after "), HasSubstr(" s")));
+  const std::string name = "the shared distribution lock of " + dir.path();
+  EXPECT_THAT(log.lines(LogLevel::debug),
+              ElementsAre("debug: waiting for " + name,
+                          AllOf(StartsWith("debug: got " + name + " after "), EndsWith(" s"))));
 }
 
 TEST(DistributionLockTest, AStopEndsTheWait) {
@@ -96,10 +88,10 @@ TEST(DistributionLockTest, AStopEndsTheWait) {
 TEST(DistributionLockTest, ARemovedLockFileLocksNobodyOut) {
   const testing::TempDir dir;
   auto held = acquire_distribution_lock(dir.path(), true);
-  const LogWatch watch([&] {
+  const testing::LogCapture log(on_waiting([&] {
     dir.remove(local_cohort::COHORTS_DIRECTORY);
     held.release();
-  });
+  }));
   const auto lock = acquire_distribution_lock(dir.path(), true);
   EXPECT_TRUE(dir.has(local_cohort::DISTRIBUTION_LOCK_FILE));
   EXPECT_FALSE(can_lock(dir, true));

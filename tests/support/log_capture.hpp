@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -12,8 +13,9 @@ namespace tidalcrest::sync::testing {
 /// Every log record of one test, instead of standard error. Thread-safe.
 class LogCapture {
  public:
-  LogCapture() {
-    set_log_sink([this](const LogRecord& record) {
+  explicit LogCapture(std::function<void(const LogRecord&)> on_record = {}) {
+    set_log_sink([this, on_record](const LogRecord& record) {
+      if (on_record) on_record(record);
       const std::lock_guard lock(_mutex);
       _lines.push_back({record.level, std::string(log_level_name(record.level)) + ": " + record.message});
       if (record.extra != nullptr && record.extra->contains("tidalcrest_sync_event"))

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cerrno>
 
 #include "support/recorded_backoff.hpp"
@@ -32,21 +31,15 @@ class TransportTest : public ::testing::Test {
 /// Keeps what it is given; `fail_after` bytes it throws.
 class CollectingSink : public BodySink {
  public:
-  void begin(std::int64_t status, const HeaderMap&) override {
-    begun.push_back(status);
-    body.clear();
-  }
+  void begin(std::int64_t, const HeaderMap&) override { body.clear(); }
   void write(std::string_view piece) override {
     if (body.size() + piece.size() > fail_after) throw OSError("no space left", ENOSPC);
     body += piece;
-    largest_piece = std::max(largest_piece, piece.size());
   }
 
   std::int64_t most_bytes() const noexcept override { return bounded_to; }
 
-  std::vector<std::int64_t> begun;
   std::string body;
-  std::size_t largest_piece = 0;
   std::size_t fail_after = std::string::npos;
   std::int64_t bounded_to = 0;
 };
