@@ -12,25 +12,6 @@ using namespace testing;
 constexpr const char* CIPHERTEXT = "shuffle_seed.enc";
 constexpr const char* METADATA = "shuffle_seed.enc.meta.json";
 
-HeaderMap header(const std::string& name, const std::string& value) {
-  HeaderMap headers;
-  headers.set(name, value);
-  return headers;
-}
-
-TEST(ShuffleSeedHeaders, AreFoundInAnyLetterCaseAndBindTheEra) {
-  EXPECT_EQ(_header_value({}, "X-Era-Number"), std::nullopt);
-  const auto outcome = [](const HeaderMap& headers) {
-    return failure_of([&] { _validate_response_era_header(headers, 7, "seed"); });
-  };
-  EXPECT_EQ(outcome(header("x-ERA-number", " 7 ")), "nothing");
-  EXPECT_EQ(outcome({}), "SyncError: seed response is missing X-Era-Number");
-  EXPECT_EQ(outcome(header("X-Era-Number", "it's")),
-            "EraError: seed response has invalid X-Era-Number=\"it's\"");
-  EXPECT_EQ(outcome(header("X-Era-Number", "8")),
-            "EraError: seed response era_number=8 does not match manifest era_number=7");
-}
-
 TEST(ShuffleKey, CoercesWhatTheManifestAndTheHeadersSay) {
   for (const Document& blank : {Document(nullptr), Document(""), Document(" \t")}) {
     EXPECT_EQ(_coerce_shuffle_key_generation(blank), std::nullopt);
@@ -135,6 +116,8 @@ TEST_F(ShuffleSeedTest, RefusesAnAnswerThatBelongsElsewhereAndWritesNothing) {
   const std::pair<origin::Reply, const char*> cases[] = {
       {{.status = 401}, "AuthError: Authentication failed while downloading shuffle seed: HTTP 401"},
       {{.status = 404}, "SyncError: Failed to download shuffle seed: HTTP 404"},
+      {{.body = ciphertext}, "SyncError: shuffle_seed.enc response is missing X-Era-Number"},
+      {reply(ciphertext, "it's"), "EraError: shuffle_seed.enc response has invalid X-Era-Number=\"it's\""},
       {reply(ciphertext, "8"),
        "EraError: shuffle_seed.enc response era_number=8 does not match manifest era_number=7"},
       {with(SHUFFLE_KEY_GENERATION_HEADER, "market-era-v1"),

@@ -5,14 +5,12 @@
 #include "cohort/cohort_loader.hpp"
 #include "core/registry.hpp"
 #include "siblings/distribution/lock.hpp"
-#include "siblings/telemetry/logging_style.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 using namespace std::chrono_literals;
-using origin::Fault;
 
 // Managers with real threads between a data directory and an origin.
 class LifecycleTest : public testing::SyncFixture {
@@ -107,28 +105,24 @@ TEST_F(LifecycleTest, RepairsAReportedFileInTheBackground) {
 TEST_F(LifecycleTest, StopsSoonDuringEveryWait) {
   struct Case {
     const char* label;
-    const char* hit;  // the requests that meet the fault
-    Fault fault;
+    const char* fault;
     const char* waited_for;
     bool lock_is_taken = false;
   };
   const char* const version = "/data/manifest/version";
   const Case cases[] = {
-      {"the next poll", "none", {}, version},
-      {"a server that is away", "*", {.status = 503, .count = 0}, version},
-      {"an answer", "/data/*", {.kind = Fault::Kind::DELAY, .seconds = 30, .count = 0}, version},
-      {"a transfer",
-       "features/*",
-       {.kind = Fault::Kind::STALL, .after = 2, .seconds = 30, .count = 0},
-       "features/*"},
-      {"another process's lock", "none", {}, version, true},
+      {"the next poll", "none status=503", version},
+      {"a server that is away", "* status=503 count=all", version},
+      {"an answer", "/data/* delay=30 count=all", version},
+      {"a transfer", "features/* stall=2 seconds=30 count=all", "features/*"},
+      {"another process's lock", "none status=503", version, true},
   };
   origin.publish(small_distribution());
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     origin.forget_requests();
     SyncManager manager(polling_every(600), seams);
-    origin.fault(c.hit, c.fault);
+    origin.fault(c.fault);
     std::optional<DistributionLock> held;
     if (c.lock_is_taken) held = acquire_distribution_lock(data.path(), /*exclusive=*/true);
     manager.acquire();
@@ -175,7 +169,7 @@ TEST_F(LifecycleTest, MayBeReleasedForGoodFromAnEraCallback) {
 TEST_F(LifecycleTest, TellsSearchesOfEraZeroWithoutAManifest) {
   origin.publish(small_distribution());
   origin.set_era_state("closing");
-  origin.fault("/data/*", {.status = 404, .count = 0});  // the poll thread gets nothing
+  origin.fault("/data/* status=404 count=all");  // the poll thread gets nothing
   auto manager = registered();
   Event killed;
   on_era_event(*manager, [&](const std::string& event_type, std::int64_t era_number) {
@@ -287,25 +281,17 @@ TEST_F(StopTest, LeavesAPollThreadThatMissesItsJoinToEndByItself) {
 }
 
 TEST_F(StopTest, ReportsAnEraThreadThatIsStartedAlready) {
-  class Surface : public logging_style::Module {
-   public:
-    void log_library_surface_event(const std::string& title, const std::string& level,
-                                   const logging_style::SurfaceEvent& event) override {
-      told =
-          fmt::format("{} {} {} {} {} {} {} {}", title, level, event.sub_service, event.component,
-                      event.metadata.dump(), event.source_function, event.source_file, event.source_line > 0);
-    }
-    std::string told;
-  };
-  const auto surface = std::make_shared<Surface>();
-  logging_style::module_seam().install(surface);
   era_thread->start();
   Lifecycle lifecycle(data.path(), collaborators(), seams);
   EXPECT_EQ(failure_of([&] { lifecycle.acquire(); }), "nothing");
-  logging_style::module_seam().install(nullptr);
-  EXPECT_EQ(surface->told,
-            "Era synchronization error sync state {\"reason\":\"era_thread_start_state\"} _start_internal "
-            "lifecycle.cpp true");
+  EXPECT_THAT(
+      log.lines(LogLevel::error),
+      ElementsAre(
+          AllOf(StartsWith(
+                    R"(error: tidalcrest_surface_event {"component": "state", "level": "error", "metadata": )"
+                    R"({"reason": "era_thread_start_state"}, "source_file": "lifecycle.cpp", )"
+                    R"("source_function": "_start_internal", "source_line": )"),
+                EndsWith(R"(, "sub_service": "sync", "title": "Era synchronization"})"))));
 }
 
 }  // namespace

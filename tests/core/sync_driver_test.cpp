@@ -12,11 +12,8 @@ constexpr const char* FEATURE_A = "features/u1/signal_is/alpha__one__x__a.arrow"
 
 class SyncDriverTest : public testing::SyncFixture {
  public:
-  void answer_version(const std::string& body, int status = 200) {
-    using origin::Fault;
-    origin.fault(VERSION_PATH, status == 200
-                                   ? Fault{.kind = Fault::Kind::BODY, .body = body, .count = 0}
-                                   : Fault{.kind = Fault::Kind::STATUS, .status = status, .count = 0});
+  void answer_version(const std::string& body, const std::string& kind = "body") {
+    origin.fault(VERSION_PATH + (" " + kind + " count=all body=" + body));
   }
   std::string version_answer(std::int64_t era, std::int64_t version) {
     return Document{{"version", version},
@@ -82,22 +79,22 @@ TEST_F(SyncDriverTest, VersionAnswerDecidesTheRoad) {
   struct Case {
     const char* label;
     std::string body;
-    int status;
     bool fetches_manifest;
+    const char* kind = "body";
   };
   const std::string matching = version_answer(1, 1);
   const Case cases[] = {
-      {"matching", matching, 200, false},
-      {"no hash", R"({"version": 1, "era_number": 1, "market_id": 1})", 200, true},
-      {"other hash", R"({"version": 1, "era_number": 1, "market_id": 1, "sha256": "00"})", 200, true},
-      {"not found", "", 404, true},
-      {"nonsense", "<html>", 200, true},
+      {"matching", matching, false},
+      {"no hash", R"({"version": 1, "era_number": 1, "market_id": 1})", true},
+      {"other hash", R"({"version": 1, "era_number": 1, "market_id": 1, "sha256": "00"})", true},
+      {"not found", "", true, "status=404"},
+      {"nonsense", "<html>", true},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.label);
     origin.clear_faults();
     origin.forget_requests();
-    answer_version(item.body, item.status);
+    answer_version(item.body, item.kind);
     manager->sync();
     EXPECT_EQ(!origin.resources_asked(MANIFEST_PATH).empty(), item.fetches_manifest);
   }
@@ -119,7 +116,7 @@ TEST_F(SyncDriverTest, RefusesWhatWouldMoveBackwardsOrAcross) {
   EXPECT_EQ(failure(),
             "ManifestError: manifest version response market_id must exactly match configured market_id=1");
   origin.clear_faults();
-  answer_version("", 401);
+  answer_version("", "status=401");
   EXPECT_EQ(failure(), "AuthError: Authentication failed: HTTP 401");
   origin.clear_faults();
 
@@ -127,10 +124,10 @@ TEST_F(SyncDriverTest, RefusesWhatWouldMoveBackwardsOrAcross) {
   EXPECT_EQ(failure(), "SyncError: Refusing manifest downgrade: local version=5, server version=4");
   Document changed = origin.current().manifest;
   changed["version"] = 5;
-  origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
+  origin.fault(MANIFEST_PATH + (" body body=" + changed.dump()));
   EXPECT_EQ(failure(), "SyncError: Refusing same-version manifest with different exact identity");
   changed["era_number"] = true;  // the same era by value
-  origin.fault(MANIFEST_PATH, {.kind = origin::Fault::Kind::BODY, .body = changed.dump()});
+  origin.fault(MANIFEST_PATH + (" body body=" + changed.dump()));
   EXPECT_EQ(failure(), "SyncError: Refusing same-version manifest with different exact identity");
   origin.publish(content.era(2).version(6));
   EXPECT_EQ(failure(), "EraError: Era mismatch: local era_number=1, server era_number=2");

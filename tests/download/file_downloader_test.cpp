@@ -315,22 +315,14 @@ TEST_F(FileDownloaderTest, LogsResumesAndResets) {
   download(path, entry_for(LARGE));
   const auto resumes = log.events("range_resume");
   ASSERT_THAT(resumes, SizeIs(1));
-  EXPECT_EQ(resumes[0], (Document{{"event_type", "range_resume"},
-                                  {"file", path},
-                                  {"count", 1},
-                                  {"reason", "partial_tmp"},
-                                  {"bytes_existing", 60}}));
+  EXPECT_EQ(resumes[0], parse_json(R"({"event_type": "range_resume", "file": ")" + path +
+                                   R"(", "count": 1, "reason": "partial_tmp", "bytes_existing": 60})"));
   const auto resets = log.events("range_resume_reset");
   ASSERT_THAT(resets, SizeIs(1));
-  EXPECT_EQ(resets[0], (Document{{"event_type", "range_resume_reset"},
-                                 {"file", path},
-                                 {"count", 1},
-                                 {"reason", "http_416"},
-                                 {"expected_size", 100},
-                                 {"actual_size", 60},
-                                 {"range_start", 60},
-                                 {"range_end", 99},
-                                 {"manifest_version", 3}}));
+  EXPECT_EQ(resets[0],
+            parse_json(R"({"event_type": "range_resume_reset", "file": ")" + path +
+                       R"(", "count": 1, "reason": "http_416", "expected_size": 100, "actual_size": 60,
+                           "range_start": 60, "range_end": 99, "manifest_version": 3})"));
   EXPECT_THAT(told, ElementsAre(1.0));
 }
 

@@ -105,33 +105,11 @@ TEST_F(ParallelDownloaderTest, ASupersededManifestWinsAndEndsTheWaitsOfTheOthers
 }
 
 TEST_F(ParallelDownloaderTest, WorkersHeedTheCallersStopSignal) {
-  struct Case {
-    const char* label;
-    std::function<bool()> stop_requested;
-    const char* failure;
-  };
-  const Case cases[] = {
-      {"stop", [] { return true; }, "SyncBackoffCancelled: cancelled"},
-      {"a signal that raises counts as no stop", []() -> bool { throw RuntimeError("broken"); }, "nothing"},
-  };
-  int number = 0;
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.label);
-    const ScopedBackoffContext context({.stop_requested = item.stop_requested});
-    std::vector<std::string> paths;
-    for (int i = 0; i < 2; ++i) {
-      paths.push_back("stopped/" + std::to_string(++number));
-      server.script(url_path(paths.back()), {Reply{.status = 503}, Reply{.body = BYTES}});
-    }
-    EXPECT_EQ(failure(paths), item.failure);
-  }
-}
-
-TEST_F(ParallelDownloaderTest, CarriesExceptionsOfEveryType) {
-  backoff.on_cancel([] { throw 42; });  // the host's own kind
   const ScopedBackoffContext context({.stop_requested = [] { return true; }});
   answer("a", {.status = 503});
   answer("b", {.status = 503});
+  EXPECT_EQ(failure({"a", "b"}), "SyncBackoffCancelled: cancelled");
+  backoff.on_cancel([] { throw 42; });  // the host's own kind
   EXPECT_THROW(run({"a", "b"}), int);
 }
 

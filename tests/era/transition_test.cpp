@@ -14,28 +14,21 @@
 namespace tidalcrest::sync {
 namespace {
 
-using origin::Fault;
-
 constexpr const char* ERA_CURRENT = "/market/1/era/current";
 
 // The SDK around a transition, in one record of what it was told.
 class Sdk : public auth::Module,
             public identity::Module,
             public search_tracking::Module,
+            public search_tracking::SearchTracker,
             public deployment::Module,
             public std::enable_shared_from_this<Sdk> {
  public:
-  void install() {
-    auth::module_seam().install(shared_from_this());
-    identity::module_seam().install(shared_from_this());
-    search_tracking::module_seam().install(shared_from_this());
-    deployment::module_seam().install(shared_from_this());
-  }
-  static void uninstall() {
-    auth::module_seam().install(nullptr);
-    identity::module_seam().install(nullptr);
-    search_tracking::module_seam().install(nullptr);
-    deployment::module_seam().install(nullptr);
+  static void install(const std::shared_ptr<Sdk>& sdk) {
+    auth::module_seam().install(sdk);
+    identity::module_seam().install(sdk);
+    search_tracking::module_seam().install(sdk);
+    deployment::module_seam().install(sdk);
   }
 
   void notify_era_change(std::int64_t era_number) override {
@@ -50,20 +43,13 @@ class Sdk : public auth::Module,
       const std::string&, const std::optional<identity::Identity>& who) override {
     say(who ? "tracker of " + who->agent_id : "tracker");
     if (fails == "open" && who) throw RuntimeError("no identity wanted");
-    class Tracker : public search_tracking::SearchTracker {
-     public:
-      explicit Tracker(Sdk& sdk) : _sdk(sdk) {}
-      void handle_era_transition(std::int64_t era, std::optional<std::int64_t> previous) override {
-        _sdk.say("tracked " + (previous ? std::to_string(*previous) : "None") + " to " + std::to_string(era));
-        if (_sdk.fails == "tracking") throw RuntimeError("tracking is down");
-      }
-      void close() override { _sdk.say("closed"); }
-
-     private:
-      Sdk& _sdk;
-    };
-    return std::make_shared<Tracker>(*this);
+    return shared_from_this();
   }
+  void handle_era_transition(std::int64_t era, std::optional<std::int64_t> previous) override {
+    say("tracked " + (previous ? std::to_string(*previous) : "None") + " to " + std::to_string(era));
+    if (fails == "tracking") throw RuntimeError("tracking is down");
+  }
+  void close() override { say("closed"); }
   std::string current_version() override { return "1.0.0"; }
   int compare_versions(const std::string& first, const std::string& second) override {
     if (after_confirmation) after_confirmation();
@@ -81,13 +67,13 @@ class Sdk : public auth::Module,
 class TransitionTest : public testing::SyncFixture {
  public:
   TransitionTest() {
-    sdk->install();
+    Sdk::install(sdk);
     publish_era(1);
     manager = make_manager();
     manager->sync();
     origin.forget_requests();
   }
-  ~TransitionTest() override { Sdk::uninstall(); }
+  ~TransitionTest() override { Sdk::install(nullptr); }
 
   void publish_era(std::int64_t era) {
     origin.publish(small_distribution().era(era).feature("u1", "signal_is", "alpha__one__x__a",
@@ -162,53 +148,34 @@ TEST_F(TransitionTest, StartsFromNoManifestAtAll) {
 }
 
 TEST_F(TransitionTest, EndsEveryFailureTheSameWayAndLeavesTheCohort) {
-  const auto answer = [](const char* path, const char* body, std::size_t skip = 0) {
-    return [=](TransitionTest& test) {
-      test.origin.fault(path, {.kind = Fault::Kind::BODY, .body = body, .skip = skip});
-    };
-  };
-  struct Case {
-    const char* label;
-    std::function<void(TransitionTest&)> arrange;
-    Document era;
-    std::string failure;
-  };
-  const Case cases[] = {
-      {"kill fails", [](TransitionTest& test) { test.on_kill = [] { throw RuntimeError("will not die"); }; },
-       2, "RuntimeError: will not die"},
-      {"closing on an advance", [](TransitionTest& test) { test.origin.set_era_state("closing"); }, 2,
+  const auto fault = [this](const std::string& words) { return [this, words] { origin.fault(words); }; };
+  const std::string manifest = "/data/manifest body body=", era_current = ERA_CURRENT;
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[this] { on_kill = [] { throw RuntimeError("will not die"); }; }, "RuntimeError: will not die"},
+      {[this] { origin.set_era_state("closing"); },
        "EraError: Active era confirmation for era_number=2 returned state='closing'"},
-      {"library floor", [](TransitionTest& test) { test.origin.set_min_library_version("2.0.0"); }, 2,
+      {[this] { origin.set_min_library_version("2.0.0"); },
        "LibraryUpdateRequired: tidalcrest >= 2.0.0 required for era 2. Build a local wheel with "
        "build_wheel() and install it with: pip install --upgrade /path/to/tidalcrest-*.whl"},
-      {"manifest missing",
-       [](TransitionTest& test) {
-         test.origin.fault("/data/manifest", {.kind = Fault::Kind::STATUS, .status = 404});
-       },
-       2, "SyncError: Failed to fetch era 2 manifest: HTTP 404"},
-      {"manifest of another market",
-       answer("/data/manifest", R"({"era_number": 2, "version": 1, "market_id": 2, "files": {}})"), 2,
+      {fault("/data/manifest status=404"), "SyncError: Failed to fetch era 2 manifest: HTTP 404"},
+      {fault(manifest + R"({"era_number": 2, "version": 1, "market_id": 2, "files": {}})"),
        "ManifestError: era 2 transition manifest.json market_id must exactly match configured market_id=1"},
-      {"manifest without an era",
-       answer("/data/manifest", R"({"era_number": "two", "version": 1, "market_id": 1, "files": {}})"), 2,
+      {fault(manifest + R"({"era_number": "two", "version": 1, "market_id": 1, "files": {}})"),
        "EraError: Era transition manifest has invalid era_number='two'"},
-      {"manifest of another era",
-       answer("/data/manifest", R"({"era_number": 3, "version": 1, "market_id": 1, "files": {}})"), 2,
+      {fault(manifest + R"({"era_number": 3, "version": 1, "market_id": 1, "files": {}})"),
        "EraError: Era transition manifest era_number=3 does not match active era_number=2"},
-      {"gate that nothing confirms", answer(ERA_CURRENT, R"({"era_number": 3, "state": "active"})", 2), 2,
+      {fault(era_current + R"( body skip=2 body={"era_number": 3, "state": "active"})"),
        "ManifestSupersededError: era 2 was superseded by era 3 before cohort publication"},
-      {"era gone back before publication", answer(ERA_CURRENT, R"({"era_number": 1, "state": "active"})", 1),
-       2, "EraError: Active era_number=1 does not match requested transition era_number=2"},
-      {"no era at all", [](TransitionTest&) {}, nullptr,
-       "TypeError: '>' not supported between instances of 'NoneType' and 'int'"},
+      {fault(era_current + R"( body skip=1 body={"era_number": 1, "state": "active"})"),
+       "EraError: Active era_number=1 does not match requested transition era_number=2"},
   };
   publish_era(2);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
+  for (const auto& [arrange, failure] : cases) {
+    SCOPED_TRACE(failure);
     on_kill = [this] { sdk->say("kill"); };
     sdk->told.clear();
-    c.arrange(*this);
-    EXPECT_EQ(failure_of([&] { trigger(c.era); }), c.failure);
+    arrange();
+    EXPECT_EQ(failure_of([&] { trigger(2); }), failure);
     EXPECT_EQ(era(), 1);
     EXPECT_EQ(manager->active_data_dir(), make_manager()->active_data_dir());
     EXPECT_FALSE(data.has(TRANSITION_LOCK_FILENAME));
@@ -218,6 +185,8 @@ TEST_F(TransitionTest, EndsEveryFailureTheSameWayAndLeavesTheCohort) {
     origin.set_era_state("active");
     origin.set_min_library_version("0.0.0");
   }
+  EXPECT_EQ(failure_of([&] { trigger(nullptr); }),
+            "TypeError: '>' not supported between instances of 'NoneType' and 'int'");
   trigger(2);  // nothing is left of all that
   EXPECT_EQ(era(), 2);
 }
@@ -226,7 +195,7 @@ TEST_F(TransitionTest, KeepsTheNewCohortWhenAConfirmationAfterItFails) {
   for (const std::size_t gates_before : {3, 4}) {
     const std::int64_t next = static_cast<std::int64_t>(gates_before) - 1;
     publish_era(next);
-    origin.fault(ERA_CURRENT, {.kind = Fault::Kind::BODY, .body = "{}", .skip = gates_before});
+    origin.fault(fmt::format("{} body skip={} body={{}}", ERA_CURRENT, gates_before));
     sdk->told.clear();
     EXPECT_EQ(failure_of([&] { trigger(next); }),
               "EraError: Failed to parse active era response during transition");

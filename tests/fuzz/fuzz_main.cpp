@@ -10,25 +10,24 @@
 
 namespace {
 
-const tidalcrest::fuzz::Target* chosen_target() {
-  const char* name = std::getenv("TIDALCREST_FUZZ_TARGET");
-  const auto* target = name != nullptr ? tidalcrest::fuzz::find_target(name) : nullptr;
-  if (target == nullptr) {
-    std::fputs("TIDALCREST_FUZZ_TARGET must name one of:", stderr);
-    for (const auto& known : tidalcrest::fuzz::targets()) std::fprintf(stderr, " %s", known.name.c_str());
-    std::fputs("\n", stderr);
-    std::exit(2);
-  }
+const tidalcrest::fuzz::Target& chosen_target() {
   tidalcrest::sync::set_log_sink([](const tidalcrest::sync::LogRecord&) {});
-  return target;
+  const char* name = std::getenv("TIDALCREST_FUZZ_TARGET");
+  for (const auto& target : tidalcrest::fuzz::targets()) {
+    if (name != nullptr && target.name == name) return target;
+  }
+  std::fputs("TIDALCREST_FUZZ_TARGET must name one of:", stderr);
+  for (const auto& known : tidalcrest::fuzz::targets()) std::fprintf(stderr, " %s", known.name.c_str());
+  std::fputs("\n", stderr);
+  std::exit(2);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const auto* target = chosen_target();
+  static const auto& target = chosen_target();
   try {
-    tidalcrest::fuzz::feed(*target, {reinterpret_cast<const char*>(data), size});
+    tidalcrest::fuzz::feed(target, {reinterpret_cast<const char*>(data), size});
   } catch (const std::exception& finding) {
     std::fprintf(stderr, "finding: %s\n", finding.what());
     std::abort();

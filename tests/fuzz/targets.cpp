@@ -23,13 +23,6 @@ const std::vector<Target>& targets() {
   return all;
 }
 
-const Target* find_target(const std::string& name) {
-  for (const auto& target : targets()) {
-    if (target.name == name) return &target;
-  }
-  return nullptr;
-}
-
 void feed(const Target& target, std::string_view bytes) {
   try {
     target.feed(bytes);

@@ -15,8 +15,6 @@ struct Target {
 };
 
 const std::vector<Target>& targets();
-/// Null when there is none of that name.
-const Target* find_target(const std::string& name);
 /// Feeds one input. Throws what is no failure of the family, and `std::logic_error` for a broken property.
 void feed(const Target& target, std::string_view bytes);
 

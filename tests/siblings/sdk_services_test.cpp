@@ -1,7 +1,6 @@
 #include "siblings/auth/auth.hpp"
 #include "siblings/auth/identity.hpp"
 #include "siblings/search_tracking/search_tracker.hpp"
-#include "siblings/telemetry/logging_style.hpp"
 #include "support/test.hpp"
 
 namespace tidalcrest::sync {
@@ -44,23 +43,9 @@ TEST(SearchTracker, KeepsTheLastTransitions) {
   EXPECT_EQ(document().at("transitions").back().at("new_era_number"), 107);
 }
 
-TEST(Telemetry, WritesOneLineWithTheLevelThatItIsGiven) {
+TEST(Auth, RemembersTheLastEraThatItWasToldOf) {
   const testing::LogCapture log;
-  const logging_style::SurfaceEvent event{.sub_service = "sync",
-                                          .component = "state",
-                                          .metadata = {{"reason", "era_thread_start_state"}},
-                                          .source_function = "f",
-                                          .source_file = "f.cpp",
-                                          .source_line = 3};
-  logging_style::log_library_surface_event("Era synchronization", "error", event);
   auth::notify_era_change(12);
-  const auto lines = log.lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(
-      lines[0],
-      R"(error: tidalcrest_surface_event {"component": "state", "level": "error", "metadata": {"reason": )"
-      R"("era_thread_start_state"}, "source_file": "f.cpp", "source_function": "f", "source_line": 3, )"
-      R"("sub_service": "sync", "title": "Era synchronization"})");
   EXPECT_EQ(auth::last_notified_era_number(), 12);
 }
 

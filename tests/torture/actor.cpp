@@ -89,9 +89,7 @@ class Actor {
         _token(text_of(_arguments.token_file)),
         _wallet(from_hex(text_of(_arguments.wallet_file))) {
     _seams.sleep = [this](double seconds) { _waited += seconds; };
-    set_log_sink([this](const LogRecord& record) {
-      if (_verbose) std::cerr << log_level_name(record.level) << ": " << record.message << "\n";
-    });
+    set_log_sink([](const LogRecord&) {});
   }
   ~Actor() { set_log_sink({}); }
 
@@ -245,7 +243,6 @@ class Actor {
   const std::string _wallet;
   Seams _seams = Seams::real();
   std::atomic<double> _waited{0};
-  const bool _verbose = std::getenv("TIDALCREST_TORTURE_VERBOSE") != nullptr;
 };
 
 }  // namespace

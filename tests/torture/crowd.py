@@ -1,6 +1,5 @@
 """Two to eight processes on one directory: writers, readers under pins, a verifier, a collector, kills at random."""
 
-import fcntl
 import json
 import random
 import subprocess
@@ -8,7 +7,7 @@ import time
 from collections import Counter
 from contextlib import closing, contextmanager
 
-from world import COHORTS, Finding, Origin, World, prove_settled, remove, selected
+from world import Finding, Origin, World, prove_settled, remove, selected
 
 SEED = 7
 ROLES = ["write-loop", "read-loop", "collect-loop", "verify-loop", "write-loop", "read-loop", "write-loop", "read-loop"]
@@ -65,19 +64,6 @@ def cast(world, operations, data, seconds):
             member.end()
 
 
-def waiting_is_visible(world, data):
-    """Who waits for the distribution lock says so."""
-    with open(data / COHORTS / ".distribution.lock", "rb") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        process = subprocess.Popen(world.command("sync", data), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                   env={"TIDALCREST_TORTURE_VERBOSE": "1"}, text=True)
-        time.sleep(1)
-        fcntl.flock(lock, fcntl.LOCK_UN)
-    _, said = process.communicate(timeout=60)
-    if "waiting for the" not in said or "distribution lock" not in said:
-        raise Finding(f"a waiting process says nothing of it: {said[-500:]}")
-
-
 def crowd(world, data, roles, seconds, randomness):
     """Gives how many of them were killed, how many versions came, and the rounds of those that lived to the end."""
     with cast(world, roles, data, seconds) as members:
@@ -108,7 +94,6 @@ def run(programs, work, options, tell):
         world = World(programs, work, origin)
         data = world.fresh_data()
         world.must("sync", data)
-        waiting_is_visible(world, data)
         for size in sizes:
             kills, versions, rounds = crowd(world, data, ROLES[:size], seconds, randomness)
             all_kills += kills

@@ -61,7 +61,7 @@ class Disk:
         self.names = {}  # path to File, or DIRECTORY
         self.by_inode = {}
         self.durable = {}
-        self.changes = []  # ("add" | "drop", path, what) of names, since they were flushed
+        self.changes = []  # ("add" | "drop" | "move", path, what or where to) of names, since they were flushed
         for path in sorted(Path(root).rglob("*")):
             if path.is_dir():
                 self.names[str(path)] = DIRECTORY
@@ -71,48 +71,32 @@ class Disk:
                 self.by_inode[path.stat().st_ino] = file
         self.durable = dict(self.names)
 
-    def _add(self, path, what):
-        self.names[path] = what
-        self.changes.append(("add", path, what))
-
-    def _drop(self, path):
-        what = self.names.pop(path, None)
-        self.changes.append(("drop", path, what))
-        return what
+    def _change(self, *change):
+        apply_change(self.names, change)
+        self.changes.append(change)
 
     def play(self, line):
-        """Gives whether the line changed anything."""
         operation, *fields = line.rstrip("\n").split("\t")
         if operation == "create":
             file = File()
             self.by_inode[int(fields[1])] = file
-            self._add(fields[0], file)
+            self._change("add", fields[0], file)
         elif operation == "write":
             self.by_inode[int(fields[0])].write(int(fields[1]), bytes.fromhex(fields[2]))
         elif operation == "truncate":
             self.by_inode[int(fields[0])].write(int(fields[1]), None)
         elif operation == "rename":
-            self._rename(*fields)
+            self._change("move", *fields)  # one change: a journal keeps both halves of a rename or none
         elif operation == "link":
-            self._add(fields[1], self.names[fields[0]])
+            self._change("add", fields[1], self.names[fields[0]])
         elif operation in ("unlink", "rmdir"):
-            self._drop(fields[0])
+            self._change("drop", fields[0], None)
         elif operation == "mkdir":
-            self._add(fields[0], DIRECTORY)
+            self._change("add", fields[0], DIRECTORY)
         elif operation == "fsync":
             self._flush(fields[0], int(fields[1]))
         elif operation == "syncfs":
             self._flush_all()
-        return operation not in ("fsync", "syncfs")
-
-    def _rename(self, source, target):
-        # One change: a journal keeps both halves of a rename or none.
-        moved = {path: what for path, what in self.names.items() if path == source or path.startswith(source + "/")}
-        for path in moved:
-            del self.names[path]
-        renamed = {target + path[len(source):]: what for path, what in moved.items()}
-        self.names.update(renamed)
-        self.changes.append(("move", source, target))
 
     def _flush(self, path, inode):
         if inode in self.by_inode:
@@ -121,13 +105,10 @@ class Disk:
         if path not in self.names and path != self.root:
             return
         # A directory: the names in it, and what was done to them, are there to stay.
-        kept = []
-        for change in self.changes:
+        for change in list(self.changes):
             if any(parent_of(name) == path for name in names_of(change)):
                 apply_change(self.durable, change)
-            else:
-                kept.append(change)
-        self.changes = kept
+                self.changes.remove(change)
 
     def _flush_all(self):
         for what in self.names.values():
@@ -144,10 +125,8 @@ class Disk:
         result = {}
         for path, what in sorted(names.items()):
             parent = parent_of(path)
-            if parent != self.root and parent not in result:
+            if parent != self.root and result.get(parent, "missing") is not None:
                 continue  # the directory did not make it
-            if parent != self.root and result[parent] is not None:
-                continue
             result[path] = None if what is DIRECTORY else what.after_cut(choose)
         return result
 

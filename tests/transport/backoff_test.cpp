@@ -14,14 +14,6 @@ class BackoffGlue : public testing::TransportTest {
   testing::TempDir data;
 };
 
-TEST_F(BackoffGlue, KeepsTheLastTwenty) {
-  std::vector<int> values;
-  for (int i = 0; i < 25; ++i) _append_limited(values, i);
-  EXPECT_EQ(values.size(), 20u);
-  EXPECT_EQ(values.front(), 5);
-  EXPECT_EQ(values.back(), 24);
-}
-
 TEST_F(BackoffGlue, WithoutAContextOnlyTellsTheWait) {
   const Document event = _emit_sync_backoff_wait("http_request", 0, "URLError", "x.arrow", 0.5, seams);
   EXPECT_EQ(event.at("surface"), "http_request");

@@ -21,7 +21,7 @@ namespace tidalcrest::origin {
 ///     Origin origin;
 ///     auto content = ManifestBuilder{}.feature("u1", "signal_is", "a__b__c__d", "bytes");
 ///     origin.publish(content);                                       // version 1 of era 1
-///     origin.fault("features/*", {.kind = Fault::Kind::CUT, .after = 3});
+///     origin.fault("features/* cut=3");
 ///     ... client with origin.server_url(), origin.token(), origin.wallet_secret() ...
 ///     EXPECT_THAT(origin.ranges_asked("features/u1/signal_is/a__b__c__d.arrow"), ElementsAre("",
 ///     "bytes=3-")); origin.publish(content.file("extra.bin", "more", "reference"));  // version 2
@@ -57,6 +57,11 @@ class Origin {
 
   /// `pattern` as in `FaultList::add`.
   void fault(const std::string& pattern, Fault fault) { _service->faults().add(pattern, std::move(fault)); }
+  /// Pattern and fault in the words of `parse_fault`.
+  void fault(const std::string& words) {
+    const auto [pattern, named] = parse_fault(words);
+    fault(pattern, named);
+  }
   /// Runs `call` on the server's thread before the body of the next request that matches.
   void on_request(const std::string& pattern, std::function<void()> call);
   void clear_faults() { _service->faults().clear(); }

@@ -30,8 +30,6 @@ struct Counters {
   std::array<std::atomic<std::uint64_t>, CALL_KINDS> by_kind;
 };
 
-enum class Action { none, kill_before, kill_torn, fail };
-
 int error_number(const std::string& name) {
   constexpr int MOST_ERRORS = 134;
   for (int number = 1; number < MOST_ERRORS; ++number) {
@@ -55,20 +53,13 @@ class Plan {
     const auto index = static_cast<std::size_t>(kind);
     const std::uint64_t of_all = _counters->calls.fetch_add(1) + 1;
     const std::uint64_t of_kind = _counters->by_kind[index].fetch_add(1) + 1;
-    if (_action == Action::none) return {};
     if (_kind != CALL_KINDS && _kind != static_cast<int>(index)) return {};
     const std::uint64_t number = _kind == CALL_KINDS ? of_all : of_kind;
     const bool applies = _from_then_on ? number >= _number : number == _number;
     if (!applies) return {};
     _counters->hits.fetch_add(1);
-    switch (_action) {
-      case Action::kill_before:
-        end_process();
-      case Action::kill_torn:
-        return {.half = true, .kill_after = true};
-      default:
-        return {.error = _error, .half = _half};
-    }
+    if (_kills_before) end_process();
+    return _verdict;
   }
 
   void count_received(long bytes) { _counters->received_bytes.fetch_add(static_cast<std::uint64_t>(bytes)); }
@@ -92,8 +83,7 @@ class Plan {
 
   void _parse(const char* text) {
     std::istringstream words(text);
-    std::string action;
-    std::string kind;
+    std::string action, kind;
     words >> action;
     if (action == "grant-all-locks") {
       _grants_all_locks = true;
@@ -103,26 +93,23 @@ class Plan {
     for (int i = 0; i < CALL_KINDS; ++i) {
       if (kind == KIND_NAMES[static_cast<std::size_t>(i)]) _kind = i;
     }
-    if (action == "kill-before") _action = Action::kill_before;
-    if (action == "kill-torn") _action = Action::kill_torn;
+    _kills_before = action == "kill-before";
+    if (action == "kill-torn") _verdict = {.half = true, .kill_after = true};
     if (action != "fail") return;
-    _action = Action::fail;
-    std::string error;
-    std::string how_long;
+    std::string error, how_long;
     words >> error >> how_long;
-    _half = error == "SHORT";
-    if (!_half) _error = error_number(error);
+    _verdict.half = error == "SHORT";
+    if (!_verdict.half) _verdict.error = error_number(error);
     _from_then_on = how_long == "on";
   }
 
   Counters _own{};
   Counters* _counters = nullptr;
   std::string _root;
-  Action _action = Action::none;
-  int _kind = CALL_KINDS;  // any
-  std::uint64_t _number = 0;
-  int _error = 0;
-  bool _half = false;
+  int _kind = CALL_KINDS;     // any
+  std::uint64_t _number = 0;  // of the call that meets it; none without a plan
+  bool _kills_before = false;
+  Verdict _verdict;
   bool _from_then_on = false;
   bool _grants_all_locks = false;
 };
