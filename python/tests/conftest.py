@@ -1,9 +1,7 @@
 """A distribution on loopback for the tests, and managers of it that are always let go."""
 
-import json
 import os
-import subprocess
-import time
+import sys
 import urllib.request
 from pathlib import Path
 
@@ -12,38 +10,18 @@ import pytest
 import tidalcrest.sync as tc
 
 ROOT = Path(__file__).resolve().parents[2]
+sys.path.append(str(ROOT / "tests/support"))
+from origin_server import OriginServer  # noqa: E402
+
 ORIGIN = os.environ.get("TIDALCREST_ORIGIN") or str(ROOT / "build/release/tools/tidalcrest-origin")
 
 
-class Origin:
-    """A built tree and the server on it."""
-
-    def __init__(self, root, *recipe):
-        self.tree = root / "origin"
-        self._log = root / "origin.log"
-        self._run("build", self.tree, *recipe)
-        self._server = self._serve(root / "ready.json")
-
-    def _run(self, command, *arguments):
-        subprocess.run([ORIGIN, command, *map(str, arguments)], check=True, stdout=subprocess.DEVNULL, timeout=60)
-
-    def _serve(self, ready_file):
-        with self._log.open("w") as log:
-            server = subprocess.Popen([ORIGIN, "serve", str(self.tree), "--api-port", "0", "--data-port", "0",
-                                       "--ready-file", str(ready_file)], stdout=log, stderr=log)
-        deadline = time.monotonic() + 20
-        while not (ready_file.exists() and ready_file.read_text().strip()):
-            if server.poll() is not None or time.monotonic() > deadline:
-                raise RuntimeError("the origin did not come up: " + self._log.read_text())
-            time.sleep(0.02)
-        ready = json.loads(ready_file.read_text())
-        self.url = ready["server_url"]
-        self.token = Path(ready["token_file"]).read_text().strip()
-        self.secret = bytes.fromhex(Path(ready["wallet_secret_file"]).read_text().strip())
-        return server
-
-    def evolve(self, *flags):
-        self._run("evolve", self.tree, *flags)
+class Origin(OriginServer):
+    def __init__(self, directory, *recipe):
+        super().__init__(ORIGIN, directory, *recipe)
+        self.url = self.addresses["server_url"]
+        self.token = Path(self.addresses["token_file"]).read_text().strip()
+        self.secret = bytes.fromhex(Path(self.addresses["wallet_secret_file"]).read_text().strip())
 
     def fault(self, line):
         """One fault, in the language of the serve command."""
@@ -55,14 +33,11 @@ class Origin:
         return {"server_url": self.url, "get_token": lambda: self.token,
                 "get_wallet_secret": lambda: self.secret, **changes}
 
-    def close(self):
-        self._server.terminate()
-        self._server.wait(timeout=20)
-
 
 @pytest.fixture
-def origin(tmp_path):
-    server = Origin(tmp_path, "--features", "20", "--found-signals", "3", "--found-strategies", "2")
+def origin(tmp_path_factory):
+    server = Origin(tmp_path_factory.mktemp("origin"), "--features", "20", "--found-signals", "3",
+                    "--found-strategies", "2")
     yield server
     server.close()
 

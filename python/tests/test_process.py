@@ -1,7 +1,6 @@
 """The ends of the interpreter, forks, signals, and what thousands of calls leave behind. Each in a process of its
 own."""
 
-import os
 import signal
 import subprocess
 import sys

@@ -18,9 +18,6 @@ TEST(ShuffleKey, CoercesWhatTheManifestAndTheHeadersSay) {
     EXPECT_EQ(_coerce_shuffle_key_source(blank), std::nullopt);
   }
   EXPECT_EQ(_coerce_shuffle_key_generation(" market-era-v1 "), "market-era-v1");
-  EXPECT_EQ(failure_of([] { _coerce_shuffle_key_generation("legacy-era-only-v1"); }),
-            "SyncError: retired shuffle_key_generation 'legacy-era-only-v1' is not supported; sync the "
-            "current market-era-v1 distribution");
   EXPECT_EQ(failure_of([] { _coerce_shuffle_key_generation(2); }),
             "SyncError: unknown shuffle_key_generation '2'");
   EXPECT_EQ(_coerce_shuffle_key_source(" vault "), "vault");

@@ -2,6 +2,7 @@
 
 #include "cohort/leftovers.hpp"
 #include "siblings/distribution/disk_calls.hpp"
+#include "support/network.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
@@ -99,28 +100,17 @@ TEST_F(SalvageTest, NothingIsTakenOverThatAFailedFlushMayHaveLost) {
   EXPECT_TRUE(manager->verify().valid);
 }
 
-// Asks to stop once so many bytes have arrived.
-class StopAfter : public SyncProgress {
- public:
-  explicit StopAfter(std::int64_t bytes) : _bytes(bytes) {}
-  void on_bytes(std::int64_t count) override { _bytes -= count; }
-  bool reached() const { return _bytes <= 0; }
-
- private:
-  std::atomic<std::int64_t> _bytes;
-};
-
 TEST_F(SalvageTest, StagedPrefixIsResumedWhenTheDigestIsTheSame) {
   auto content = small_distribution().file("long.bin", std::string(500000, 'z'), "reference");
   origin.publish(content);
   origin.fault("long.bin", {.kind = origin::Fault::Kind::STALL, .after = 200000, .seconds = 30});
   {
-    const auto progress = std::make_shared<StopAfter>(100000);
+    const auto progress = std::make_shared<testing::CountingProgress>();
     SyncOptions one_at_a_time = options();
     one_at_a_time.sync_max_concurrency = 1;
     one_at_a_time.progress = progress;
     SyncManager manager(one_at_a_time, seams);
-    const ScopedBackoffContext context({.stop_requested = [&] { return progress->reached(); }});
+    const ScopedBackoffContext context({.stop_requested = [&] { return progress->staged() >= 100000; }});
     EXPECT_THROW(manager.sync(), SyncBackoffCancelled);
   }
   origin.clear_faults();

@@ -1,12 +1,14 @@
 #include "siblings/distribution/disk_calls.hpp"
 #include "siblings/distribution/lock.hpp"
-#include "support/command.hpp"
 #include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
-using testing::entries_of;
+std::size_t entries_of(const char* directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
 
 struct Held {
   std::size_t threads = entries_of("/proc/self/task");

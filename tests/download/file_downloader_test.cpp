@@ -245,16 +245,12 @@ TEST_F(FileDownloaderTest, StopsRepairsThatBringNoMoreBytes) {
     const char* failure;
   };
   const Reply wrong = whole(std::string(30, '?'));
-  const Reply twelve = whole(SMALL.substr(0, 12));
+  const Reply twelve = whole(SMALL.substr(0, 12)), thirteen = whole(SMALL.substr(0, 13));
   const char* const incomplete = "IntegrityError: Incomplete download for ";
   const char* const mismatch = "IntegrityError: Checksum failure for ";
   const Case cases[] = {
       {"short four times", {twelve}, 4, "size_mismatch", incomplete},
-      {"growth starts the count anew",
-       {twelve, twelve, twelve, whole(SMALL.substr(0, 13))},
-       7,
-       "size_mismatch",
-       incomplete},
+      {"growth starts anew", {twelve, twelve, twelve, thirteen}, 7, "size_mismatch", incomplete},
       {"wrong four times", {wrong}, 4, "sha256_mismatch", mismatch},
       {"short and wrong share the count", {twelve, twelve, wrong}, 6, "sha256_mismatch", mismatch},
   };

@@ -59,14 +59,14 @@ TEST(Failures, KeepTheirCause) {
 }
 
 TEST(SyncUnavailable, MessageHasItsPartsInOrder) {
-  UnavailableDetails details;
-  details.statuses = {503, 502};
-  details.failures = {"TimeoutError"};
-  details.server_error_code = "busy";
-  details.dependency = "store";
-  details.retryable = false;
-  details.recovery = "retry_with_backoff";
-  details.reason = "load";
+  const UnavailableDetails details{.statuses = {503, 502},
+                                   .failures = {"TimeoutError"},
+                                   .server_error_code = "busy",
+                                   .dependency = "store",
+                                   .retryable = false,
+                                   .recovery = "retry_with_backoff",
+                                   .reason = "load",
+                                   .typed_details = {}};
   const SyncUnavailableError full("https://h.example/data/x?q=1", 3, details);
   EXPECT_STREQ(full.what(),
                "TidalCrest data sync unavailable after 3 attempt(s). endpoint=/data/x "

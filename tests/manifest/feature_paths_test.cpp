@@ -11,34 +11,31 @@ Manifest manifest_with(const std::vector<std::string>& paths) {
   return Manifest(Document{{"era_number", 1}, {"files", files}});
 }
 
-TEST(FeaturePaths, ServeAUniverseItsOwnOrTheLegacyFeatureOnly) {
-  const Manifest scoped = manifest_with({"features/u1/signal_is/x.arrow", "features/u2/strategy_is/x.arrow"});
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path(" x ", "SIGNAL", " u1 "),
-            "features/u1/signal_is/x.arrow");
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path("x", "SIGNAL", "u2"), std::nullopt);
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path("x", "my Strategy", "u2"),
-            "features/u2/strategy_is/x.arrow");
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path("x"), "features/u1/signal_is/x.arrow");
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path(" "), std::nullopt);
-  EXPECT_EQ(FeaturePaths(scoped)._manifest_feature_relative_path("y"), std::nullopt);
-
-  const Manifest legacy = manifest_with({"other/u1/signal_is/x.arrow", "features/signal_is/x.arrow"});
-  EXPECT_EQ(FeaturePaths(legacy)._manifest_feature_relative_path("x", "SIGNAL", "u1"),
-            "features/signal_is/x.arrow");
-
-  const Manifest both = manifest_with({"features/u2/signal_is/x.arrow", "features/signal_is/x.arrow"});
-  EXPECT_EQ(FeaturePaths(both)._manifest_feature_relative_path("x", "SIGNAL", "u1"), std::nullopt);
-  EXPECT_EQ(FeaturePaths(both)._manifest_feature_relative_path("x"), "features/signal_is/x.arrow");
-
-  const Manifest nested = manifest_with({"features/signal_is/deep/x.arrow"});
-  EXPECT_EQ(FeaturePaths(nested)._manifest_feature_relative_path("x"), "features/signal_is/deep/x.arrow");
+// Where a feature lies: its name, expression type and universe are asked for.
+template <class... Asked>
+std::optional<std::string> path_of(const Manifest& manifest, const Asked&... asked) {
+  return FeaturePaths(manifest)._manifest_feature_relative_path(asked...);
 }
 
-// An entry that is no object is not present as a candidate, but still shows where the feature belongs.
-TEST(FeaturePaths, DoNotTakeAnEntryThatIsNoMapForAFile) {
-  const Manifest manifest(parse_json(
+TEST(FeaturePaths, ServeAUniverseItsOwnOrTheLegacyFeatureOnly) {
+  const Manifest scoped = manifest_with({"features/u1/signal_is/x.arrow", "features/u2/strategy_is/x.arrow"});
+  EXPECT_EQ(path_of(scoped, " x ", "SIGNAL", " u1 "), "features/u1/signal_is/x.arrow");
+  EXPECT_EQ(path_of(scoped, "x", "SIGNAL", "u2"), std::nullopt);
+  EXPECT_EQ(path_of(scoped, "x", "my Strategy", "u2"), "features/u2/strategy_is/x.arrow");
+  EXPECT_EQ(path_of(scoped, "x"), "features/u1/signal_is/x.arrow");
+  EXPECT_EQ(path_of(scoped, " "), std::nullopt);
+  EXPECT_EQ(path_of(scoped, "y"), std::nullopt);
+  const Manifest legacy = manifest_with({"other/u1/signal_is/x.arrow", "features/signal_is/x.arrow"});
+  EXPECT_EQ(path_of(legacy, "x", "SIGNAL", "u1"), "features/signal_is/x.arrow");
+  const Manifest both = manifest_with({"features/u2/signal_is/x.arrow", "features/signal_is/x.arrow"});
+  EXPECT_EQ(path_of(both, "x", "SIGNAL", "u1"), std::nullopt);
+  EXPECT_EQ(path_of(both, "x"), "features/signal_is/x.arrow");
+  EXPECT_EQ(path_of(manifest_with({"features/signal_is/deep/x.arrow"}), "x"),
+            "features/signal_is/deep/x.arrow");
+  // An entry that is no object is not present as a candidate, but still shows where the feature belongs.
+  const Manifest no_map(parse_json(
       R"({"era_number": 1, "files": {"features/u1/signal_is/x.arrow": 1, "features/signal_is/x.arrow": {}}})"));
-  EXPECT_EQ(FeaturePaths(manifest)._manifest_feature_relative_path("x", "SIGNAL", "u1"), std::nullopt);
+  EXPECT_EQ(path_of(no_map, "x", "SIGNAL", "u1"), std::nullopt);
 }
 
 TEST(FeatureCompanions, ShareDirectoryAndFamily) {

@@ -7,11 +7,6 @@
 namespace tidalcrest::sync {
 namespace {
 
-TEST(ManifestPaths, NameTheBadPathAndTheRule) {
-  EXPECT_EQ(failure_of([] { _safe_manifest_relative_path("a//b"); }),
-            "ManifestError: Invalid manifest file path 'a//b': path has an empty segment");
-}
-
 TEST(ManifestPaths, GiveAnAbsoluteDisplayPath) {
   const std::string here = std::filesystem::current_path().string();
   const testing::ScopedEnvironment home("HOME", "/home/someone/");
@@ -54,7 +49,7 @@ TEST(FileUrl, ComesFromThePublicOriginOnly) {
         << refused;
   }
   EXPECT_THAT(failure_of([&] { _manifest_file_url(server, "../a", "https://cdn.example.com"); }),
-              StartsWith("ManifestError: Invalid manifest file path '../a': "));
+              StartsWith("ManifestError: Invalid manifest file path '../a': path has a relative segment"));
 }
 
 }  // namespace

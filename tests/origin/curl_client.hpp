@@ -46,13 +46,15 @@ class CurlClient {
     curl_easy_setopt(handle, CURLOPT_TIMEOUT, 60L);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &result.body);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &append);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &result.headers);
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &add_header);
     if (request.target) curl_easy_setopt(handle, CURLOPT_REQUEST_TARGET, request.target->c_str());
     if (request.post) curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.post->c_str());
     result.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &result.status);
     curl_slist_free_all(list);
+    for (curl_header* header = nullptr;
+         (header = curl_easy_nextheader(handle, CURLH_HEADER, -1, header)) != nullptr;) {
+      result.headers.emplace(header->name, header->value);
+    }
     return result;
   }
 
@@ -61,16 +63,6 @@ class CurlClient {
     static_cast<std::string*>(into)->append(data, size * count);
     return size * count;
   }
-  static std::size_t add_header(char* data, std::size_t size, std::size_t count, void* into) {
-    const std::string line(data, size * count);
-    const auto colon = line.find(": ");
-    if (colon != std::string::npos) {
-      static_cast<Headers*>(into)->emplace(line.substr(0, colon),
-                                           line.substr(colon + 2, line.find_last_not_of("\r\n") - colon - 1));
-    }
-    return size * count;
-  }
-
   std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> _handle{curl_easy_init(), &curl_easy_cleanup};
 };
 

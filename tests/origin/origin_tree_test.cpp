@@ -5,16 +5,11 @@
 #include <sys/stat.h>
 
 #include "build_paths.hpp"
-#include "host/digest.hpp"
-#include "host/json.hpp"
-#include "host/text.hpp"
 #include "origin/disk.hpp"
 #include "origin/evolution.hpp"
 #include "origin/recipe.hpp"
 #include "origin/seed_sealing.hpp"
-#include "support/failure_text.hpp"
-#include "support/temp_dir.hpp"
-#include "tidalcrest/sync/errors.hpp"
+#include "support/sync_fixture.hpp"
 
 namespace tidalcrest::origin {
 namespace {
@@ -44,15 +39,6 @@ class OriginTreeTest : public testing::Test {
     auto tree = OriginTree::create(root / name, state);
     tree.make_current(tree.add_release(build_from_recipe(made_from)).name);
     return tree;
-  }
-
-  static Files digests(const fs::path& directory) {
-    Files found;
-    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-      if (!entry.is_regular_file()) continue;
-      found[entry.path().lexically_relative(directory)] = sync::sha256_hex(disk::read_text(entry.path()));
-    }
-    return found;
   }
 
   static Files files_of(const Release& release) {
@@ -102,10 +88,10 @@ TEST(SeedSealing, AgreesWithTheVectors) {
 }
 
 TEST_F(OriginTreeTest, TheSameRecipeGivesTheSameBytesAndAnotherNumberOthers) {
-  const auto first = digests(build("a", recipe).root());
-  EXPECT_EQ(first, digests(build("b", recipe).root()));
+  const auto first = sync::testing::files_below(build("a", recipe).root());
+  EXPECT_EQ(first, sync::testing::files_below(build("b", recipe).root()));
   recipe.number = 6;
-  auto other = digests(build("c", recipe).root());
+  auto other = sync::testing::files_below(build("c", recipe).root());
   EXPECT_NE(first.at("token"), other.at("token"));
   EXPECT_NE(first.at("api/m1-e1-v1/shuffle_seed.enc"), other.at("api/m1-e1-v1/shuffle_seed.enc"));
   const auto feature = "releases/m1-e1-v1/features/u1/signal_is/momentum__fast__mean__w00000.arrow";

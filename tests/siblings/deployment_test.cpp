@@ -26,10 +26,8 @@ TEST_F(Deployment, VersionsAreOrdered) {
                              "0.0.3",      "0.0.3.post1", "0.0.10",  "0.1",          "1.0.0.1", "1.2"};
   for (std::size_t low = 0; low < std::size(ascending); ++low) {
     for (std::size_t high = 0; high < std::size(ascending); ++high) {
-      EXPECT_EQ(_compare_versions(ascending[low], ascending[high]), low < high   ? -1
-                                                                    : low > high ? 1
-                                                                                 : 0)
-          << ascending[low] << " " << ascending[high];
+      const int order = (low > high) - (low < high);
+      EXPECT_EQ(_compare_versions(ascending[low], ascending[high]), order) << low << " " << high;
     }
   }
   EXPECT_EQ(_compare_versions("v1.0", " 1.0.0+local.2 "), 0);

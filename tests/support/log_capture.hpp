@@ -17,7 +17,7 @@ class LogCapture {
     set_log_sink([this, on_record](const LogRecord& record) {
       if (on_record) on_record(record);
       const std::lock_guard lock(_mutex);
-      _lines.push_back({record.level, std::string(log_level_name(record.level)) + ": " + record.message});
+      _lines.push_back(std::string(log_level_name(record.level)) + ": " + record.message);
       if (record.extra != nullptr && record.extra->contains("tidalcrest_sync_event"))
         _events.push_back(record.extra->at("tidalcrest_sync_event"));
     });
@@ -27,10 +27,9 @@ class LogCapture {
   /// "level: message" of each record, or of those of one level.
   std::vector<std::string> lines(std::optional<LogLevel> level = {}) const {
     const std::lock_guard lock(_mutex);
-    std::vector<std::string> found;
-    for (const auto& line : _lines) {
-      if (!level || line.level == *level) found.push_back(line.text);
-    }
+    std::vector<std::string> found = _lines;
+    if (level)
+      std::erase_if(found, [&](const auto& line) { return !line.starts_with(log_level_name(*level)); });
     return found;
   }
   bool has(const std::string& part) const {
@@ -54,12 +53,8 @@ class LogCapture {
   }
 
  private:
-  struct Line {
-    LogLevel level;
-    std::string text;
-  };
   mutable std::mutex _mutex;  // guards the two below; a worker may log too
-  std::vector<Line> _lines;
+  std::vector<std::string> _lines;
   std::vector<Document> _events;
 };
 

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,6 +36,8 @@ class RawServer {
   RawServer& operator=(const RawServer&) = delete;
   ~RawServer() {
     _ending = true;
+    ::shutdown(_listener, SHUT_RDWR);  // ends what waits on either of them
+    ::shutdown(_open_connection, SHUT_RDWR);
     _thread.join();
     ::close(_listener);
   }
@@ -44,41 +45,33 @@ class RawServer {
   int connections() const { return _connections; }
 
  private:
-  bool _wait_for(int descriptor, short events) const {
-    while (!_ending) {
-      pollfd waited{descriptor, events, 0};
-      if (::poll(&waited, 1, 20) > 0) return true;
-    }
-    return false;
-  }
-
   void _serve() {
-    while (_wait_for(_listener, POLLIN)) {
+    while (!_ending) {
       const int connection = ::accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
-      if (connection < 0) continue;
+      _open_connection = connection;
+      if (connection < 0 || _ending) continue;
       ++_connections;
       if (_read_request(connection)) {
         _answer([&](std::string_view bytes) { return _send(connection, bytes); }, _connections);
       }
+      _open_connection = -1;
       ::close(connection);
     }
   }
 
-  bool _read_request(int connection) const {
+  static bool _read_request(int connection) {
     std::string request;
     char byte = 0;
     while (!request.ends_with("\r\n\r\n")) {
-      if (!_wait_for(connection, POLLIN) || ::recv(connection, &byte, 1, 0) != 1) return false;
+      if (::recv(connection, &byte, 1, 0) != 1) return false;
       request += byte;
     }
     return true;
   }
 
-  bool _send(int connection, std::string_view bytes) const {
+  static bool _send(int connection, std::string_view bytes) {
     while (!bytes.empty()) {
-      if (!_wait_for(connection, POLLOUT)) return false;
-      const ssize_t sent = ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (sent < 0 && errno == EAGAIN) continue;
+      const ssize_t sent = ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (sent <= 0) return false;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }
@@ -89,6 +82,7 @@ class RawServer {
   int _listener = -1;
   int _port = 0;
   std::atomic<bool> _ending{false};
+  std::atomic<int> _open_connection{-1};
   std::atomic<int> _connections{0};
   std::thread _thread;  // last: it uses all of the above
 };

@@ -28,20 +28,10 @@
 
 namespace tidalcrest::sync {
 
-using testing::caught;
-using testing::eventually;
-using testing::failure_of;
+using testing::caught, testing::eventually, testing::failure_of;
 
-using ::testing::AllOf;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::Optional;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
+using ::testing::AllOf, ::testing::Each, ::testing::ElementsAre, ::testing::EndsWith, ::testing::HasSubstr;
+using ::testing::IsEmpty, ::testing::Not, ::testing::Optional, ::testing::SizeIs, ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
 }  // namespace tidalcrest::sync

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <iterator>
 #include <set>
@@ -100,12 +99,10 @@ class Actor {
     const auto& operation = _arguments.operation;
     if (operation == "settle") return settle();
     if (operation.ends_with("-loop")) return loop(operation);
-    return guarded(action(operation));
+    return guarded(operation);
   }
 
  private:
-  using Action = std::function<Document(SyncManager&)>;
-
   SyncOptions options() const {
     SyncOptions options{.data_dir = _arguments.data_dir, .server_url = _arguments.server_url};
     options.token = _token;
@@ -115,22 +112,13 @@ class Actor {
     return options;
   }
 
-  Action action(const std::string& operation) const {
+  void perform(const std::string& operation, SyncManager& manager, Document& outcome) const {
     const auto& rest = _arguments.rest;
-    if (operation == "sync")
-      return [](SyncManager& manager) { return Document(manager.sync().bytes_downloaded); };
-    if (operation == "repair")
-      return [&rest](SyncManager& manager) { return Document(manager.repair(rest).bytes_downloaded); };
-    if (operation == "collect")
-      return [&rest](SyncManager& manager) {
-        return Document(manager.collect_generations(std::stoll(rest.at(0))).bytes_freed);
-      };
-    if (operation == "transition")
-      return [&rest](SyncManager& manager) {
-        manager.trigger_era_transition(std::stoll(rest.at(0)));
-        return Document(0);
-      };
-    return [](SyncManager& manager) { return reading(manager); };
+    if (operation == "sync") manager.sync();
+    if (operation == "repair") manager.repair(rest);
+    if (operation == "collect") manager.collect_generations(std::stoll(rest.at(0)));
+    if (operation == "transition") manager.trigger_era_transition(std::stoll(rest.at(0)));
+    if (operation == "read") outcome["value"] = reading(manager);
   }
 
   // What a consumer of this process would see: the selection, and whether it proves itself.
@@ -146,14 +134,13 @@ class Actor {
   }
 
   // Runs one operation on a manager of its own and tells how it ended and what it left behind.
-  Document guarded(const Action& action) {
+  Document guarded(const std::string& operation) {
     (void)Seams::real().random_bytes(1);  // libraries open what they keep open on their first use
     const Holdings before;
-    const auto started = std::chrono::steady_clock::now();
     Document outcome = {{"ok", true}};
     try {
       SyncManager manager(options(), _seams);
-      outcome["value"] = action(manager);
+      perform(operation, manager, outcome);
     } catch (const Failure& failure) {
       outcome["ok"] = false;
       outcome["error"] = failure.type_name();
@@ -164,7 +151,6 @@ class Actor {
       outcome["message"] = failure.what();
     }
     const Holdings after;
-    outcome["seconds"] = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     outcome["waited"] = _waited.load();
     outcome["leaked_descriptors"] = after.descriptors - before.descriptors;
     outcome["leaked_threads"] = after.threads - before.threads;
@@ -174,11 +160,8 @@ class Actor {
 
   // A reader, a sync and a second reader, as processes that come after a crash.
   Document settle() {
-    Document outcome = Document::object();
-    outcome["before"] = guarded(action("read"));
-    outcome["sync"] = guarded(action("sync"));
-    outcome["after"] = guarded(action("read"));
-    return outcome;
+    const Document before = guarded("read"), sync = guarded("sync"), after = guarded("read");
+    return {{"before", before}, {"sync", sync}, {"after", after}};
   }
 
   // --- Loops of several processes on one directory ---

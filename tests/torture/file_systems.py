@@ -84,7 +84,8 @@ def read_only(world, work, tell):
         data.mkdir()
         world.must("sync", data)
         subprocess.run(["mount", "-o", "remount,ro", place], check=True)
-        prove_local(world.act("sync", data).document, "read-only mount", ("OSError", "SyncError", "ValueError"), "ead-only")
+        outcome = world.act("sync", data).document
+        prove_local(outcome, "read-only mount", ("OSError", "SyncError", "ValueError"), "ead-only")
     tell("file systems: a read-only mount is named")
 
 

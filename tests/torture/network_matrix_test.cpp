@@ -1,6 +1,7 @@
 #include <sys/resource.h>
 
 #include "download/download_fixture.hpp"
+#include "origin/byte_range.hpp"
 #include "support/raw_server.hpp"
 
 namespace tidalcrest::sync {
@@ -11,15 +12,6 @@ using origin::RecordedRequest;
 
 const std::string SMALL = pattern_bytes(30);   // within one chunk of the fixture
 const std::string LARGE = pattern_bytes(100);  // needs three
-
-// First and last byte that a request asks for; the whole file without a range.
-std::pair<std::size_t, std::size_t> range_of(const std::string& header, std::size_t size) {
-  if (header.empty()) return {0, size - 1};
-  const auto dash = header.find('-');
-  const std::size_t first = std::stoul(header.substr(6, dash - 6));
-  const std::string last = header.substr(dash + 1);
-  return {first, last.empty() ? size - 1 : std::min(std::stoul(last), size - 1)};
-}
 
 // What a Content-Range says beside the truth.
 struct RangeHeader {
@@ -50,9 +42,10 @@ class NetworkMatrix : public DownloadFixture {
   }
 
   Reply odd_answer(const Odd& odd, const RecordedRequest& request, const std::string& file) const {
-    const auto [asked_first, asked_last] = range_of(request.header("Range"), file.size());
-    const std::size_t first = odd.status == 200 ? 0 : std::min(asked_first, file.size() - 1);
-    const std::size_t last = odd.status == 200 ? file.size() - 1 : asked_last;
+    const auto asked = origin::decide_range(request.header("Range"), file.size());
+    const bool is_part = odd.status != 200 && asked.kind == origin::RangeDecision::Kind::PART;
+    const std::size_t first = is_part ? asked.first : 0;
+    const std::size_t last = is_part ? asked.last : file.size() - 1;
     Reply reply{.status = odd.status, .body = file.substr(first, last - first + 1)};
     if (odd.length == Length::shorter) reply.body.resize(reply.body.size() / 2);
     if (odd.length == Length::longer) reply.body += "bytes that do not belong here";

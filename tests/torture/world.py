@@ -7,10 +7,14 @@ import shutil
 import signal
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 from dataclasses import dataclass
 from pathlib import Path
+
+sys.path.append(str(Path(__file__).parents[1] / "support"))
+from origin_server import OriginServer  # noqa: E402
 
 KINDS = ["open", "write", "copy", "clone", "truncate", "rename", "link", "unlink", "mkdir", "sync", "flock", "send", "recv"]
 COHORTS = ".tidalcrest-cohorts"
@@ -39,40 +43,9 @@ class Programs:
         self.interposer = programs / "tidalcrest_interposer.so"
 
 
-class Origin:
-    """One distribution, served on loopback for as long as this object lives."""
-
+class Origin(OriginServer):
     def __init__(self, programs, work):
-        self.programs = programs
-        self.tree = Path(tempfile.mkdtemp(prefix="origin-", dir=work)) / "tree"
-        self._run("build", self.tree, *RECIPE)
-        ready = self.tree.parent / "ready.json"
-        self._log = open(self.tree.parent / "log", "wb")
-        self.process = subprocess.Popen(
-            [self.programs.origin, "serve", self.tree, "--api-port", "0", "--data-port", "0", "--ready-file", ready],
-            stdout=self._log, stderr=self._log)
-        deadline = time.monotonic() + 20
-        while not ready.exists() or not ready.stat().st_size:
-            if self.process.poll() is not None or time.monotonic() > deadline:
-                raise RuntimeError(f"the origin did not come up, see {self._log.name}")
-            time.sleep(0.02)
-        self.addresses = json.loads(ready.read_text())
-
-    def evolve(self, *arguments):
-        self._run("evolve", self.tree, *arguments)
-        time.sleep(0.05)  # the server looks at the tree again for each request; its state file is in place now
-
-    def _run(self, *arguments):
-        subprocess.run([self.programs.origin, *map(str, arguments)], check=True, stdout=subprocess.DEVNULL)
-
-    def close(self):
-        self.process.send_signal(signal.SIGTERM)
-        try:
-            self.process.wait(10)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self._log.close()
+        super().__init__(programs.origin, Path(tempfile.mkdtemp(prefix="origin-", dir=work)), *RECIPE)
 
 
 @dataclass

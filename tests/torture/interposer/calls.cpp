@@ -36,7 +36,7 @@ long real(long number, Arguments... arguments) {
 
 // Runs a call that counts under the plan: `perform(half)` does it, `changed(result)` writes it down.
 template <class Perform, class Changed>
-long guarded(CallKind kind, const Perform& perform, const Changed& changed) {
+long guarded(Call kind, const Perform& perform, const Changed& changed) {
   const Verdict verdict = judge(kind);
   if (verdict.error != 0) {
     errno = verdict.error;
@@ -53,7 +53,7 @@ long guarded(CallKind kind, const Perform& perform, const Changed& changed) {
 
 // A call that makes one change or none, which `line` tells; only where it counts.
 template <class Perform>
-int guarded_change(bool counts, CallKind kind, const std::string& line, const Perform& perform) {
+int guarded_change(bool counts, Call kind, const std::string& line, const Perform& perform) {
   if (!counts) return static_cast<int>(perform());
   return static_cast<int>(guarded(
       kind, [&](bool) { return perform(); }, [&](long) { log_change(line); }));
@@ -77,7 +77,7 @@ long guarded_open(int directory, const char* path, int flags, const Perform& per
   // Reading can fail for want of descriptors, too; it changes nothing that could be lost.
   const bool is_new = (flags & O_CREAT) != 0 && logs_changes() && !exists(where);
   return guarded(
-      CallKind::open, [&](bool) { return perform(); },
+      Call::open, [&](bool) { return perform(); },
       [&](long opened) {
         if (!opens_for_change(flags)) return;
         const std::string inode = std::to_string(inode_of(static_cast<int>(opened)));
@@ -89,6 +89,15 @@ long guarded_open(int directory, const char* path, int flags, const Perform& per
 bool is_member(int descriptor) { return is_regular(descriptor) && counts(path_of(descriptor)); }
 
 long seek_position(int descriptor) { return real(SYS_lseek, descriptor, 0L, SEEK_CUR); }
+
+// A write at the file's own position.
+template <class Perform>
+long guarded_write(int descriptor, const Perform& perform) {
+  if (!is_member(descriptor)) return perform(false);
+  return guarded(Call::write, perform, [&](long written) {
+    log_written(descriptor, seek_position(descriptor) - written, written);
+  });
+}
 
 }  // namespace
 }  // namespace tidalcrest::torture
@@ -135,23 +144,19 @@ long syscall(long number, ...) {
 // --- Contents ---
 
 ssize_t write(int descriptor, const void* bytes, size_t size) {
-  if (!is_member(descriptor)) return real(SYS_write, descriptor, bytes, size);
-  return guarded(
-      CallKind::write, [&](bool half) { return real(SYS_write, descriptor, bytes, part_of(size, half)); },
-      [&](long written) { log_written(descriptor, seek_position(descriptor) - written, written); });
+  return guarded_write(descriptor,
+                       [&](bool half) { return real(SYS_write, descriptor, bytes, part_of(size, half)); });
 }
 
 ssize_t writev(int descriptor, const iovec* parts, int count) {
-  if (!is_member(descriptor)) return real(SYS_writev, descriptor, parts, count);
-  return guarded(
-      CallKind::write, [&](bool half) { return real(SYS_writev, descriptor, parts, half ? 1 : count); },
-      [&](long written) { log_written(descriptor, seek_position(descriptor) - written, written); });
+  return guarded_write(descriptor,
+                       [&](bool half) { return real(SYS_writev, descriptor, parts, half ? 1 : count); });
 }
 
 ssize_t pwrite(int descriptor, const void* bytes, size_t size, off_t offset) {
   if (!is_member(descriptor)) return real(SYS_pwrite64, descriptor, bytes, size, offset);
   return guarded(
-      CallKind::write,
+      Call::write,
       [&](bool half) { return real(SYS_pwrite64, descriptor, bytes, part_of(size, half), offset); },
       [&](long written) { log_written(descriptor, offset, written); });
 }
@@ -166,7 +171,7 @@ ssize_t copy_file_range(int from, off64_t* from_offset, int to, off64_t* to_offs
     return real(SYS_copy_file_range, from, from_offset, to, to_offset, size, flags);
   };
   if (!is_member(to)) return perform(false);
-  return guarded(CallKind::copy, perform, [&](long copied) {
+  return guarded(Call::copy, perform, [&](long copied) {
     const long end = to_offset != nullptr ? *to_offset : seek_position(to);
     log_written(to, end - copied, copied);
   });
@@ -180,7 +185,7 @@ int ioctl(int descriptor, unsigned long request, ...) {
   const auto perform = [&] { return real(SYS_ioctl, descriptor, request, argument); };
   if (request != FICLONE || !is_member(descriptor)) return static_cast<int>(perform());
   return static_cast<int>(guarded(
-      CallKind::clone, [&](bool) { return perform(); },
+      Call::clone, [&](bool) { return perform(); },
       [&](long) {
         struct stat status {};
         ::fstat(descriptor, &status);
@@ -189,7 +194,7 @@ int ioctl(int descriptor, unsigned long request, ...) {
 }
 
 int ftruncate(int descriptor, off_t size) {
-  return guarded_change(is_member(descriptor), CallKind::truncate,
+  return guarded_change(is_member(descriptor), Call::truncate,
                         "truncate\t" + std::to_string(inode_of(descriptor)) + "\t" + std::to_string(size),
                         [&] { return real(SYS_ftruncate, descriptor, size); });
 }
@@ -200,8 +205,7 @@ int ftruncate64(int descriptor, off64_t size) __attribute__((alias("ftruncate"))
 int renameat2(int from_directory, const char* from, int to_directory, const char* to, unsigned flags) {
   const std::string source = absolute_path(from_directory, from);
   const std::string target = absolute_path(to_directory, to);
-  return guarded_change(counts(source) || counts(target), CallKind::rename,
-                        "rename\t" + source + "\t" + target,
+  return guarded_change(counts(source) || counts(target), Call::rename, "rename\t" + source + "\t" + target,
                         [&] { return real(SYS_renameat2, from_directory, from, to_directory, to, flags); });
 }
 int renameat(int from_directory, const char* from, int to_directory, const char* to) {
@@ -212,13 +216,13 @@ int rename(const char* from, const char* to) { return renameat2(AT_FDCWD, from, 
 int linkat(int from_directory, const char* from, int to_directory, const char* to, int flags) {
   const std::string source = absolute_path(from_directory, from);
   const std::string target = absolute_path(to_directory, to);
-  return guarded_change(counts(target), CallKind::link, "link\t" + source + "\t" + target,
+  return guarded_change(counts(target), Call::link, "link\t" + source + "\t" + target,
                         [&] { return real(SYS_linkat, from_directory, from, to_directory, to, flags); });
 }
 
 int unlinkat(int directory, const char* path, int flags) {
   const std::string where = absolute_path(directory, path);
-  return guarded_change(counts(where), CallKind::unlink,
+  return guarded_change(counts(where), Call::unlink,
                         ((flags & AT_REMOVEDIR) != 0 ? "rmdir\t" : "unlink\t") + where,
                         [&] { return real(SYS_unlinkat, directory, path, flags); });
 }
@@ -227,7 +231,7 @@ int rmdir(const char* path) { return unlinkat(AT_FDCWD, path, AT_REMOVEDIR); }
 
 int mkdirat(int directory, const char* path, mode_t mode) {
   const std::string where = absolute_path(directory, path);
-  return guarded_change(counts(where), CallKind::mkdir, "mkdir\t" + where,
+  return guarded_change(counts(where), Call::mkdir, "mkdir\t" + where,
                         [&] { return real(SYS_mkdirat, directory, path, mode); });
 }
 int mkdir(const char* path, mode_t mode) { return mkdirat(AT_FDCWD, path, mode); }
@@ -235,7 +239,7 @@ int mkdir(const char* path, mode_t mode) { return mkdirat(AT_FDCWD, path, mode);
 // --- Durability and locks ---
 
 static int flush(long number, int descriptor, const std::string& line) {
-  return guarded_change(counts(path_of(descriptor)), CallKind::sync, line,
+  return guarded_change(counts(path_of(descriptor)), Call::sync, line,
                         [&] { return real(number, descriptor); });
 }
 static int flush_file(long number, int descriptor) {
@@ -250,22 +254,21 @@ int flock(int descriptor, int operation) noexcept {
   if (grants_all_locks()) return 0;
   // Letting go cannot fail on an open file. A lock changes nothing that could be lost.
   const bool is_taken = counts(path_of(descriptor)) && (operation & LOCK_UN) == 0;
-  return guarded_change(is_taken, CallKind::flock, "",
-                        [&] { return real(SYS_flock, descriptor, operation); });
+  return guarded_change(is_taken, Call::flock, "", [&] { return real(SYS_flock, descriptor, operation); });
 }
 
 // --- The network ---
 
 ssize_t send(int socket, const void* bytes, size_t size, int flags) {
   return guarded(
-      CallKind::send,
+      Call::send,
       [&](bool half) { return real(SYS_sendto, socket, bytes, part_of(size, half), flags, nullptr, 0); },
       [](long) {});
 }
 
 ssize_t recv(int socket, void* bytes, size_t size, int flags) {
   const long count = guarded(
-      CallKind::recv,
+      Call::recv,
       [&](bool half) {
         return real(SYS_recvfrom, socket, bytes, part_of(size, half), flags, nullptr, nullptr);
       },

@@ -49,7 +49,7 @@ class Plan {
     ::unsetenv("LD_PRELOAD");
   }
 
-  Verdict judge(CallKind kind) {
+  Verdict judge(Call kind) {
     const auto index = static_cast<std::size_t>(kind);
     const std::uint64_t of_all = _counters->calls.fetch_add(1) + 1;
     const std::uint64_t of_kind = _counters->by_kind[index].fetch_add(1) + 1;
@@ -124,7 +124,7 @@ const bool READ_EARLY = (plan(), true);
 
 }  // namespace
 
-Verdict judge(CallKind kind) { return plan().judge(kind); }
+Verdict judge(Call kind) { return plan().judge(kind); }
 void count_received(long bytes) {
   if (bytes > 0) plan().count_received(bytes);
 }

@@ -13,21 +13,7 @@
 /// KIND is a name below or `any`; N counts calls of that kind from 1.
 namespace tidalcrest::torture {
 
-enum class CallKind {
-  open,
-  write,
-  copy,
-  clone,
-  truncate,
-  rename,
-  link,
-  unlink,
-  mkdir,
-  sync,
-  flock,
-  send,
-  recv
-};
+enum class Call { open, write, copy, clone, truncate, rename, link, unlink, mkdir, sync, flock, send, recv };
 inline constexpr int CALL_KINDS = 13;
 
 /// What one call is to do. `half` asks for a shorter transfer, `kill_after` for the end of the process once
@@ -39,7 +25,7 @@ struct Verdict {
 };
 
 /// Counts the call and judges it; does not return when the plan ends the process before it.
-Verdict judge(CallKind kind);
+Verdict judge(Call kind);
 void count_received(long bytes);
 bool grants_all_locks();
 /// The directory whose files count, without a slash at its end; empty when there is none.

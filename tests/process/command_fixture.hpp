@@ -1,27 +1,14 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <iterator>
-#include <string>
-#include <vector>
-
 #include "build_paths.hpp"
-#include "support/eventually.hpp"
-#include "support/temp_dir.hpp"
+#include "support/sync_fixture.hpp"
 
 namespace tidalcrest::sync::testing {
-
-/// Of "/proc/self/task" the threads, of "/proc/self/fd" the descriptors of this process.
-inline std::size_t entries_of(const char* directory) {
-  const std::filesystem::directory_iterator entries(directory);
-  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
 
 /// The command line in a process of its own, its output kept. Killed by the destructor when it still runs.
 class Command {
@@ -75,6 +62,47 @@ class Command {
  private:
   TempDir _files;
   pid_t _pid = -1;
+};
+
+/// A data directory and an origin, and the command line between them.
+class CommandFixture : public SyncFixture {
+ public:
+  CommandFixture() {
+    secrets.write("token", origin.token());
+    secrets.write("wallet", origin.wallet_secret());
+  }
+
+  using Arguments = std::vector<std::string>;
+  /// A command that needs no server.
+  Arguments local(const std::string& name, const Arguments& more = {}) const {
+    return with({name, "--data-dir", data.path()}, more);
+  }
+  /// One that does.
+  Arguments remote(const std::string& name, const Arguments& more = {}) const {
+    return with({name, "--data-dir", data.path(), "--server-url", origin.server_url(), "--token-file",
+                 secrets.path("token"), "--wallet-secret-file", secrets.path("wallet")},
+                more);
+  }
+
+  struct Outcome {
+    int code = 0;
+    std::string output;
+    std::string errors;
+    Document json() const { return Document::parse(output); }
+  };
+  static Outcome run(const Arguments& arguments) {
+    Command command(arguments);
+    const int code = command.wait();
+    return {code, command.output(), command.errors()};
+  }
+
+  TempDir secrets;
+
+ private:
+  static Arguments with(Arguments arguments, const Arguments& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
 };
 
 }  // namespace tidalcrest::sync::testing
