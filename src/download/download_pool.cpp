@@ -15,17 +15,17 @@ constexpr std::size_t ENDS_PER_WAKING = 64;
 
 DownloadPool::DownloadPool(std::size_t tasks, std::size_t workers, Task task)
     : _tasks(tasks), _task(std::move(task)), _is_handed_out(tasks, false) {
+  _ends.reserve(tasks);
   _workers.reserve(workers);
   try {
     while (_workers.size() < workers) {
       _workers.emplace_back([this] {
         set_thread_name("tc-sync");
-        _work();
+        while (_run_next()) continue;
       });
     }
   } catch (...) {
     // The machine has nothing for one more thread: fewer workers bring the same files.
-    if (_workers.empty()) throw;
   }
 }
 
@@ -35,17 +35,21 @@ DownloadPool::~DownloadPool() {
 }
 
 std::optional<DownloadPool::End> DownloadPool::next_end(const Deadline& deadline) {
+  if (_workers.empty()) _run_next();
   MutexLock lock(_mutex);
   if (_handed_out == _tasks) return std::nullopt;
-  while (_ends.empty()) {
+  while (_next_end == _ends.size()) {
     if (!deadline) {
       lock.wait(_ended);
-    } else if (!lock.wait_until(_ended, *deadline) && _ends.empty()) {
+    } else if (!lock.wait_until(_ended, *deadline) && _next_end == _ends.size()) {
       return std::nullopt;
     }
   }
-  End end = std::move(_ends.front());
-  _ends.pop_front();
+  End end = std::move(_ends[_next_end++]);
+  if (_next_end == _ends.size()) {
+    _ends.clear();
+    _next_end = 0;
+  }
   _is_handed_out[end.index] = true;
   ++_handed_out;
   return end;
@@ -65,16 +69,17 @@ std::vector<std::size_t> DownloadPool::pending() const {
   return indices;
 }
 
-void DownloadPool::_work() {
-  while (const auto index = _take()) {
-    End end{.index = *index, .result = {}, .failure = nullptr};
-    try {
-      end.result = _task(*index);
-    } catch (...) {
-      end.failure = std::current_exception();
-    }
-    _put(std::move(end));
+bool DownloadPool::_run_next() {
+  const auto index = _take();
+  if (!index) return false;
+  End end{.index = *index, .result = {}, .failure = nullptr};
+  try {
+    end.result = _task(*index);
+  } catch (...) {
+    end.failure = std::current_exception();
   }
+  _put(std::move(end));
+  return true;
 }
 
 std::optional<std::size_t> DownloadPool::_take() {
@@ -83,13 +88,14 @@ std::optional<std::size_t> DownloadPool::_take() {
   return _next++;
 }
 
-void DownloadPool::_put(End end) {
+void DownloadPool::_put(End end) noexcept {
   bool worth_waking = end.failure != nullptr;
   {
     const MutexLock lock(_mutex);
     _ends.push_back(std::move(end));
-    const bool is_last = _handed_out + _ends.size() == _tasks;
-    worth_waking = worth_waking || is_last || _ends.size() % ENDS_PER_WAKING == 0;
+    const std::size_t waiting = _ends.size() - _next_end;
+    const bool is_last = _handed_out + waiting == _tasks;
+    worth_waking = worth_waking || is_last || waiting % ENDS_PER_WAKING == 0;
   }
   if (worth_waking) _ended.notify_one();
 }

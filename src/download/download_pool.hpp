@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <exception>
 #include <functional>
 #include <optional>
@@ -17,7 +16,8 @@ namespace tidalcrest::sync {
 
 /// A bounded set of named worker threads that run one task per index, started in order, and hand the ends of
 /// the tasks to the caller as they come. The destructor cancels what has not started and joins every worker,
-/// so what the tasks refer to need only outlive the pool.
+/// so what the tasks refer to need only outlive the pool. Where no thread can be started, the tasks run in
+/// `next_end`.
 class DownloadPool {
  public:
   using Task = std::function<SyncResult(std::size_t index)>;
@@ -44,9 +44,9 @@ class DownloadPool {
   std::vector<std::size_t> pending() const;
 
  private:
-  void _work();
+  bool _run_next();
   std::optional<std::size_t> _take();
-  void _put(End end);
+  void _put(End end) noexcept;
 
   const std::size_t _tasks;
   const Task _task;
@@ -55,7 +55,8 @@ class DownloadPool {
   std::size_t _next GUARDED_BY(_mutex) = 0;
   std::size_t _handed_out GUARDED_BY(_mutex) = 0;
   std::vector<bool> _is_handed_out GUARDED_BY(_mutex);
-  std::deque<End> _ends GUARDED_BY(_mutex);
+  std::vector<End> _ends GUARDED_BY(_mutex);  // has room for all: a worker must not fail with its end in hand
+  std::size_t _next_end GUARDED_BY(_mutex) = 0;
   bool _cancelled GUARDED_BY(_mutex) = false;
   std::vector<std::thread> _workers;
 };

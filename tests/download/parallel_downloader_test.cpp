@@ -5,6 +5,7 @@
 #include <future>
 
 #include "download/download_fixture.hpp"
+#include "download/download_pool.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -111,6 +112,18 @@ TEST_F(ParallelDownloaderTest, WorkersHeedTheCallersStopSignal) {
   EXPECT_EQ(failure({"a", "b"}), "SyncBackoffCancelled: cancelled");
   backoff.on_cancel([] { throw 42; });  // the host's own kind
   EXPECT_THROW(run({"a", "b"}), int);
+}
+
+TEST(DownloadPool, WithoutAThreadItRunsTheTasksForWhoWaitsForThem) {
+  DownloadPool pool(2, 0, [](std::size_t index) -> SyncResult {
+    if (index == 0) throw OSError("first");
+    SyncResult local;
+    local.features_downloaded = 7;
+    return local;
+  });
+  EXPECT_TRUE(pool.next_end()->failure);
+  EXPECT_EQ(pool.next_end()->result.features_downloaded, 7);
+  EXPECT_FALSE(pool.next_end());
 }
 
 TEST(ParallelTimeout, NamesThreePendingPaths) {
