@@ -7,6 +7,8 @@
 #include <memory>
 #include <utility>
 
+#include "siblings/distribution/sync_backoff.hpp"
+
 namespace tidalcrest::sync {
 namespace {
 
@@ -43,7 +45,8 @@ void StagedFile::read_back() {
   std::array<char, FIRST_LOOK_BYTES> first_look;
   if (take(first_look.data(), first_look.size())) {
     const auto block = std::make_unique_for_overwrite<char[]>(READ_BACK_BLOCK_BYTES);
-    while (take(block.get(), READ_BACK_BLOCK_BYTES)) continue;
+    const auto end_if_stopped = sync_backoff::stop_check_of_this_thread();
+    while (take(block.get(), READ_BACK_BLOCK_BYTES)) end_if_stopped();
   }
   _write_back_from = size;
   _set_size(size);
@@ -102,7 +105,9 @@ void StagedFile::keep_end_with(std::int64_t size, const std::string& sha256) {
 template <class Use>
 void StagedFile::_read_from(std::int64_t offset, Use&& use) {
   const auto block = std::make_unique_for_overwrite<char[]>(READ_BACK_BLOCK_BYTES);
+  const auto end_if_stopped = sync_backoff::stop_check_of_this_thread();
   for (_file.seek(offset);; _file.seek(offset)) {
+    end_if_stopped();
     const std::size_t count = _file.read(block.get(), READ_BACK_BLOCK_BYTES);
     if (count == 0) return;
     use(offset, std::string_view(block.get(), count));

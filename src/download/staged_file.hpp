@@ -30,7 +30,7 @@ class StagedFile {
  public:
   StagedFile(client_manifest::UpdatableFile file, StagedBytesReport& report);
 
-  /// Starts the digest anew over the whole file, and leaves the offset at its end.
+  /// Starts the digest anew over the whole file, and leaves the offset at its end. A stop request ends it.
   void read_back();
   void append(std::string_view bytes);
 
@@ -41,7 +41,7 @@ class StagedFile {
   [[nodiscard]] bool rewind();
   /// Empties the file.
   void drop();
-  /// Takes away what precedes the last `size` bytes, if these have the digest.
+  /// Takes away what precedes the last `size` bytes, if these have the digest. A stop request ends it.
   void keep_end_with(std::int64_t size, const std::string& sha256);
 
   void flush() { _file.flush(); }

@@ -332,6 +332,12 @@ TEST_F(FileDownloaderTest, KeepsStagedBytesWhenAStopIsRequested) {
   download(path, entry_for(SMALL));
   EXPECT_EQ(data.read(path), SMALL);
   EXPECT_EQ(ranges_asked(path), (Ranges{"", "bytes=12-"}));
+  stop = true;
+  const std::string staged = pattern_bytes(5000);
+  const std::string unread = prepare(staged, {whole(SMALL)});
+  EXPECT_EQ(failure_of([&] { download(unread, entry_for(SMALL)); }), "SyncBackoffCancelled: cancelled");
+  EXPECT_EQ(data.read(unread + ".tmp"), staged);
+  EXPECT_THAT(ranges_asked(unread), IsEmpty());
 }
 
 TEST_F(FileDownloaderTest, KeepsTheWholeAnswerBehindABrokenOne) {
