@@ -54,16 +54,19 @@ bool has_range(const Request& request) {
                      [](const auto& item) { return is_header_name(item.first, "range"); });
 }
 
-void add_range(HeaderItems& headers, std::int64_t range_start, std::int64_t range_end) {
-  if (range_start <= 0 && range_end < 0) return;
-  const bool closed = range_end >= range_start && range_end >= 0;
-  headers.emplace_back("Range", closed ? fmt::format("bytes={}-{}", range_start, range_end)
-                                       : fmt::format("bytes={}-", range_start));
+Request request_of(const std::string& url, HeaderItems headers, std::int64_t range_start = 0,
+                   std::int64_t range_end = -1) {
+  security::validate_bearer_transport_url(url);
+  headers.emplace_back("User-Agent", SYNC_USER_AGENT);
+  if (range_start > 0 || range_end >= 0) {
+    const bool closed = range_end >= range_start && range_end >= 0;
+    headers.emplace_back("Range", closed ? fmt::format("bytes={}-{}", range_start, range_end)
+                                         : fmt::format("bytes={}-", range_start));
+  }
+  return {url, std::move(headers)};
 }
 
-Request authorized_request(const std::string& url, const std::string& token) {
-  return {url, {{"Authorization", "Bearer " + token}, {"User-Agent", SYNC_USER_AGENT}}};
-}
+HeaderItems authorization(const std::string& token) { return {{"Authorization", "Bearer " + token}}; }
 
 // Runs one public operation: what is no network failure leaves it as the exception that it is.
 template <class Operation>
@@ -142,33 +145,26 @@ HttpResult HttpClient::_http_get(const std::string& url, const std::string& toke
   if (range_start == 0 && range_end < 0 && _is_manifest_version_url(url)) {
     return _http_get_manifest_version(url, token);
   }
-  security::validate_bearer_transport_url(url);
-  Request request = authorized_request(url, token);
-  add_range(request.headers, range_start, range_end);
-  return _internals->retrying(request, _sync_http_timeout_seconds(), {});
+  return _internals->retrying(request_of(url, authorization(token), range_start, range_end),
+                              _sync_http_timeout_seconds(), {});
 }
 
 HttpResult HttpClient::_http_get_manifest_version(const std::string& url, const std::string& token) {
-  security::validate_bearer_transport_url(url);
-  return _internals->retrying(authorized_request(url, token), _sync_manifest_version_http_timeout_seconds(),
-                              {});
+  return _internals->retrying(request_of(url, authorization(token)),
+                              _sync_manifest_version_http_timeout_seconds(), {});
 }
 
 HttpResult HttpClient::_http_get_public(const std::string& url, std::int64_t range_start,
                                         std::int64_t range_end, const std::string& transport) {
-  security::validate_bearer_transport_url(url);
-  Request request{url, {{"User-Agent", SYNC_USER_AGENT}}};
-  add_range(request.headers, range_start, range_end);
-  return _internals->retrying(request, _sync_http_timeout_seconds(), transport);
+  return _internals->retrying(request_of(url, {}, range_start, range_end), _sync_http_timeout_seconds(),
+                              transport);
 }
 
 HttpHead HttpClient::_http_get_public_to(const std::string& url, std::int64_t range_start,
                                          std::int64_t range_end, const std::string& transport,
                                          BodySink& sink) {
-  security::validate_bearer_transport_url(url);
-  Request request{url, {{"User-Agent", SYNC_USER_AGENT}}};
-  add_range(request.headers, range_start, range_end);
-  return _internals->retrying_to(request, _sync_http_timeout_seconds(), transport, sink);
+  return _internals->retrying_to(request_of(url, {}, range_start, range_end), _sync_http_timeout_seconds(),
+                                 transport, sink);
 }
 
 HttpResult HttpClient::_open_request(const Request& request, double timeout_seconds,

@@ -47,13 +47,6 @@ void HeaderMap::add_line(std::string_view line) {
       text::strip(utf8_from_latin1(line.substr(colon + 1))));
 }
 
-const std::string* HeaderMap::find(std::string_view name) const noexcept {
-  for (const auto& [known, value] : _items) {
-    if (known == name) return &value;
-  }
-  return nullptr;
-}
-
 const std::string* HeaderMap::find_any_case(std::string_view name) const noexcept {
   for (const auto& [known, value] : _items) {
     if (known.size() == name.size() && is_header_name(known, text::lower(name))) return &value;

@@ -19,8 +19,6 @@ class HeaderMap {
   void set(std::string name, std::string value);
   /// Takes one header line as it came, bytes above 127 read as ISO 8859-1. A line without a colon is dropped.
   void add_line(std::string_view line);
-  /// Exact match of the name.
-  const std::string* find(std::string_view name) const noexcept;
   /// Match of the name in any letter case.
   const std::string* find_any_case(std::string_view name) const noexcept;
   const HeaderItems& items() const noexcept { return _items; }

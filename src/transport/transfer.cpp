@@ -7,6 +7,7 @@
 #include <limits>
 #include <new>
 
+#include "host/text.hpp"
 #include "siblings/security/transport.hpp"
 #include "transport/backoff.hpp"
 #include "transport/local_failure.hpp"
@@ -143,11 +144,20 @@ void Transfer::_take_header_line(std::string_view line) {
   if (_body_use != BodyUse::unknown) return;  // a trailer
   if (line.starts_with("HTTP/")) {
     _head.headers = {};
+    _location.reset();
   } else if (line == "\r\n" || line == "\n") {
     _headers_are_complete();
   } else {
     _head.headers.add_line(line);
+    _keep_location(line);
   }
+}
+
+void Transfer::_keep_location(std::string_view line) {
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos) return;
+  if (is_header_name(text::strip(line.substr(0, colon)), "location"))
+    _location = text::strip(line.substr(colon + 1));
 }
 
 void Transfer::_headers_are_complete() {
@@ -155,9 +165,8 @@ void Transfer::_headers_are_complete() {
   curl_easy_getinfo(_handle, CURLINFO_RESPONSE_CODE, &status);
   if (status < 200) return;  // an interim answer
   _head.status = status;
-  const std::string* const location = _head.headers.find_any_case("location");
-  if (is_redirect_status(status) && location != nullptr) {
-    _redirect = parse_http_url(*location, _target.url);
+  if (is_redirect_status(status) && _location) {
+    _redirect = parse_http_url(*_location, _target.url);
     const bool steps_down = _redirect && _target.scheme == "https" && _redirect->scheme != "https";
     if (steps_down || !_may_follow_redirect) _redirect.reset();
     _body_use = _redirect ? BodyUse::dropped : BodyUse::error_text;

@@ -44,6 +44,7 @@ class Transfer {
 
   void _set_options(const Request& request);
   void _take_header_line(std::string_view line);
+  void _keep_location(std::string_view line);
   void _headers_are_complete();
   bool _take_body(std::string_view bytes);  // false when enough has come
   void _take_wanted(std::string_view bytes);
@@ -60,6 +61,7 @@ class Transfer {
   std::array<char, CURL_ERROR_SIZE> _error_text{};
 
   HttpHead _head;
+  std::optional<std::string> _location;  // of the answer, byte for byte: it is an address and no text
   std::optional<UrlParts> _redirect;
   BodyUse _body_use = BodyUse::unknown;
   std::string _piece;                // bytes for the sink that do not make a whole piece yet

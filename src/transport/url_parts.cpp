@@ -22,11 +22,12 @@ std::string part_of(const Handle& handle, CURLUPart part, unsigned flags = 0) {
 
 std::optional<UrlParts> parse_http_url(const std::string& reference, const std::string& base) {
   const Handle handle(curl_url(), curl_url_cleanup);
-  const auto set = [&handle](const std::string& url) {
-    return curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK;
+  const auto set = [&handle](const std::string& url, unsigned flags) {
+    return curl_url_set(handle.get(), CURLUPART_URL, url.c_str(), flags) == CURLUE_OK;
   };
   if (!handle || reference.find('\0') != std::string::npos) return std::nullopt;
-  if ((!base.empty() && !set(base)) || !set(reference)) return std::nullopt;
+  if (!base.empty() && !set(base, 0)) return std::nullopt;
+  if (!set(reference, base.empty() ? 0 : CURLU_URLENCODE | CURLU_ALLOW_SPACE)) return std::nullopt;
   UrlParts parts{.url = part_of(handle, CURLUPART_URL),
                  .scheme = text::lower(part_of(handle, CURLUPART_SCHEME)),
                  .host = text::lower(part_of(handle, CURLUPART_HOST)),

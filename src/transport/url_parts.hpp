@@ -18,8 +18,9 @@ struct UrlParts {
   }
 };
 
-/// Reads an address, `reference` being relative to `base` when it is not absolute. Absent when it is
-/// malformed, neither http nor https, or holds user information.
+/// Reads an address. With a `base` it is one that a server has sent: it may be relative, and blanks and bytes
+/// above 127 in it become escapes. Absent when it is malformed, neither http nor https, or holds user
+/// information.
 std::optional<UrlParts> parse_http_url(const std::string& reference, const std::string& base = {});
 
 }  // namespace tidalcrest::sync
