@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <regex>
@@ -64,7 +63,7 @@ bool has_authorization(const Request& request) {
 // What curl itself tells of its end, for a host that takes the exit code away: why it failed, and the status
 // that it writes out last.
 int exit_code_told(const ChildResult& completed) {
-  static const std::regex failure_form("curl: \\(([0-9]{1,3})\\)");
+  const std::regex failure_form("curl: \\(([0-9]{1,3})\\)");
   std::smatch match;
   if (std::regex_search(completed.standard_error, match, failure_form)) return std::stoi(match[1].str());
   const bool has_status =
@@ -95,22 +94,33 @@ ChildResult _run_curl_download_command(std::vector<std::string> arguments, int o
                       .most_file_bytes = most_file_bytes});
 }
 
+// Curl makes no file where nothing has come: a missing one counts as empty, and no other failure does.
+std::optional<client_manifest::UpdatableFile> open_if_present(const std::string& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor >= 0) return std::optional<client_manifest::UpdatableFile>(std::in_place, descriptor, path);
+  if (errno != ENOENT) throw_os_error(errno, path);
+  return std::nullopt;
+}
+
 // The start of a file, so that what a server sends without end does not fill the memory.
 std::string file_text_or_empty(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
+  auto file = open_if_present(path);
   std::string text(TEXT_LIMIT_BYTES, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
+  std::size_t filled = 0;
+  while (file && filled < text.size()) {
+    const std::size_t count = file->read(text.data() + filled, text.size() - filled);
+    if (count == 0) break;
+    filled += count;
+  }
+  text.resize(filled);
   return text;
 }
 
 void hand_over_file(const std::string& path, BodySink& sink) {
-  std::ifstream file(path, std::ios::binary);
+  auto file = open_if_present(path);
+  if (!file) return;
   std::string piece(static_cast<std::size_t>(_sync_http_response_read_bytes()), '\0');
-  while (file.read(piece.data(), static_cast<std::streamsize>(piece.size())) || file.gcount() > 0) {
-    sink.write({piece.data(), static_cast<std::size_t>(file.gcount())});
-  }
-  if (file.bad()) throw_os_error(EIO, path);
+  while (const std::size_t count = file->read(piece.data(), piece.size())) sink.write({piece.data(), count});
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -286,7 +296,7 @@ HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink&
                                       {"-D", header_path, "-o", body_path, "-w", "%{http_code}"}),
                         most_file_bytes);
 
-  const std::string headers_text = file_text_or_empty(header_path);
+  const std::string headers_text = locally([&] { return file_text_or_empty(header_path); });
   HttpHead head{_curl_status_from_stdout(completed.standard_output, headers_text),
                 _parse_curl_headers(headers_text)};
   const bool ended_well =
@@ -299,7 +309,7 @@ HttpHead _curl_request(const Request& request, double timeout_seconds, BodySink&
   }
   if (is_error_status(head.status)) {
     throw HTTPError(request.full_url, head.status, fmt::format("HTTP {}", head.status), head.headers,
-                    file_text_or_empty(body_path));
+                    locally([&] { return file_text_or_empty(body_path); }));
   }
   locally([&] {
     sink.begin(head.status, head.headers);
@@ -321,8 +331,8 @@ HttpHead _curl_download_to_file(const Request& request, client_manifest::Updatab
   file.flush();
 
   const std::string error_text = text::utf8_with_replacement(completed.standard_error);
-  static const std::regex status_form(std::string(STATUS_MARKER) + "([0-9]{3})");
-  static const std::regex status_line_form("\n?" + std::string(STATUS_MARKER) + "[0-9]{3}\n?");
+  const std::regex status_form(std::string(STATUS_MARKER) + "([0-9]{3})");
+  const std::regex status_line_form("\n?" + std::string(STATUS_MARKER) + "[0-9]{3}\n?");
   std::smatch match;
   const std::int64_t status =
       std::regex_search(error_text, match, status_form) ? to_int(std::string_view(match[1].str())) : 0;

@@ -96,7 +96,7 @@ TEST_F(CurlTransport, FetchesFromARealServer) {
   CollectingSink sink;
   const HttpHead head = _curl_request({server.url() + "/f", {{"Range", "bytes=2-5"}}}, 5.0, sink);
   EXPECT_EQ(head.status, 206);
-  EXPECT_EQ(*head.headers.find("ETag"), "x");
+  EXPECT_EQ(*head.headers.find_any_case("ETag"), "x");
   EXPECT_EQ(sink.body, "2345");
   const auto failure = caught<HTTPError>([&] { _curl_request({server.url() + "/gone", {}}, 5.0, sink); });
   EXPECT_EQ(failure.code, 404);
@@ -168,6 +168,11 @@ TEST_F(CurlTransport, AFullTemporaryVolumeEndsTheRequest) {
   };
   fake_curl("echo 'curl: (23) Failure writing output' >&2; printf 200; exit 23");
   EXPECT_EQ(requested(), "OSError: curl: (23) Failure writing output");
+  for (const char* unreadable : {"-D", "-o"}) {
+    fake_curl(
+        fmt::format("while [ \"$1\" != {} ]; do shift; done; ln -s \"$2\" \"$2\"; printf 200", unreadable));
+    EXPECT_THAT(requested(), HasSubstr("Too many levels of symbolic links"));
+  }
   const testing::ScopedEnvironment full("TMPDIR", "/proc");  // a directory that takes no file
   EXPECT_THAT(requested(), HasSubstr("temporary directory /proc/tidalcrest-curl-"));
   EXPECT_TRUE(backoff.waits().empty());
