@@ -33,19 +33,14 @@ std::optional<PinnedRoot> pinned_if_possible(const std::string& root) {
   }
 }
 
-std::string text_member(const Document& file_info, const std::string& key) {
-  const Document* value = find_member(file_info, key);
-  return value != nullptr && text::truthy(*value) ? text::str(*value) : std::string();
-}
-
 bool may_trust_hash_cache(const StagingRoots& roots, const std::string& data_dir, const Document& file_info) {
-  return roots.active_root == data_dir && text_member(file_info, "kind") != "vault_module";
+  return roots.active_root == data_dir && member_text(file_info, "kind") != "vault_module";
 }
 
 void check_declared_identity(const Document* file_info, const client_manifest::FileIdentity& identity,
                              const std::string& path) {
   if (file_info == nullptr) return;  // a derived snapshot has no declaration
-  const std::string expected_sha = text_member(*file_info, "sha256");
+  const std::string expected_sha = member_text(*file_info, "sha256");
   if (expected_sha.empty()) return;
   const Document* expected_size = find_member(*file_info, "size_bytes");
   const auto size_differs = [&] {
@@ -153,13 +148,13 @@ DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::s
   const PinnedRoot candidate(candidate_root);
   for (const auto& source_path : selected_paths) {
     const Document& file_info = *manifest.file_entry(source_path);
-    const auto module_name = runtime_module_name_from_kind(text_member(file_info, "kind"), source_path);
+    const auto module_name = runtime_module_name_from_kind(member_text(file_info, "kind"), source_path);
     if (!module_name || module_name->empty()) continue;
     // Measured and copied in the kernel: a module may be large, and nothing needs it in memory.
     const auto source = candidate.identify_regular_file(source_path, "candidate runtime extension source");
     const Document* size_member = find_member(file_info, "size_bytes");
     const Document declared_size = size_member != nullptr ? *size_member : Document();
-    const std::string declared_sha = text_member(file_info, "sha256");
+    const std::string declared_sha = member_text(file_info, "sha256");
     const auto require_declared = [&](const client_manifest::FileIdentity& measured) {
       if (measured.size_bytes == to_int(declared_size) && measured.sha256 == declared_sha) return;
       throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
@@ -188,7 +183,7 @@ local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest
                                                           client_manifest::DEFAULT_BLOCK_BYTES, stop_check);
     const Document* file_info = manifest.file_entry(path);
     check_declared_identity(file_info, identity, path);
-    if (remembering != nullptr && file_info != nullptr && text_member(*file_info, "kind") != "vault_module")
+    if (remembering != nullptr && file_info != nullptr && member_text(*file_info, "kind") != "vault_module")
       remembering->_remember_local_sha(path, identity);
     in_order[i] = {identity.sha256, identity.size_bytes};
   });

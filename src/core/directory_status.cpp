@@ -29,11 +29,6 @@ namespace {
 using local_cohort::CohortRootKind;
 using local_cohort::Selection;
 
-Document member_or_null(const Document& object, const char* key) {
-  const Document* member = find_member(object, key);
-  return member != nullptr ? *member : Document(nullptr);
-}
-
 std::int64_t declared_bytes(const Selection& selection) {
   const Document* files = find_member(*selection.manifest, "files");
   std::int64_t bytes = 0;

@@ -2,11 +2,13 @@
 
 #include <filesystem>
 
+#include "host/never_destroyed.hpp"
+
 namespace tidalcrest::sync {
 
 Registry& Registry::of_this_process() {
-  static Registry* registry = new Registry;  // outlives every thread that a manager started
-  return *registry;
+  static Registry& registry = never_destroyed<Registry>();
+  return registry;
 }
 
 std::string canonical_path(const std::string& data_dir) {

@@ -29,18 +29,6 @@ std::string staging_path(const std::string& file_path) {
   return _safe_manifest_relative_path(file_path) + ".tmp";
 }
 
-std::int64_t integer_or_zero(const Document& value) { return text::truthy(value) ? to_int(value) : 0; }
-
-std::string text_member(const Document& file_info, const char* key) {
-  const Document* value = find_member(file_info, key);
-  return value != nullptr && text::truthy(*value) ? text::str(*value) : std::string();
-}
-
-const Document& entry_of(const FileToDownload& file) {
-  static const Document no_entry = Document::object();
-  return file.file_info == nullptr ? no_entry : *file.file_info;
-}
-
 // Keys sorted at every level. Written as it goes: a document of it would hold a large download set once more.
 std::string progress_entries(const FilesToDownload& files_to_download) {
   std::vector<const FileToDownload*> sorted;
@@ -51,10 +39,10 @@ std::string progress_entries(const FilesToDownload& files_to_download) {
   std::string entries = "{";
   const char* separator = "";
   for (const auto* file : sorted) {
-    const Document& entry = entry_of(*file);
+    const Document& entry = file->entry();
     fmt::format_to(std::back_inserter(entries), R"({}{}: {{"kind": {}, "platform": {})",
                    std::exchange(separator, ", "), dump_json(file->file_path),
-                   dump_json(text_member(entry, "kind")), dump_json(text_member(entry, "platform")));
+                   dump_json(member_text(entry, "kind")), dump_json(member_text(entry, "platform")));
     if (const auto [known, size] = manifest_file_size(entry); known)
       fmt::format_to(std::back_inserter(entries), R"(, "size_bytes": {})", size);
     entries += '}';
@@ -111,16 +99,16 @@ void _write_sync_progress_json(const std::string& data_dir, const Manifest& mani
   Document unknown_size_files = Document::array();
   std::uint64_t total_bytes = 0;
   for (const auto& file : files_to_download) {
-    const auto [known, size] = manifest_file_size(entry_of(file));
+    const auto [known, size] = manifest_file_size(file.entry());
     if (!known) unknown_size_files.push_back(file.file_path);
     total_bytes += static_cast<std::uint64_t>(size);
   }
   const std::string progress = fmt::format(
       R"({{"era_number": {}, "files": {}, "phase": "syncing", "total_bytes": {}, "total_bytes_known": {}, )"
       R"("unknown_size_files": {}, "updated_at": {}, "version": {}}})",
-      integer_or_zero(manifest.era_number()), progress_entries(files_to_download), total_bytes,
+      int_or_zero(manifest.era_number()), progress_entries(files_to_download), total_bytes,
       unknown_size_files.empty(), dump_json(unknown_size_files), dump_json(seams.wall_seconds()),
-      integer_or_zero(manifest.version()));
+      int_or_zero(manifest.version()));
   _atomic_write(_sync_progress_path(data_dir), progress);
 }
 

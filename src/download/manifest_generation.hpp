@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/never_destroyed.hpp"
 #include "tidalcrest/sync/document.hpp"
 
 namespace tidalcrest::sync {
@@ -23,6 +24,10 @@ struct ManifestGeneration {
 struct FileToDownload {
   std::string file_path;
   const Document* file_info = nullptr;  ///< null stands for an empty entry
+  const Document& entry() const {
+    static const auto& empty = never_destroyed<const Document>(Document::object());
+    return file_info != nullptr ? *file_info : empty;
+  }
 };
 
 /// Manifest order is kept.

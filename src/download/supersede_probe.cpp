@@ -14,13 +14,6 @@
 namespace tidalcrest::sync {
 namespace {
 
-const Document ABSENT;
-
-const Document& member_or_null(const Document& document, const std::string& key) {
-  const Document* value = find_member(document, key);
-  return value != nullptr ? *value : ABSENT;
-}
-
 // A later era wins and an earlier one loses, whatever the versions say; absent when the eras do not decide.
 std::optional<bool> decided_by_eras(const std::optional<std::int64_t>& served,
                                     const std::optional<std::int64_t>& expected) {
@@ -95,21 +88,22 @@ std::optional<SupersedeProbe::Served> SupersedeProbe::_served_version(const std:
   }
 }
 
-std::optional<Document> SupersedeProbe::_public_manifest_probe_once(const Document& base_url) const {
-  if (!_manifest_base_url_uses_public_download(_server_url, base_url)) return std::nullopt;
+std::shared_ptr<const Document> SupersedeProbe::_public_manifest_probe_once(const Document& base_url) const {
+  if (!_manifest_base_url_uses_public_download(_server_url, base_url)) return nullptr;
   try {
     const std::string manifest_url = _manifest_file_url(_server_url, "manifest.json", base_url);
     const Request request{manifest_url, {{"User-Agent", SYNC_USER_AGENT}}};
     const HttpResult answer = _http.client()._open_request(
         request, _sync_manifest_version_http_timeout_seconds(), _http.knobs().transport());
-    if (answer.status != 200 && answer.status != 0) return std::nullopt;
-    return _parse_full_distribution_manifest_bytes(answer.body, "public manifest.json supersede probe");
+    if (answer.status != 200 && answer.status != 0) return nullptr;
+    // Many workers may ask at once, mostly for the bytes that the running sync has parsed.
+    return _shared_full_distribution_manifest(answer.body, "public manifest.json supersede probe");
   } catch (const HTTPError& answer) {
     log::debug("Public manifest supersede probe returned HTTP %d", answer.code);
-    return std::nullopt;
+    return nullptr;
   } catch (const std::exception& failure) {
     log::debug("Public manifest supersede probe failed: %s", failure.what());
-    return std::nullopt;
+    return nullptr;
   }
 }
 

@@ -79,6 +79,8 @@ std::int64_t to_int(const Document& value) {
   }
 }
 
+std::int64_t int_or_zero(const Document& value) { return text::truthy(value) ? to_int(value) : 0; }
+
 std::optional<std::int64_t> try_int(const Document& value) noexcept {
   try {
     return to_int(value);

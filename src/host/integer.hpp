@@ -14,6 +14,9 @@ namespace tidalcrest::sync {
 std::int64_t to_int(const Document& value);
 std::int64_t to_int(std::string_view value);
 
+/// The same, 0 for what the host takes for false: null, an empty text.
+std::int64_t int_or_zero(const Document& value);
+
 /// The same, absent where `to_int` throws.
 std::optional<std::int64_t> try_int(const Document& value) noexcept;
 

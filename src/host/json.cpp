@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "host/never_destroyed.hpp"
 #include "host/plain_json.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -169,6 +170,17 @@ const Document* find_member(const Document& value, std::string_view key) {
   const auto& object = value.get_ref<const Document::object_t&>();
   const auto member = object.find(key);
   return member == object.end() ? nullptr : &member->second;
+}
+
+const Document& member_or_null(const Document& value, std::string_view key) {
+  static const auto& null = never_destroyed<const Document>();
+  const Document* member = find_member(value, key);
+  return member != nullptr ? *member : null;
+}
+
+std::string member_text(const Document& value, std::string_view key, std::string_view otherwise) {
+  const Document& member = member_or_null(value, key);
+  return text::truthy(member) ? text::str(member) : std::string(otherwise);
 }
 
 }  // namespace tidalcrest::sync

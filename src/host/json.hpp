@@ -26,5 +26,9 @@ std::string dump_json(const Document& value, JsonStyle style = {});
 
 /// The member of an object, or null when `value` is no object or has no such key.
 const Document* find_member(const Document& value, std::string_view key);
+/// The same, with a null value for null.
+const Document& member_or_null(const Document& value, std::string_view key);
+/// The plain text of a member; `otherwise` when the host takes the member for false, as what is missing.
+std::string member_text(const Document& value, std::string_view key, std::string_view otherwise = {});
 
 }  // namespace tidalcrest::sync

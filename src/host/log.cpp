@@ -5,6 +5,7 @@
 
 #include "host/failures.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 
 namespace tidalcrest::sync {
 namespace {
@@ -24,10 +25,9 @@ struct Sink {
       std::make_shared<const LogSink>(write_to_standard_error);
 };
 
-// Never destroyed: a background thread may still speak while the process exits.
 Sink& sink() {
-  static Sink* const holder = new Sink;
-  return *holder;
+  static Sink& holder = never_destroyed<Sink>();
+  return holder;
 }
 
 std::shared_ptr<const LogSink> current_sink() {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/json.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "manifest/sanitising.hpp"
 #include "siblings/distribution/manifest_document.hpp"
@@ -68,9 +69,9 @@ bool is_absent(const MembershipSections& sections, const Section& section) {
 
 }  // namespace
 
-const Document Manifest::ZERO = 0;
-const Document Manifest::NONE = nullptr;
-const Document Manifest::EMPTY = Document::object();
+const Document& Manifest::ZERO = never_destroyed<const Document>(0);
+const Document& Manifest::NONE = never_destroyed<const Document>(nullptr);
+const Document& Manifest::EMPTY = never_destroyed<const Document>(Document::object());
 
 Manifest::Manifest(Document data) : Manifest(std::make_shared<const Document>(std::move(data))) {}
 

@@ -30,11 +30,6 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
   }
 }
 
-std::int64_t integer_member(const Document& manifest_data, const char* key) {
-  const Document* value = find_member(manifest_data, key);
-  return value == nullptr || !text::truthy(*value) ? 0 : to_int(*value);
-}
-
 struct RecordedGeneration {
   std::int64_t version;
   std::int64_t era_number;
@@ -96,8 +91,8 @@ void _write_manifest_sync_metadata(const std::string& data_dir, const Document& 
   const auto local_sha256 = local_manifest_sha256(data_dir);
   if (!local_sha256) return;
   const Document metadata = {
-      {"version", integer_member(manifest_data, "version")},
-      {"era_number", integer_member(manifest_data, "era_number")},
+      {"version", int_or_zero(member_or_null(manifest_data, "version"))},
+      {"era_number", int_or_zero(member_or_null(manifest_data, "era_number"))},
       {"server_manifest_sha256", server_manifest_sha256.value_or("")},
       {"server_manifest_body_sha256", server_manifest_body_sha256.value_or("")},
       {"local_manifest_sha256", *local_sha256},

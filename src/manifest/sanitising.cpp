@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/json.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/runtime/modules.hpp"
@@ -41,7 +42,7 @@ void require_object(const Document& manifest_data) {
 // The `files` of the document, an empty object when it has none. Any other type, null included, is no
 // manifest.
 const Document& files_of(const Document& manifest_data) {
-  static const Document none = Document::object();
+  static const auto& none = never_destroyed<const Document>(Document::object());
   require_object(manifest_data);
   const Document* files = find_member(manifest_data, "files");
   if (files == nullptr) return none;

@@ -177,13 +177,10 @@ Document _rotation_catalog_context(const Manifest& manifest, const Artifacts& ar
     if (!artifact->subfamily.empty()) subfamilies.insert(artifact->subfamily);
   }
 
-  static const Document none = Document::object();
-  const Document* rotation = find_member(manifest.data(), "rotation");
-  const Document* scope = rotation != nullptr ? find_member(*rotation, "scope") : nullptr;
-  if (scope == nullptr || !scope->is_object()) scope = &none;
-  const Document* scope_market = set_member(*scope, "market");
-  const Document* scope_universes = find_member(*scope, "named_universes");
-  const Document* scope_universe = set_member(*scope, "named_universe");
+  const Document& scope = member_or_null(member_or_null(manifest.data(), "rotation"), "scope");
+  const Document* scope_market = set_member(scope, "market");
+  const Document* scope_universes = find_member(scope, "named_universes");
+  const Document* scope_universe = set_member(scope, "named_universe");
 
   std::string market = markets.empty() ? std::string() : *markets.begin();
   if (scope_market != nullptr) market = text::str(*scope_market);

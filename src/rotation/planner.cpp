@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <limits>
 #include <set>
+#include <span>
 #include <tuple>
 
 #include "host/json.hpp"
@@ -19,11 +20,15 @@ namespace {
 using artifact_rotation::ArtifactRotationSettings;
 using rotation_settings::RotationSettings;
 
-const std::vector<std::string> METADATA_RELATIVE_PATHS = {
+constexpr const char* METADATA_RELATIVE_PATHS[] = {
     "manifest.json", "shuffle_seed.enc", "shuffle_seed.enc.meta.json", FEATURE_ROTATION_STATE_FILENAME};
-const std::vector<std::string> ROTATION_CLEANUP_PREFIXES = {"features/",         "named_universes/",
-                                                            "universe_masks/",   "found_signals/",
-                                                            "found_strategies/", "useful_signals/"};
+constexpr const char* ROTATION_CLEANUP_PREFIXES[] = {"features/",         "named_universes/",
+                                                     "universe_masks/",   "found_signals/",
+                                                     "found_strategies/", "useful_signals/"};
+
+std::vector<std::string> texts_of(std::span<const char* const> constants) {
+  return {constants.begin(), constants.end()};
+}
 
 bool state_file_exists(const std::string& data_dir) {
   std::error_code ignored;
@@ -240,11 +245,12 @@ void RotationPlanner::_cleanup_inactive_rotation_artifacts(
       std::set<std::string> protected_paths(active_relative_paths.begin(), active_relative_paths.end());
       protected_paths.insert(prefetched.begin(), prefetched.end());
       keep_paths = artifact_rotation::rotation_cleanup_keep_paths(manifest.files(), protected_paths,
-                                                                  METADATA_RELATIVE_PATHS);
+                                                                  texts_of(METADATA_RELATIVE_PATHS));
     }
     return keep_paths->contains(path);
   };
-  client_manifest::cleanup_contained_regular_files_in_prefixes(_data_dir, ROTATION_CLEANUP_PREFIXES, is_kept);
+  client_manifest::cleanup_contained_regular_files_in_prefixes(_data_dir, texts_of(ROTATION_CLEANUP_PREFIXES),
+                                                               is_kept);
 }
 
 RotationState RotationPlanner::_complete_rotation_promotion(

@@ -59,13 +59,13 @@ std::set<std::string> PrefetchedFeatures::_read_prefetched_feature_relative_path
     if (!is_unusable(failure)) throw;  // bad JSON is
     return {};
   }
-  static const Document absent;
   const Document* version = find_member(payload, "schema_version");
-  const Document* era = find_member(payload, "era_number");
   const Document* recorded = find_member(payload, "paths");
   if (!payload.is_object() || version == nullptr) return {};
   if (!host_equal(*version, PREFETCHED_FEATURES_VERSION)) return {};
-  if (!host_equal(era ? *era : absent, era_document(_manifest_era_number_or_none(manifest)))) return {};
+  if (!host_equal(member_or_null(payload, "era_number"),
+                  era_document(_manifest_era_number_or_none(manifest))))
+    return {};
   std::vector<std::string> paths;
   if (recorded != nullptr && recorded->is_array()) {
     for (const auto& path : *recorded) paths.push_back(text::str(path));

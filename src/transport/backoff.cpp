@@ -29,22 +29,16 @@ Document read_progress(const std::string& progress_path) {
   return Document::object();
 }
 
-std::string text_of(const Document& event, const char* key, const std::string& otherwise) {
-  const Document* value = find_member(event, key);
-  return value != nullptr && text::truthy(*value) ? text::str(*value) : otherwise;
-}
-
 Document backoff_entry(const Document& event) {
-  const Document* attempt = find_member(event, "attempt");
-  const Document* wait = find_member(event, "wait_seconds");
-  const std::string surface = text_of(event, "surface", "");
+  const Document& wait = member_or_null(event, "wait_seconds");
+  const std::string surface = member_text(event, "surface");
   // Details of failures do not reach the background worker's surface.
   const std::string reason =
-      surface == "background_worker" ? "transient" : text_of(event, "reason", "transient");
+      surface == "background_worker" ? "transient" : member_text(event, "reason", "transient");
   return {
       {"surface", surface},
-      {"attempt", attempt != nullptr && text::truthy(*attempt) ? to_int(*attempt) : 0},
-      {"wait_seconds", wait != nullptr && wait->is_number() ? wait->get<double>() : 0.0},
+      {"attempt", int_or_zero(member_or_null(event, "attempt"))},
+      {"wait_seconds", wait.is_number() ? wait.get<double>() : 0.0},
       {"reason", reason},
   };
 }
@@ -90,7 +84,8 @@ Document _emit_sync_backoff_wait(const std::string& default_surface, std::int64_
                                  const Seams& seams) {
   Document event = sync_backoff::module_seam().current()->sync_backoff_event_fields(
       _sync_backoff_surface(default_surface), attempt_index + 1, wait_seconds, reason, file_path);
-  event.update(_sync_backoff_wait_guidance(text_of(event, "surface", default_surface), reason, file_path));
+  event.update(
+      _sync_backoff_wait_guidance(member_text(event, "surface", default_surface), reason, file_path));
   _emit_tidalcrest_sync_event(event);
   _write_sync_backoff_progress_json(event, seams);
   return event;

@@ -1,15 +1,15 @@
 #include "transport/events.hpp"
 
 #include <algorithm>
-#include <array>
 #include <map>
-#include <set>
+#include <span>
 
 #include "host/endpoint.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/catalog/reason_descriptions.hpp"
@@ -17,35 +17,42 @@
 namespace tidalcrest::sync {
 namespace {
 
-Mutex coalesce_mutex;  // a leaf, nothing is logged under it
-std::map<std::string, int> coalesce_counts GUARDED_BY(coalesce_mutex);
+struct CoalesceCounts {
+  Mutex mutex;  // a leaf, nothing is logged under it
+  std::map<std::string, int> by_key GUARDED_BY(mutex);
+};
 
-// The member, null when it is absent.
-const Document& member(const Document& object, const std::string& key) {
-  static const Document absent;
-  const Document* found = find_member(object, key);
-  return found == nullptr ? absent : *found;
+CoalesceCounts& coalesce_counts() {
+  static CoalesceCounts& counts = never_destroyed<CoalesceCounts>();
+  return counts;
 }
 
-// The text of a member, `otherwise` when it is absent or empty.
-std::string text_or(const Document& object, const std::string& key, const std::string& otherwise) {
-  const Document& value = member(object, key);
-  return text::truthy(value) ? text::str(value) : otherwise;
+constexpr std::string_view NETWORK_REASONS[] = {"urlerror", "timeouterror", "oserror", "connectionerror"};
+constexpr std::string_view ROUTINE_EVENTS[] = {
+    "sync_unavailable_status", "http_retry",      "sync_backoff_wait",  "range_resume",
+    "range_resume_reset",      "checksum_repair", "manifest_superseded"};
+// The fields that change from one repeat to the next.
+constexpr std::string_view CHANGING_FIELDS[] = {"attempt",      "count",          "elapsed_seconds",
+                                                "wait_seconds", "bytes_existing", "actual_size",
+                                                "range_start",  "range_end"};
+
+bool is_one_of(std::span<const std::string_view> names, std::string_view name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 std::optional<std::string> text_if_present(const Document& object, const std::string& key) {
-  const Document& value = member(object, key);
+  const Document& value = member_or_null(object, key);
   return value.is_null() ? std::nullopt : std::optional(text::str(value));
 }
 
 // The server's typed code, or the older `error`.
 std::string error_code_of(const Document& details) {
-  return text_or(details, "error_code", text_or(details, "error", ""));
+  return member_text(details, "error_code", member_text(details, "error"));
 }
 
 bool contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
 
-std::string event_type_of(const Document& event) { return text_or(event, "event_type", ""); }
+std::string event_type_of(const Document& event) { return member_text(event, "event_type"); }
 
 const char* _sync_local_data_status() {
   return "intact and preserved, but not run because fresh data is required";
@@ -62,14 +69,14 @@ SyncUnavailableError _sync_unavailable_from(const std::string& url, std::int64_t
   told.failures = failures;
   if (const auto code = error_code_of(details); !code.empty()) told.server_error_code = code;
   told.dependency = text_if_present(details, "dependency");
-  if (const Document& retryable = member(details, "retryable"); retryable.is_boolean()) {
+  if (const Document& retryable = member_or_null(details, "retryable"); retryable.is_boolean()) {
     told.retryable = retryable.get<bool>();
   }
   told.recovery = text_if_present(details, "recovery");
   told.reason = text_if_present(details, "reason");
   told.typed_details = false;
   for (const char* key : {"error_code", "dependency", "retryable", "recovery"}) {
-    if (!member(details, key).is_null()) told.typed_details = true;
+    if (!member_or_null(details, key).is_null()) told.typed_details = true;
   }
   return {url, attempts, std::move(told)};
 }
@@ -101,13 +108,11 @@ std::string _sync_event_file_from_url(const std::string& url) {
 
 Document _sync_backoff_wait_guidance(const std::string& surface, const std::string& reason,
                                      const std::string&) {
-  static const std::set<std::string> network_reasons = {"urlerror", "timeouterror", "oserror",
-                                                        "connectionerror"};
   const std::string normalized_reason = text::lower(reason);
   const auto guidance = [](const char* message, const char* next_action) -> Document {
     return {{"recovery", "retry_with_backoff"}, {"message", message}, {"next_action", next_action}};
   };
-  if (surface == "http_request" && network_reasons.contains(normalized_reason)) {
+  if (surface == "http_request" && is_one_of(NETWORK_REASONS, normalized_reason)) {
     return guidance(
         "Transient network/SSL error while downloading sync data; TidalCrest will retry after backoff. "
         "Large files use ranged requests so a failed read retries only the current range.",
@@ -140,9 +145,9 @@ bool _sync_event_value_mentions_timeout(const Document& value) {
 
 bool _sync_event_mentions_timeout(const Document& event) {
   for (const char* key : {"reason", "last_server_error_code", "error_code"}) {
-    if (_sync_event_value_mentions_timeout(member(event, key))) return true;
+    if (_sync_event_value_mentions_timeout(member_or_null(event, key))) return true;
   }
-  const Document& sequence = member(event, "exception_sequence");
+  const Document& sequence = member_or_null(event, "exception_sequence");
   return sequence.is_array() &&
          std::any_of(sequence.begin(), sequence.end(), _sync_event_value_mentions_timeout);
 }
@@ -153,23 +158,20 @@ std::string _sync_event_level_name(const Document& event) {
   if (event_type == "checksum_repair_exhausted") return "warning";
   // A timeout outage is the one thing reported as an error.
   if (event_type == "sync_unavailable_status" && _sync_event_mentions_timeout(event)) return "error";
-  const std::string next_action = text::lower(text_or(event, "next_action", ""));
-  const std::string recovery = text::lower(text_or(event, "recovery", ""));
+  const std::string next_action = text::lower(member_text(event, "next_action"));
+  const std::string recovery = text::lower(member_text(event, "recovery"));
   if (contains(next_action, "contact_tidalcrest") || contains(next_action, "contact tidalcrest") ||
       contains(next_action, "reauthenticate") || recovery == "operator_fix_required" ||
       recovery == "reauthenticate") {
     return "warning";
   }
-  if (event_type == "sync_unavailable_status" && member(event, "retryable") == false) return "warning";
+  if (event_type == "sync_unavailable_status" && member_or_null(event, "retryable") == false)
+    return "warning";
   return "info";
 }
 
 bool _sync_event_is_coalescible(const Document& event) {
-  static const std::set<std::string> routine = {
-      "sync_unavailable_status", "http_retry",      "sync_backoff_wait",   "range_resume",
-      "range_resume_reset",      "checksum_repair", "manifest_superseded",
-  };
-  return _sync_event_level_name(event) == "info" && routine.contains(event_type_of(event));
+  return _sync_event_level_name(event) == "info" && is_one_of(ROUTINE_EVENTS, event_type_of(event));
 }
 
 std::string _sync_event_stable_coalesce_value(const Document& value) {
@@ -178,13 +180,9 @@ std::string _sync_event_stable_coalesce_value(const Document& value) {
 }
 
 std::string _sync_event_coalesce_key(const Document& event) {
-  // The fields that change from one repeat to the next.
-  static const std::set<std::string> changing = {"attempt",      "count",          "elapsed_seconds",
-                                                 "wait_seconds", "bytes_existing", "actual_size",
-                                                 "range_start",  "range_end"};
   std::map<std::string, std::string> sorted;
   for (const auto& [key, value] : event.get_ref<const Document::object_t&>()) {
-    if (!changing.contains(key)) sorted.emplace(key, _sync_event_stable_coalesce_value(value));
+    if (!is_one_of(CHANGING_FIELDS, key)) sorted.emplace(key, _sync_event_stable_coalesce_value(value));
   }
   std::string joined;
   for (const auto& [key, value] : sorted) joined += key + '\0' + value + '\0';
@@ -194,8 +192,9 @@ std::string _sync_event_coalesce_key(const Document& event) {
 bool _should_emit_sync_event(const Document& event) {
   if (!_sync_event_is_coalescible(event)) return true;
   const std::string key = _sync_event_coalesce_key(event);
-  const MutexLock lock(coalesce_mutex);
-  return coalesce_counts[key]++ < SYNC_EVENT_COALESCE_LIMIT;
+  CoalesceCounts& counts = coalesce_counts();
+  const MutexLock lock(counts.mutex);
+  return counts.by_key[key]++ < SYNC_EVENT_COALESCE_LIMIT;
 }
 
 void _emit_tidalcrest_sync_event(const Document& event) {
@@ -222,9 +221,9 @@ void _log_sync_event(const std::string& event_type, const std::string& file_path
 
 std::string _sync_unavailable_action_recovery(const Document& details) {
   const std::string error_code = text::lower(error_code_of(details));
-  const std::string dependency = text::lower(text_or(details, "dependency", ""));
-  const std::string reason = text::lower(text_or(details, "reason", ""));
-  const std::string recovery = text::lower(text_or(details, "recovery", "retry_with_backoff"));
+  const std::string dependency = text::lower(member_text(details, "dependency"));
+  const std::string reason = text::lower(member_text(details, "reason"));
+  const std::string recovery = text::lower(member_text(details, "recovery", "retry_with_backoff"));
   if (contains(error_code, "auth") || contains(dependency, "auth") || contains(dependency, "wallet_token") ||
       contains(error_code, "401")) {
     return "reauthenticate";
@@ -241,27 +240,27 @@ std::string _sync_unavailable_next_action(const Document& details) {
   const Document described = reason_descriptions::describe_reason(
       "SyncUnavailableError", {.recovery = _sync_unavailable_action_recovery(details),
                                .error_code = error_code.empty() ? Document() : Document(error_code),
-                               .dependency = member(details, "dependency"),
-                               .reason = member(details, "reason")});
-  return text_or(described, "rendered", text_or(described, "recovery", ""));
+                               .dependency = member_or_null(details, "dependency"),
+                               .reason = member_or_null(details, "reason")});
+  return member_text(described, "rendered", member_text(described, "recovery"));
 }
 
 Document _emit_sync_unavailable_status(const std::string& event_type, const std::string& url,
                                        const std::vector<std::int64_t>& statuses,
                                        const std::vector<std::string>& failures, const Document& details,
                                        double started_at, const Seams& seams) {
-  const Document& retryable = member(details, "retryable");
-  const Document& reason = member(details, "reason");
+  const Document& retryable = member_or_null(details, "retryable");
+  const Document& reason = member_or_null(details, "reason");
   Document event = {
       {"event_type", event_type},
       {"endpoint", _sync_endpoint_from_url(url.empty() ? "<unknown>" : url)},
       {"status_sequence", statuses},
       {"exception_sequence", failures},
       {"last_server_error_code", error_code_of(details)},
-      {"dependency", text_or(details, "dependency", "network")},
+      {"dependency", member_text(details, "dependency", "network")},
       {"retryable", retryable.is_null() || text::truthy(retryable)},
       {"elapsed_seconds", std::max(0.0, seams.monotonic_seconds() - started_at)},
-      {"recovery", text_or(details, "recovery", "retry_with_backoff")},
+      {"recovery", member_text(details, "recovery", "retry_with_backoff")},
       {"local_data_status", _sync_local_data_status()},
       {"next_action", _sync_unavailable_next_action(details)},
   };

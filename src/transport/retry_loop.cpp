@@ -17,11 +17,6 @@ namespace {
 
 constexpr const char* WAIT_SURFACE = "http_request";
 
-Document member_or_null(const Document& object, const char* key) {
-  const Document* found = find_member(object, key);
-  return found == nullptr ? Document() : *found;
-}
-
 // The memory of one call of the retry loop.
 class Outage {
  public:

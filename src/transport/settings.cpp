@@ -33,11 +33,6 @@ std::int64_t positive_integer(const Document& raw, const char* knob) {
 
 }  // namespace
 
-const std::set<std::int64_t>& _transient_http_statuses() {
-  static const std::set<std::int64_t> statuses = {408, 425, 429, 500, 502, 503, 504};
-  return statuses;
-}
-
 double _sync_http_timeout_seconds() { return SYNC_HTTP_TIMEOUT_SECONDS; }
 
 double _sync_manifest_version_http_timeout_seconds() { return SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS; }
@@ -69,7 +64,7 @@ std::string _sync_parallel_timeout_description(std::optional<double> timeout_sec
 
 bool _should_retry_http_status(const Document& status) {
   try {
-    return _transient_http_statuses().contains(to_int(status));
+    return std::ranges::count(TRANSIENT_HTTP_STATUSES, to_int(status)) > 0;
   } catch (const TypeError&) {
     return false;
   } catch (const ValueError&) {

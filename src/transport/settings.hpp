@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "tidalcrest/sync/document.hpp"
@@ -20,13 +19,11 @@ inline constexpr double SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS = 30.0;
 inline constexpr std::int64_t SYNC_HTTP_CHUNK_BYTES = 67108864;
 inline constexpr std::int64_t SYNC_HTTP_RESPONSE_READ_BYTES = 65536;
 inline constexpr std::int64_t SYNC_MAX_CONCURRENCY = 8;
+inline constexpr std::int64_t TRANSIENT_HTTP_STATUSES[] = {408, 425, 429, 500, 502, 503, 504};
 /// Host of the public data origin, a constant of the deployment. Its subdomains count as well.
 inline constexpr const char* PUBLIC_DATA_ORIGIN_HOST = "data.tidalcrest.example";
 inline constexpr double SYNC_PARALLEL_TIMEOUT_SECONDS =
     300.0;  ///< consulted by no path, see `_sync_parallel_timeout_seconds`
-
-/// The statuses that count as transient.
-const std::set<std::int64_t>& _transient_http_statuses();
 
 double _sync_http_timeout_seconds();
 double _sync_manifest_version_http_timeout_seconds();

@@ -62,9 +62,9 @@ class Manifest {
   void install_membership(std::shared_ptr<const MembershipSections> sections) const;
 
  private:
-  static const Document ZERO;
-  static const Document NONE;
-  static const Document EMPTY;
+  static const Document& ZERO;
+  static const Document& NONE;
+  static const Document& EMPTY;
   const Document& _attribute(const char* key, const Document& missing) const noexcept;
 
   std::shared_ptr<const Document> _data;

@@ -2,6 +2,7 @@
 
 #include "host/log.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 
 namespace tidalcrest::sync::auth {
 namespace {
@@ -25,8 +26,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 void notify_era_change(std::int64_t era_number) { module_seam().current()->notify_era_change(era_number); }

@@ -1,6 +1,7 @@
 #include "siblings/auth/identity.hpp"
 
 #include "host/json.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -27,8 +28,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 Identity resolve_identity_for_data_dir(const std::string& data_dir) {

@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 
 namespace tidalcrest::sync::reason_descriptions {
@@ -39,8 +40,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 Document describe_reason(const std::string& reason_class, const ReasonDetails& details) {

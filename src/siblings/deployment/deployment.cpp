@@ -8,6 +8,7 @@
 #include "host/child_process.hpp"
 #include "host/log.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/deployment/version.hpp"
 
 namespace tidalcrest::sync::deployment {
@@ -121,15 +122,15 @@ class BuiltIn final : public Module {
 };
 
 const std::shared_ptr<BuiltIn>& built_in() {
-  static const auto* const module = new std::shared_ptr<BuiltIn>(std::make_shared<BuiltIn>());
-  return *module;
+  static const auto& module = never_destroyed<std::shared_ptr<BuiltIn>>(std::make_shared<BuiltIn>());
+  return module;
 }
 
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(built_in());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(built_in());
+  return seam;
 }
 
 std::string _current_version() { return module_seam().current()->current_version(); }

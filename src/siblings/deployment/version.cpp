@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/integer.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -28,7 +29,7 @@ struct Version {
 };
 
 Version parse_version(const std::string& given) {
-  static const std::regex form(
+  static const auto& form = never_destroyed<const std::regex>(
       R"(v?([0-9]+(?:\.[0-9]+)*)(?:[._-]?(a|b|rc)[._-]?([0-9]+))?(?:[._-]?post[._-]?([0-9]+))?)"
       R"((?:[._-]?dev[._-]?([0-9]+))?(?:\+[a-z0-9]+(?:[._-][a-z0-9]+)*)?)");
   const std::string text = text::lower(text::strip(given));

@@ -68,13 +68,12 @@ Document parse_index(std::string_view body) {
 }
 
 void check_identity(const Document& index, const Document& manifest, const char* key) {
-  static const Document none;
   const Document* found = find_member(index, key);
   const Document* expected = find_member(manifest, key);
   if (found == nullptr || expected == nullptr || !host_equal(*found, *expected)) {
     throw ValueError(fmt::format("signals_index {}={} does not match manifest {}={}", key,
-                                 text::repr(found ? *found : none), key,
-                                 text::repr(expected ? *expected : none)));
+                                 text::repr(member_or_null(index, key)), key,
+                                 text::repr(member_or_null(manifest, key))));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "host/json.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/distribution/sync_progress.hpp"
 #include "siblings/era_config/epoch_name.hpp"
 
@@ -10,7 +11,7 @@ namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
 const std::string& text_member(const Document& file_info, const char* key) {
-  static const std::string none;
+  static const auto& none = never_destroyed<const std::string>();
   const Document* value = find_member(file_info, key);
   return value != nullptr && value->is_string() ? value->get_ref<const std::string&>() : none;
 }
@@ -43,7 +44,7 @@ bool is_mandatory(const Document& file_info, const std::string& artifact_kind) {
 }  // namespace
 
 const std::set<std::string>& FEATURE_ARTIFACT_KINDS() {
-  static const std::set<std::string> kinds = {"feature"};
+  static const auto& kinds = never_destroyed<const std::set<std::string>>(std::set<std::string>{"feature"});
   return kinds;
 }
 

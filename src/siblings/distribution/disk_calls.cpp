@@ -6,6 +6,8 @@
 
 #include <cstdio>
 
+#include "host/never_destroyed.hpp"
+
 namespace tidalcrest::sync {
 
 DiskCalls DiskCalls::real() {
@@ -22,7 +24,7 @@ DiskCalls DiskCalls::real() {
 }
 
 DiskCalls& disk_calls() {
-  static DiskCalls calls = DiskCalls::real();
+  static DiskCalls& calls = never_destroyed<DiskCalls>(DiskCalls::real());
   return calls;
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/parallel.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
@@ -42,7 +43,7 @@ class ParsedSelections {
 };
 
 ParsedSelections& parsed_selections() {
-  static ParsedSelections selections;
+  static ParsedSelections& selections = never_destroyed<ParsedSelections>();
   return selections;
 }
 

@@ -10,6 +10,7 @@
 
 #include "host/failures.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/disk_calls.hpp"
@@ -47,11 +48,12 @@ bool is_still_the_lock_file(const PinnedRoot& root, const Descriptor& file, cons
 // Some file systems grant every lock. With one lock held, shared or exclusive, nobody can get it exclusively:
 // tried on a second description, once per lock file and process.
 void require_exclusion(const PinnedRoot& root, const Descriptor& held, const std::string& what) {
+  using DeviceAndInode = std::pair<std::int64_t, std::int64_t>;
   static Mutex mutex;
-  static std::set<std::pair<std::int64_t, std::int64_t>> proven GUARDED_BY(mutex);  // device and inode
+  static auto& proven GUARDED_BY(mutex) = never_destroyed<std::set<DeviceAndInode>>();
   const FileStat lock_file = stat_of(held, what);
   const MutexLock guard(mutex);
-  const std::pair key(lock_file.device, lock_file.inode);
+  const DeviceAndInode key(lock_file.device, lock_file.inode);
   if (proven.contains(key)) return;
   const Descriptor second = open_lock_file(root);
   if (disk_calls().lock(second.get(), LOCK_EX | LOCK_NB) == 0) {

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 
 namespace tidalcrest::sync::client_manifest {
@@ -27,7 +28,7 @@ class LivingDocuments {
 };
 
 LivingDocuments& living_documents() {
-  static LivingDocuments documents;
+  static LivingDocuments& documents = never_destroyed<LivingDocuments>();
   return documents;
 }
 

@@ -9,6 +9,7 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
 #include "siblings/distribution/shuffle_seed_cipher.hpp"
@@ -90,7 +91,7 @@ class LastManifest {
 };
 
 ManifestFacts manifest_facts(std::string_view manifest_bytes) {
-  static LastManifest last;
+  static LastManifest& last = never_destroyed<LastManifest>();
   return last.facts_of(manifest_bytes);
 }
 

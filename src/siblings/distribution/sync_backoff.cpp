@@ -4,6 +4,7 @@
 #include <cmath>
 #include <random>
 
+#include "host/never_destroyed.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -75,8 +76,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 bool is_stop_requested(const BackoffContext& context) {

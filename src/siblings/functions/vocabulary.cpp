@@ -7,6 +7,7 @@
 #include "host/equality.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -77,7 +78,7 @@ Document FunctionsVocabularyModule::merge_functions_vocabulary(const Document& f
 }
 
 ModuleSeam<const FunctionsVocabularyModule>& functions_vocabulary_module() {
-  static ModuleSeam<const FunctionsVocabularyModule> seam(
+  static auto& seam = never_destroyed<ModuleSeam<const FunctionsVocabularyModule>>(
       std::make_shared<const FunctionsVocabularyModule>());
   return seam;
 }

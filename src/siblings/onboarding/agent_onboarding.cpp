@@ -1,6 +1,7 @@
 #include "siblings/onboarding/agent_onboarding.hpp"
 
 #include "host/log.hpp"
+#include "host/never_destroyed.hpp"
 
 namespace tidalcrest::sync::agent_onboarding {
 namespace {
@@ -17,8 +18,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 void update_nudge(const std::string& occasion, std::int64_t new_era_number,

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -47,7 +48,8 @@ bool is_sha256_hex(const std::string& value) {
 
 }  // namespace
 
-const std::string CURRENT_PLATFORM = std::string(SYSTEM_TAG) + "_" + MACHINE_TAG;
+const std::string& CURRENT_PLATFORM =
+    never_destroyed<const std::string>(std::string(SYSTEM_TAG) + "_" + MACHINE_TAG);
 
 bool is_runtime_module_kind(const std::string& kind) { return kind == SUPPORTED_RUNTIME_MODULE_KIND; }
 

@@ -10,7 +10,7 @@
 namespace tidalcrest::sync {
 
 /// Tag of the running process: `linux_x86_64`, `linux_aarch64`, `macosx_arm64` and so on.
-extern const std::string CURRENT_PLATFORM;
+extern const std::string& CURRENT_PLATFORM;
 inline constexpr const char* RUNTIME_MODULE_KIND_SUFFIX = "_module";
 
 /// Whether a kind names a runtime module that is supported; the one supported kind is "vault_module".

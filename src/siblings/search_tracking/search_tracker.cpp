@@ -5,6 +5,7 @@
 #include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/mutex.hpp"
+#include "host/never_destroyed.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -86,8 +87,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 std::shared_ptr<SearchTracker> open_search_tracker(const std::string& data_dir,

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "host/endpoint.hpp"
+#include "host/never_destroyed.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync::security {
@@ -53,9 +54,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  // Never destroyed: a thread may still be at work when the process ends.
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 void validate_bearer_transport_url(const std::string& url) {

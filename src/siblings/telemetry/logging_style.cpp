@@ -2,6 +2,7 @@
 
 #include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/never_destroyed.hpp"
 
 namespace tidalcrest::sync::logging_style {
 namespace {
@@ -35,8 +36,8 @@ class BuiltIn final : public Module {
 }  // namespace
 
 ModuleSeam<Module>& module_seam() {
-  static auto* const seam = new ModuleSeam<Module>(std::make_shared<BuiltIn>());
-  return *seam;
+  static auto& seam = never_destroyed<ModuleSeam<Module>>(std::make_shared<BuiltIn>());
+  return seam;
 }
 
 void log_library_surface_event(const std::string& title, const std::string& level,
