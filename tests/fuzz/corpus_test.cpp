@@ -14,6 +14,8 @@ namespace {
 // What fuzzing has found worth keeping, and every input that was ever a finding.
 TEST(Corpus, EveryInputIsTakenOrRefused) {
   sync::set_log_sink([](const sync::LogRecord&) {});
+  const std::filesystem::directory_iterator corpora(TIDALCREST_TEST_DATA "/fuzz");
+  EXPECT_EQ(targets().size(), std::distance(begin(corpora), end(corpora)));
   for (const auto& target : targets()) {
     std::size_t inputs = 0;
     for (const auto& entry :

@@ -94,6 +94,7 @@ void feed_manifest(std::string_view bytes) {
   RotationPlanner::_precheck_rotation_disk_budget(selection, FREE_BYTES);
   check_staged_plan(manifest, selection.active_relative_paths);
 }
+const Registered MANIFEST{"manifest", feed_manifest};
 
 void feed_paths(std::string_view bytes) {
   const std::string path(bytes);
@@ -110,6 +111,7 @@ void feed_paths(std::string_view bytes) {
   require(url == "https://data.example/base/" + path,
           "an accepted path does not stand in its address as it is");
 }
+const Registered PATHS{"paths", feed_paths};
 
 void feed_signals_index(std::string_view bytes) {
   const Document manifest = {
@@ -124,6 +126,7 @@ void feed_signals_index(std::string_view bytes) {
   for (const char* section : {"found_signals", "found_strategies", "useful_signals"})
     require(accepted.signals_index_document.at(section).is_object(), "a section is no object");
 }
+const Registered SIGNALS_INDEX{"signals_index", feed_signals_index};
 
 void feed_vocabulary(std::string_view bytes) {
   static const sync::testing::TempDir data;
@@ -148,5 +151,6 @@ void feed_vocabulary(std::string_view bytes) {
   for (const auto& [key, value] : vocabulary.get_ref<const Document::object_t&>())
     require(merged.contains(key), "a merge lost a member of the vocabulary");
 }
+const Registered VOCABULARY{"vocabulary", feed_vocabulary};
 
 }  // namespace tidalcrest::fuzz

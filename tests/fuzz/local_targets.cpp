@@ -85,6 +85,7 @@ void feed_rotation(std::string_view bytes) {
   require(artifact_rotation::rotation_state_from_payload(written, "written state", 1) == state,
           "a state does not survive being written and read");
 }
+const Registered ROTATION{"rotation", feed_rotation};
 
 void feed_completion(std::string_view bytes) {
   const std::string digest(64, '0');
@@ -110,6 +111,7 @@ void feed_completion(std::string_view bytes) {
   require(accepted([&] { return parsed(parts[0] + " "); }) == members,
           "the two ways to read a completion record differ");
 }
+const Registered COMPLETION{"completion", feed_completion};
 
 void feed_hash_cache(std::string_view bytes) {
   const auto parsed = [](const std::string& text) {
@@ -121,6 +123,7 @@ void feed_hash_cache(std::string_view bytes) {
   require(parsed(hash_cache_text(entries)) == entries,
           "a hash cache does not survive being written and read");
 }
+const Registered HASH_CACHE{"hash_cache", feed_hash_cache};
 
 void feed_seed_sidecar(std::string_view bytes) {
   const auto parts = parts_of(bytes, 2);
@@ -129,5 +132,6 @@ void feed_seed_sidecar(std::string_view bytes) {
   shuffle_seed_state::validate_shuffle_seed_pair(parts[1], ciphertext, parts[0], wallet);
   require(false, "bytes that nobody sealed open");
 }
+const Registered SEED_SIDECAR{"seed_sidecar", feed_seed_sidecar};
 
 }  // namespace tidalcrest::fuzz

@@ -27,6 +27,7 @@ void feed_curl_output(std::string_view bytes) {
   }
   _curl_status_from_stdout(parts[1], parts[0]);
 }
+const Registered CURL_OUTPUT{"curl_output", feed_curl_output};
 
 void feed_error_body(std::string_view bytes) {
   static const Seams seams = Seams::real();
@@ -41,6 +42,7 @@ void feed_error_body(std::string_view bytes) {
     require(false, "an error body keeps its failure from being told");
   }
 }
+const Registered ERROR_BODY{"error_body", feed_error_body};
 
 void feed_version_answer(std::string_view bytes) {
   const Document era = era_config_of(bytes);
@@ -59,6 +61,7 @@ void feed_version_answer(std::string_view bytes) {
   const Document* number = find_member(version, "version");
   to_int(number != nullptr ? *number : Document());
 }
+const Registered VERSION_ANSWER{"version_answer", feed_version_answer};
 
 void feed_json(std::string_view bytes) {
   if (!text::is_valid_utf8(bytes)) return;
@@ -70,5 +73,6 @@ void feed_json(std::string_view bytes) {
           "the two ways to read JSON differ");
   require(parse_strict_json(document->dump()) == twin, "a document does not survive being written and read");
 }
+const Registered JSON{"json", feed_json};
 
 }  // namespace tidalcrest::fuzz

@@ -98,31 +98,28 @@ TEST(ManifestBytes, StayLinearForManyFilesAndForDeepOnes) {
 }
 
 TEST(SignalsIndexDeclaration, IsAbsentOrWhole) {
-  const auto declaration = [](const char* text) {
-    return validate_signals_index_manifest_declaration(parse_json(text));
+  const auto declaration = [](const std::string& value, const char* files = "{}") {
+    return validate_signals_index_manifest_declaration(
+        parse_json(R"({"signals_index": )" + value + R"(, "files": )" + files + "}"));
   };
-  EXPECT_EQ(declaration("{}"), std::nullopt);
-  EXPECT_EQ(declaration(R"({"signals_index": null})"), std::nullopt);
-  EXPECT_EQ(declaration(R"({"signals_index": {"schema_version": 1, "path": "i.json"}})"), "i.json");
-  EXPECT_EQ(declaration(R"({"signals_index": {"schema_version": 1, "path": "i.json"},
-                            "files": {"i.json": {"kind": "signals_index"}}})"),
-            "i.json");
+  const char* const whole = R"({"schema_version": 1, "path": "i"})";
+  EXPECT_EQ(validate_signals_index_manifest_declaration(Document::object()), std::nullopt);
+  EXPECT_EQ(declaration("null"), std::nullopt);
+  EXPECT_EQ(declaration(whole), "i");
+  EXPECT_EQ(declaration(whole, R"({"i": {"kind": "signals_index"}})"), "i");
+  EXPECT_EQ(failure_of([&] { declaration(whole, R"({"i": {"kind": "feature"}})"); }),
+            "ValueError: manifest files['i'].kind must be signals_index");
   const std::pair<const char*, const char*> cases[] = {
-      {R"({"signals_index": []})", "TypeError: manifest signals_index must be a JSON object, got list"},
-      {R"({"signals_index": {"schema_version": 1}})",
-       "TypeError: manifest signals_index.path must be a string"},
-      {R"({"signals_index": {"schema_version": 1, "path": 3}})",
-       "TypeError: manifest signals_index.path must be a string"},
-      {R"({"signals_index": {"schema_version": 1, "path": "/i"}})",
+      {"[]", "TypeError: manifest signals_index must be a JSON object, got list"},
+      {R"({"schema_version": 1})", "TypeError: manifest signals_index.path must be a string"},
+      {R"({"schema_version": 1, "path": 3})", "TypeError: manifest signals_index.path must be a string"},
+      {R"({"schema_version": 1, "path": "/i"})",
        "ValueError: manifest signals_index.path '/i' is invalid: path begins with '/'"},
-      {R"({"signals_index": {"schema_version": 2, "path": "i"}})",
+      {R"({"schema_version": 2, "path": "i"})",
        "ValueError: manifest signals_index.schema_version must be 1, got 2"},
-      {R"({"signals_index": {"schema_version": true, "path": "i"}})",
+      {R"({"schema_version": true, "path": "i"})",
        "ValueError: manifest signals_index.schema_version must be 1, got True"},
-      {R"({"signals_index": {"path": "i"}})",
-       "ValueError: manifest signals_index.schema_version must be 1, got None"},
-      {R"({"signals_index": {"schema_version": 1, "path": "i"}, "files": {"i": {"kind": "feature"}}})",
-       "ValueError: manifest files['i'].kind must be signals_index"},
+      {R"({"path": "i"})", "ValueError: manifest signals_index.schema_version must be 1, got None"},
   };
   for (const auto& [text, failure] : cases) {
     EXPECT_EQ(failure_of([&] { declaration(text); }), failure) << text;

@@ -38,10 +38,6 @@ class LogCapture {
     }
     return false;
   }
-  void clear() {
-    const std::lock_guard lock(_mutex);
-    _lines.clear();
-  }
   /// The sync events, or those of one type.
   std::vector<Document> events(const std::string& event_type = {}) const {
     const std::lock_guard lock(_mutex);

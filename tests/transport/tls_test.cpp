@@ -16,34 +16,23 @@ namespace {
 class TlsServer {
  public:
   explicit TlsServer(const testing::TempDir& dir) {
-    const auto made =
-        run_child({.arguments = {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                                 "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                                 "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout",
-                                 dir.path("key.pem"), "-out", dir.path("cert.pem")},
-                   .output_descriptor = {},
-                   .stop_requested = {}});
-    EXPECT_EQ(made.exit_code, 0) << made.standard_error;
-    const std::string command = "cd '" + dir.path() +
-                                "' && echo $$ && exec openssl s_server -accept 127.0.0.1:0 -cert cert.pem "
-                                "-key key.pem -HTTP -no_ticket 2>/dev/null";
+    const std::string command =
+        "exec 2>/dev/null && cd '" + dir.path() +
+        "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj "
+        "/CN=localhost -addext subjectAltName=DNS:localhost -keyout key.pem -out cert.pem && echo $$ && "
+        "exec openssl s_server -accept 127.0.0.1:0 -cert cert.pem -key key.pem -HTTP -no_ticket";
     _output = popen(command.c_str(), "r");
+    if (std::fscanf(_output, "%d", &_pid) != 1) return;
     char line[256];
-    while (_output != nullptr && std::fgets(line, sizeof line, _output) != nullptr) {
-      int port = 0;
-      if (_pid == 0) {
-        _pid = std::stoi(line);
-      } else if (std::sscanf(line, "ACCEPT 127.0.0.1:%d", &port) == 1) {
-        _port = port;
-        return;
-      }
+    while (std::fgets(line, sizeof line, _output) != nullptr &&
+           std::sscanf(line, "ACCEPT 127.0.0.1:%d", &_port) != 1) {
     }
   }
   TlsServer(const TlsServer&) = delete;
   TlsServer& operator=(const TlsServer&) = delete;
   ~TlsServer() {
     if (_pid != 0) ::kill(_pid, SIGKILL);
-    if (_output != nullptr) pclose(_output);
+    pclose(_output);
   }
   bool is_up() const { return _port != 0; }
   std::string url(const std::string& host, const std::string& name) const {
