@@ -15,13 +15,6 @@ class SyncDriverTest : public testing::SyncFixture {
   void answer_version(const std::string& body, const std::string& kind = "body") {
     origin.fault(VERSION_PATH + (" " + kind + " count=all body=" + body));
   }
-  std::string version_answer(std::int64_t era, std::int64_t version) {
-    return Document{{"version", version},
-                    {"era_number", era},
-                    {"market_id", 1},
-                    {"manifest_sha256", local_cohort::manifest_sha256(origin.current().manifest_bytes)}}
-        .dump();
-  }
 };
 
 TEST_F(SyncDriverTest, FirstSyncPublishesTheWholeDistributionAndTheSecondFindsNothingToDo) {
@@ -82,7 +75,8 @@ TEST_F(SyncDriverTest, VersionAnswerDecidesTheRoad) {
     bool fetches_manifest;
     const char* kind = "body";
   };
-  const std::string matching = version_answer(1, 1);
+  const std::string matching = R"({"version": 1, "era_number": 1, "market_id": 1, "manifest_sha256": ")" +
+                               local_cohort::manifest_sha256(origin.current().manifest_bytes) + "\"}";
   const Case cases[] = {
       {"matching", matching, false},
       {"no hash", R"({"version": 1, "era_number": 1, "market_id": 1})", true},

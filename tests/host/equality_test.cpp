@@ -17,11 +17,9 @@ TEST(HostEquality, ComparesNumbersByValueAndNothingElseAcrossTypes) {
   const Case cases[] = {
       {7, 7.0, true},
       {true, 1, true},
-      {true, 1.0, true},
       {false, 0u, true},
       {"7", 7, false},
       {nullptr, 0, false},
-      {nullptr, false, false},
       {-1, top, false},
       {top, 18446744073709551616.0, false},
       {std::int64_t{9007199254740993}, 9007199254740992.0, false},

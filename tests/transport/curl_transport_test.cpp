@@ -125,7 +125,9 @@ TEST_F(CurlTransport, EndsABodyWithoutEnd) {
               ::testing::HasSubstr("No space left on device"));
 }
 
-TEST_F(CurlTransport, TellsHowCurlFailed) {
+TEST_F(CurlTransport, TellsHowCurlFailedAndLeavesNoTemporaryFile) {
+  const testing::TempDir temporary;
+  const testing::ScopedEnvironment watched("TMPDIR", temporary.path());
   CollectingSink sink;
   auto file = open_file(dir.path("f"));
   const auto requested = [&] { return failure_of([&] { _curl_request(DATA_FILE, 2.0, sink); }); };
@@ -136,6 +138,8 @@ TEST_F(CurlTransport, TellsHowCurlFailed) {
   EXPECT_EQ(requested(), "HTTPError: HTTP 404");
   fake_curl("exit 7");
   EXPECT_EQ(requested(), "URLError: curl exited with status 7");
+  EXPECT_THAT(bin.read("curl.args"), HasSubstr(temporary.path("tidalcrest-curl-")));
+  EXPECT_TRUE(std::filesystem::is_empty(temporary.path()));
   EXPECT_EQ(downloaded(), "ConnectionError: curl exited with status 7");
   fake_curl("printf part; printf 'curl: (28) timed out\\n\\nTIDALCREST_HTTP_STATUS:000\\n' >&2; exit 28");
   EXPECT_EQ(downloaded(), "ConnectionError: curl: (28) timed out");
@@ -201,15 +205,6 @@ TEST_F(CurlTransport, AStopRequestEndsTheChild) {
   EXPECT_THROW(client._http_get_public_to(DATA_FILE.full_url, 0, -1, "curl", sink), SyncBackoffCancelled);
   EXPECT_THROW(client._download_request_to_file(DATA_FILE, file, sink, 2.0, "curl"), SyncBackoffCancelled);
   EXPECT_TRUE(backoff.waits().empty());
-}
-
-TEST_F(CurlTransport, LeavesNoTemporaryDirectoryBehind) {
-  const testing::ScopedEnvironment watched("TMPDIR", dir.path());
-  fake_curl("exit 7");
-  CollectingSink sink;
-  EXPECT_THROW(_curl_request(DATA_FILE, 2.0, sink), URLError);
-  EXPECT_THAT(bin.read("curl.args"), HasSubstr(dir.path("tidalcrest-curl-")));
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
 }  // namespace
