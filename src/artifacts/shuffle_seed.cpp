@@ -227,8 +227,8 @@ bool ShuffleSeed::_download_shuffle_seed(const Manifest& server_manifest,
   if (_local_pair_authenticates(target_root, *manifest_bytes)) return false;
 
   const std::string ciphertext = _fetch_ciphertext(server_manifest).body;
-  const std::string metadata_bytes =
-      shuffle_seed_state::build_shuffle_seed_metadata(*manifest_bytes, ciphertext);
+  const std::string metadata_bytes = as_sync_error(
+      [&] { return shuffle_seed_state::build_shuffle_seed_metadata(*manifest_bytes, ciphertext); });
   // Proven before the first write: a pair that does not open never reaches the disk.
   as_sync_error([&] { return _validate_pair(*manifest_bytes, ciphertext, metadata_bytes); });
   write_pair(target_root, ciphertext, metadata_bytes);

@@ -8,9 +8,9 @@ namespace tidalcrest::sync {
 
 // In the order of acquisition, so that destruction lets go the other way round.
 struct ActiveCohortPin::Held {
-  Held(std::shared_ptr<const void> owner, HolderMutex& sync_lock, const std::string& data_dir)
+  Held(std::shared_ptr<const void> owner, SyncLock& lock, const std::string& data_dir)
       : owner(std::move(owner)),
-        sync(sync_lock),
+        sync(lock.wait_for_sync_lock()),
         distribution(acquire_distribution_lock(data_dir, /*exclusive=*/false)),
         pin(local_cohort::pin_active_cohort(data_dir)) {}
 
@@ -34,7 +34,7 @@ void ActiveCohortPin::release() {
 }
 
 ActiveCohortPin ActiveCohortViews::pin_active_cohort_snapshot(std::shared_ptr<const void> owner) const {
-  auto held = std::make_unique<ActiveCohortPin::Held>(std::move(owner), _lock._sync_lock(), _data_dir);
+  auto held = std::make_unique<ActiveCohortPin::Held>(std::move(owner), _lock, _data_dir);
   held->snapshot = std::make_unique<const VerifiedActiveCohortSnapshot>(
       _active_cohort_snapshot_locked(held->pin.selection.get()));
   return ActiveCohortPin(std::move(held));

@@ -33,7 +33,7 @@ class ActiveViewHolder {
   }
   void set(std::shared_ptr<const ActiveView> view) {
     const MutexLock lock(_mutex);
-    _view = std::move(view);
+    _view.swap(view);  // the view before is large, and goes after the lock
   }
 
  private:

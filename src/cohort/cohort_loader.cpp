@@ -1,8 +1,13 @@
 #include "cohort/cohort_loader.hpp"
 
+#include <fmt/format.h>
+
 #include "artifacts/signals_index.hpp"
 #include "artifacts/vocabulary.hpp"
+#include "host/equality.hpp"
+#include "host/json.hpp"
 #include "host/log.hpp"
+#include "host/text.hpp"
 #include "manifest/identity.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -61,8 +66,10 @@ void CohortLoader::verify_at_start() {
   }
 }
 
-void CohortLoader::adopt_selected_cohort() {
-  if (_is_in_step(*_active.get())) return;
+void CohortLoader::adopt_selected_cohort(EraChange era_change) {
+  const auto view = _active.get();
+  if (_is_in_step(*view)) return;
+  if (era_change == EraChange::refused && view->manifest) _refuse_other_era(*view->manifest);
   try {
     // The publisher's state first: the proof brings it in line with the manifest and may write it back, and
     // an older one must not go over it.
@@ -87,6 +94,20 @@ bool CohortLoader::_is_in_step(const ActiveView& view) const {
   } catch (const LocalCohortError&) {
     return true;  // damaged since: whoever goes on proves and mends it
   }
+}
+
+void CohortLoader::_refuse_other_era(const Manifest& known) const {
+  std::shared_ptr<const local_cohort::Selection> selection;
+  try {
+    selection = local_cohort::load_active_cohort(_data_dir, /*required=*/false);
+  } catch (const std::exception&) {
+    return;  // no whole cohort: its proof tells why
+  }
+  if (!selection) return;
+  const Document* era_number = find_member(*selection->manifest, "era_number");
+  if (era_number == nullptr || host_equal(*era_number, known.era_number())) return;
+  throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}",
+                             text::str(known.era_number()), text::str(*era_number)));
 }
 
 // The pin is the authority: the cohort may have moved since the view was made.

@@ -19,6 +19,9 @@ std::shared_ptr<const ActiveView> load_cohort_pointer(const std::string& data_di
 /// The rotation state of the active root, else of the data directory.
 std::optional<RotationState> load_initial_rotation_state(const std::string& data_dir, const ActiveView& view);
 
+/// Whether adopting the selected cohort may take a manager to another era.
+enum class EraChange { refused, allowed };
+
 /// Brings the manager's view in step with what the selector names, each time with the same proof.
 class CohortLoader {
  public:
@@ -33,10 +36,14 @@ class CohortLoader {
   /// cohort. When the disk shows another cohort than the view, adopts that one, proven as at construction, or
   /// the flat view when the proof fails or nothing is selected any more. The caller holds the sync lock and
   /// the exclusive distribution lock.
-  void adopt_selected_cohort();
+  ///
+  /// Throws `EraError` for a cohort of another era, unless that is allowed: searches run on the era that the
+  /// view is of, and only a transition stops them first.
+  void adopt_selected_cohort(EraChange era_change = EraChange::refused);
 
  private:
   bool _is_in_step(const ActiveView& view) const;
+  void _refuse_other_era(const Manifest& known) const;
   void _prove_selected_cohort();
   void _fall_back_to_flat_view(const std::exception& failure);
 

@@ -18,6 +18,7 @@
 #include "download/local_files.hpp"
 #include "host/integer.hpp"
 #include "host/json.hpp"
+#include "host/release_memory.hpp"
 #include "host/scope_exit.hpp"
 #include "host/text.hpp"
 #include "host/threads.hpp"
@@ -83,9 +84,9 @@ void require_disk_space(std::int64_t total_needed, std::int64_t free_bytes) {
 
 // Writes back what is staged while it is still proven, so that the one flush before the publication finds
 // little left to do: it is a quarter of a first sync otherwise.
-std::future<void> begin_flush(const std::string& root) {
+std::future<void> begin_flush(const client_manifest::PinnedRoot& root) {
   try {
-    return std::async(std::launch::async, [root] {
+    return std::async(std::launch::async, [&root] {
       set_thread_name("tc-sync-flush");
       local_cohort::make_durable(root);
     });
@@ -135,6 +136,7 @@ class StagingRun {
         _manifest(*request.server_manifest),
         _manifest_bytes(*request.served_manifest_bytes),
         _roots(roots),
+        _staged(roots.candidate_root),
         _forced_paths(std::move(forced_paths)),
         _stop_check(sync_backoff::stop_check_of_this_thread()) {}
 
@@ -168,6 +170,7 @@ class StagingRun {
   const Manifest& _manifest;
   const std::string& _manifest_bytes;
   const StagingRoots& _roots;
+  const client_manifest::PinnedRoot _staged;  // the candidate root, opened before the first byte came in
   const std::set<std::string> _forced_paths;
   const StopCheck _stop_check;
 
@@ -200,8 +203,8 @@ void StagingRun::download_members() {
   if (!files.empty()) _write_sync_progress_json(_data_dir, _manifest, files, _seams);
   _with.downloads._download_files_parallel(files, _request.result, generation_of(_manifest),
                                            _roots.candidate_root);
-  _flush = begin_flush(_roots.candidate_root);
-  _members.files_to_download = {};
+  _flush = begin_flush(_staged);
+  release_memory(_members.files_to_download);
 }
 
 void StagingRun::end_flush() {
@@ -213,8 +216,8 @@ void StagingRun::gather_members() {
   const std::string& candidate_root = _roots.candidate_root;
   _progress.on_phase("comparing");
   thin_out_earlier_attempts(_data_dir, _roots);
-  _members = reuse_selected_members(_manifest, _request.rotation_plan.selection.active_relative_paths,
-                                    _forced_paths, _roots, _data_dir, _with.hash_cache, _stop_check);
+  _members = reuse_selected_members(_manifest, _request.active_relative_paths, _forced_paths, _roots,
+                                    _data_dir, _with.hash_cache, _stop_check);
   salvage_earlier_attempts(_data_dir, _roots, _forced_paths, _with.hash_cache, _stop_check, _members);
   const auto [signals_index_path, signals_index_info] = required_signals_index(_manifest);
   _signals_index_path = signals_index_path;
@@ -230,7 +233,7 @@ void StagingRun::gather_members() {
       _with.shuffle_seed._download_shuffle_seed(_manifest, candidate_root, &_manifest_bytes);
   std::copy_if(_members.new_files.begin(), _members.new_files.end(), std::back_inserter(_new_found_pnl),
                is_found_pnl);
-  _members.new_files = {};
+  release_memory(_members.new_files);
 }
 
 // The artifacts of a root that are checked beyond size and digest; gives its merged vocabularies.
@@ -246,7 +249,7 @@ void StagingRun::prove_candidate_artifacts() { _staged_vocabularies = prove_root
 void StagingRun::prepare_promotion() {
   // Computed before anything changes, recorded and delivered only after the publication.
   _promoted_rotation_state = artifact_rotation::promote_rotation_candidate(
-      _with.planner.active_rotation_state(), _request.rotation_plan.candidate_state, _members.selected_paths);
+      _with.planner.active_rotation_state(), _request.candidate_state, _members.selected_paths);
   _refresh_payloads = _with.search_consumers._rotation_search_refresh_payloads(
       _promoted_rotation_state, &_staged_vocabularies, &_manifest);
 }
@@ -276,9 +279,9 @@ void StagingRun::prove_members_and_complete() {
 
 // Only a repair needs it further; for a large generation it is most of what a staging holds.
 void StagingRun::drop_proof() {
-  _completion_paths = {};
-  _artifact_identities = {};
-  _completion = {};
+  release_memory(_completion_paths);
+  release_memory(_artifact_identities);
+  release_memory(_completion.bytes);
 }
 
 void StagingRun::publish() {
@@ -296,7 +299,7 @@ void StagingRun::publish() {
 
 void StagingRun::make_visible() {
   if (_roots.same_identity) return repair_live_generation();
-  _selection = local_cohort::publish_manifest(_data_dir, _manifest_bytes);
+  _selection = local_cohort::publish_manifest(_data_dir, _manifest_bytes, &_staged);
 }
 
 void StagingRun::repair_live_generation() {
@@ -304,7 +307,7 @@ void StagingRun::repair_live_generation() {
                                                      _completion_paths, _artifact_identities);
   try {
     // The members reach the disk before the record that vouches for them.
-    local_cohort::make_durable(_roots.active_root);
+    local_cohort::make_durable(_staged);
   } catch (const local_cohort::FlushError&) {
     take_back_repair(_roots.active_root, copied_paths);
     throw;
@@ -357,13 +360,13 @@ void CohortStager::_stage_and_activate_local_cohort(const StagingRequest& reques
   _require_manifest_market_identity(*request.server_manifest, _market_id, "candidate cohort manifest.json");
   const StagingRoots roots =
       choose_staging_roots(_data_dir, *_with.active.get(), *request.served_manifest_bytes, _seams);
-  StagingRun run(_data_dir, _with, *_progress, _seams, request, roots,
-                 normalised_paths(request.force_download_paths));
   const ScopeExit clean_up([&] {
-    run.drop_unflushed_members();
     _remove_sync_progress_json(_data_dir);
     remove_repair_staging_root(_data_dir, roots);
   });
+  StagingRun run(_data_dir, _with, *_progress, _seams, request, roots,
+                 normalised_paths(request.force_download_paths));
+  const ScopeExit end_flush([&] { run.drop_unflushed_members(); });
   run.gather_members();
   run.prove_candidate_artifacts();
   run.prepare_promotion();
@@ -388,7 +391,8 @@ void CohortStager::_stage_active_manifest_with_required_paths(
   _apply_rotation_result_fields(result, rotation_plan.selection);
   _stage_and_activate_local_cohort({.server_manifest = view->manifest,
                                     .served_manifest_bytes = view->manifest_bytes,
-                                    .rotation_plan = rotation_plan,
+                                    .active_relative_paths = rotation_plan.selection.active_relative_paths,
+                                    .candidate_state = rotation_plan.candidate_state,
                                     .result = result,
                                     .force_download_paths = force_download_paths});
 }

@@ -16,11 +16,13 @@
 
 namespace tidalcrest::sync {
 
-/// One generation to stage. The references outlive the call.
+/// One generation to stage. It holds of a plan what the staging needs: what a plan knows of each artifact is
+/// much memory for as long as a download takes. `result` outlives the call.
 struct StagingRequest {
   std::shared_ptr<const Manifest> server_manifest;
   std::shared_ptr<const std::string> served_manifest_bytes;  ///< the identity of the generation
-  const RotationPlan& rotation_plan;
+  PathList active_relative_paths;                            ///< the planned members, in plan order
+  RotationState candidate_state;                             ///< what is recorded after the publication
   SyncResult& result;
   /// The last veto: throws to stop the publication. Empty for none.
   std::function<void()> pre_publish_check = {};

@@ -18,18 +18,17 @@ using local_cohort::CohortRootKind;
 
 constexpr double LEFTOVER_LIFETIME_SECONDS = 24 * 60 * 60;
 
-// Writers stay out while roots are judged; while they are removed, so do those that read a selection.
+// Writers stay out while roots are judged; while they are removed, so do those that read a selection. A
+// caller's own pin is no hindrance to a question.
 struct Locks {
   Locks(const std::string& data_dir, SyncLock& lock, bool dry_run) {
     if (dry_run) {
-      sync = std::unique_lock(lock._sync_lock());
       shared.emplace(acquire_distribution_lock(data_dir, /*exclusive=*/false));
     } else {
       writer.emplace(lock);
     }
   }
   std::optional<WriterScope> writer;
-  std::unique_lock<HolderMutex> sync;
   std::optional<DistributionLock> shared;
 };
 

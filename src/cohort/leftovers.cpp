@@ -7,9 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "host/local_path.hpp"
+#include "cohort/earlier_roots.hpp"
 #include "host/log.hpp"
-#include "siblings/distribution/cohort_roots.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/local_cohort.hpp"
 #include "siblings/distribution/pinned_root.hpp"
@@ -19,22 +18,9 @@ namespace tidalcrest::sync {
 namespace {
 
 using local_cohort::CohortRoot;
-using local_cohort::CohortRootKind;
 
 // Relative path and size.
 using Member = std::pair<std::string, std::uintmax_t>;
-
-std::vector<CohortRoot> unfinished_roots(const std::string& data_dir, const StagingRoots& roots) {
-  const auto selector = local_cohort::read_selector_bytes(data_dir);
-  const std::string selected = selector ? local_cohort::generation_relative_root(*selector) : std::string();
-  std::vector<CohortRoot> unfinished;
-  for (auto& root : local_cohort::list_cohort_roots(data_dir)) {
-    const bool in_use = root.relative_path == selected || root.path == absolute_path(roots.active_root) ||
-                        root.path == absolute_path(roots.candidate_root);
-    if (root.kind != CohortRootKind::complete && !in_use) unfinished.push_back(std::move(root));
-  }
-  return unfinished;
-}
 
 // Every regular file but the root's own two.
 std::vector<Member> brought_members(const std::string& root) {
@@ -50,18 +36,6 @@ std::vector<Member> brought_members(const std::string& root) {
   return members;
 }
 
-// What a staging was for; it keeps its manifest beside its members from the start. Empty when that is not
-// known.
-std::string manifest_of(const CohortRoot& root) {
-  try {
-    return client_manifest::PinnedRoot(root.path)
-        .read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE, "manifest of an earlier staging")
-        .value_or("");
-  } catch (const OSError&) {
-    return "";
-  }
-}
-
 template <class Step>
 bool succeeds(const std::string& path, const Step& step) {
   try {
@@ -73,18 +47,19 @@ bool succeeds(const std::string& path, const Step& step) {
   }
 }
 
-// Takes in one root after the other, newest first, and leaves one copy of each member: in the newest root
-// that was for the same manifest.
+// Takes in one root after the other, newest first, and leaves one copy of each member of a manifest: in the
+// newest root that was for it. Members of different manifests are different, even of one path and size.
 class Gathering {
  public:
   explicit Gathering(const std::string& data_dir) : _data_dir(data_dir) {}
 
   void take_in(const CohortRoot& root) {
-    const std::string manifest = manifest_of(root);
+    const std::string manifest = staged_manifest_sha256(root);
     const auto home = manifest.empty() ? _home_of_manifest.end() : _home_of_manifest.find(manifest);
+    auto& seen = _seen_of_manifest[manifest];
     bool keeps_some = false;
     for (const auto& member : brought_members(root.path)) {
-      const bool is_a_copy = !_seen.insert(member).second;
+      const bool is_a_copy = !seen.insert(member).second;
       const bool gone = is_a_copy                         ? removed(root, member.first)
                         : home != _home_of_manifest.end() ? moved(root, member.first, home->second)
                                                           : false;
@@ -114,7 +89,8 @@ class Gathering {
   }
 
   const std::string& _data_dir;
-  std::set<Member> _seen;
+  // By the digest of a manifest; empty where it is not known.
+  std::map<std::string, std::set<Member>> _seen_of_manifest;
   std::map<std::string, std::string> _home_of_manifest;  // the path of a root
 };
 
@@ -122,7 +98,9 @@ class Gathering {
 
 void thin_out_earlier_attempts(const std::string& data_dir, const StagingRoots& roots) {
   Gathering gathering(data_dir);
-  for (const auto& root : unfinished_roots(data_dir, roots)) gathering.take_in(root);
+  for (const auto& [root, unfinished] : earlier_roots(data_dir, roots)) {
+    if (unfinished) gathering.take_in(root);
+  }
 }
 
 }  // namespace tidalcrest::sync

@@ -3,14 +3,13 @@
 #include <optional>
 #include <string_view>
 
+#include "cohort/earlier_roots.hpp"
 #include "host/json.hpp"
-#include "host/local_path.hpp"
 #include "host/log.hpp"
 #include "host/parallel.hpp"
 #include "host/path_set.hpp"
 #include "host/threads.hpp"
 #include "manifest/persistence.hpp"
-#include "siblings/distribution/cohort_roots.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/local_cohort.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -31,44 +30,70 @@ constexpr std::size_t MOST_GENERATIONS_ASKED = 8;
 struct Source {
   PinnedRoot root;
   std::string relative_path;
-  bool expendable = false;  // unfinished: members are moved out, and the root goes
+  bool complete = false;    // has a completion record
+  bool expendable = false;  // members are moved out, and the root goes
   std::optional<PathSet>
       same_digest;  // wanted paths that it declared as we do; absent when that is not known
 
   // Without a declaration a member may still turn out to be the right one, but a prefix stays unknown.
   bool may_hold_member(const std::string& path) const { return !same_digest || same_digest->contains(path); }
   bool may_hold_prefix(const std::string& path) const {
-    return expendable && same_digest && same_digest->contains(path);
+    return !complete && same_digest && same_digest->contains(path);
   }
 };
 
-bool declares_same_digest(const Document& earlier_files, const FileToDownload& file) {
-  const Document* earlier = find_member(earlier_files, file.file_path);
-  const Document* earlier_digest = earlier != nullptr ? find_member(*earlier, "sha256") : nullptr;
-  const Document* digest = find_member(*file.file_info, "sha256");
-  return earlier_digest != nullptr && digest != nullptr && *earlier_digest == *digest;
+// The digest that an entry declares; empty without one.
+std::string_view declared_digest(const Document* file_info) {
+  const Document* digest = file_info != nullptr ? find_member(*file_info, "sha256") : nullptr;
+  const auto* text = digest != nullptr ? digest->get_ptr<const std::string*>() : nullptr;
+  return text != nullptr ? std::string_view(*text) : std::string_view();
 }
 
-// Compared with the declarations that the root was staged for: it keeps its manifest beside its members from
-// the start.
-std::optional<PathSet> paths_of_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
+template <class EarlierDigest>
+PathSet paths_where(const FilesToDownload& wanted, const EarlierDigest& earlier_digest) {
+  PathSet paths;
+  for (const auto& file : wanted) {
+    const std::string_view digest = declared_digest(file.file_info);
+    if (!digest.empty() && earlier_digest(file.file_path) == digest) paths.insert(file.file_path);
+  }
+  return paths;
+}
+
+// A generation's record says what it holds, in less memory than its manifest.
+PathSet recorded_with_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
+  const auto members = local_cohort::read_completed_members(root);
+  return paths_where(wanted, [&](const std::string& path) {
+    const auto* identity = members.find(path);
+    return identity != nullptr ? identity->sha256 : std::string_view();
+  });
+}
+
+// An unfinished root keeps the manifest that it was staged for beside its members from the start.
+std::optional<PathSet> declared_with_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
+  const auto bytes =
+      root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE, "manifest of an earlier staging");
+  if (!bytes) return std::nullopt;
+  const Document manifest = _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
+  const Document* files = find_member(manifest, "files");
+  if (files == nullptr) return std::nullopt;
+  return paths_where(wanted,
+                     [&](const std::string& path) { return declared_digest(find_member(*files, path)); });
+}
+
+std::optional<PathSet> paths_of_same_digest(const Source& source, const FilesToDownload& wanted) {
   try {
-    const auto bytes = root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE,
-                                                         "manifest of an earlier staging");
-    if (!bytes) return std::nullopt;
-    const Document manifest =
-        _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
-    const Document* files = find_member(manifest, "files");
-    if (files == nullptr) return std::nullopt;
-    PathSet paths;
-    for (const auto& file : wanted) {
-      if (declares_same_digest(*files, file)) paths.insert(file.file_path);
-    }
-    return paths;
+    if (source.complete) return recorded_with_same_digest(source.root, wanted);
+    return declared_with_same_digest(source.root, wanted);
   } catch (const std::exception& failure) {
-    log::debug("No declarations for the leftover %s: %s", root.path(), failure.what());
+    log::debug("No declarations for the leftover %s: %s", source.root.path(), failure.what());
     return std::nullopt;
   }
+}
+
+// A new generation takes the place of every attempt before it. A repair of the live one does not: the staging
+// of a newer manifest that was interrupted goes on after it.
+bool is_expendable(const CohortRoot& unfinished, const StagingRoots& roots) {
+  return !roots.same_identity || staged_manifest_sha256(unfinished) == roots.manifest_sha256;
 }
 
 // What may be taken over: forced members are fetched anew, and a file without an entry cannot be proven.
@@ -84,14 +109,10 @@ class Salvage {
  public:
   Salvage(const std::string& data_dir, const StagingRoots& roots, HashCache& hash_cache)
       : _candidate_root(roots.candidate_root), _hash_cache(hash_cache) {
-    const auto selector = local_cohort::read_selector_bytes(data_dir);
-    const std::string selected = selector ? local_cohort::generation_relative_root(*selector) : std::string();
     std::size_t generations = 0;
-    for (const auto& root : local_cohort::list_cohort_roots(data_dir)) {
-      if (root.path == absolute_path(roots.candidate_root) || root.path == absolute_path(roots.active_root))
-        continue;
-      const bool expendable = root.kind != CohortRootKind::complete && root.relative_path != selected;
-      if (expendable || generations++ < MOST_GENERATIONS_ASKED) add_source(root, expendable);
+    for (const auto& [root, unfinished] : earlier_roots(data_dir, roots)) {
+      if (unfinished || generations++ < MOST_GENERATIONS_ASKED)
+        add_source(root, unfinished && is_expendable(root, roots));
     }
   }
 
@@ -101,7 +122,7 @@ class Salvage {
   void learn_declarations(const FilesToDownload& wanted) {
     if (wanted.empty()) return;
     parallel_in_order(_sources.size(), usable_cores(), [&](std::size_t i) {
-      _sources[i].same_digest = paths_of_same_digest(_sources[i].root, wanted);
+      _sources[i].same_digest = paths_of_same_digest(_sources[i], wanted);
     });
   }
 
@@ -146,7 +167,8 @@ class Salvage {
  private:
   void add_source(const CohortRoot& root, bool expendable) {
     try {
-      _sources.push_back({PinnedRoot(root.path), root.relative_path, expendable, std::nullopt});
+      _sources.push_back({PinnedRoot(root.path), root.relative_path, root.kind == CohortRootKind::complete,
+                          expendable, std::nullopt});
     } catch (const OSError& failure) {
       log::debug("The leftover %s cannot be opened: %s", root.path, failure.what());
     }

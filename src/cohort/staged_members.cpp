@@ -98,11 +98,7 @@ SelectedMembers sorted_out(const std::vector<PlannedMember>& members) {
   result.selected_paths.reserve(members.size());
   for (const auto& [path, file_info, reused] : members) {
     result.selected_paths.push_back(*path);
-    if (reused) {
-      result.copied_paths.insert(*path);
-    } else {
-      result.new_files.push_back({*path, file_info});
-    }
+    if (!reused) result.new_files.push_back({*path, file_info});
   }
   result.files_to_download = result.new_files;
   return result;

@@ -16,7 +16,6 @@ namespace tidalcrest::sync {
 /// What became of the selected members of a plan.
 struct SelectedMembers {
   std::vector<std::string> selected_paths;  ///< plan order, without what this client never fetches
-  std::set<std::string> copied_paths;       ///< reused from the active root
   FilesToDownload new_files;                ///< what the active root does not have, plan order
   FilesToDownload files_to_download;        ///< those of them that must be fetched, plan order
 };

@@ -18,16 +18,16 @@ namespace {
 // The root of the selected generation, when these bytes are the ones selected and its completion record still
 // reads: then it is mended. A disk that fails says nothing about the generation, and never gets it cleared.
 std::optional<std::string> mendable_selected_root(const std::string& data_dir,
-                                                  const std::string& served_manifest_bytes) {
+                                                  const std::string& served_manifest_bytes,
+                                                  const std::string& manifest_sha256) {
   if (local_cohort::read_selector_bytes(data_dir) != served_manifest_bytes) return std::nullopt;
   const client_manifest::PinnedRoot base(data_dir);
-  const std::string relative_root = local_cohort::generation_relative_root(served_manifest_bytes);
+  const std::string relative_root = std::string(local_cohort::COHORTS_DIRECTORY) + "/" + manifest_sha256;
   try {
     std::string completion_bytes =
         client_manifest::PinnedRoot(base, relative_root)
             .read_regular_file(local_cohort::COHORT_COMPLETION_FILE, "local cohort completion record");
-    local_cohort::parse_completion_record(std::move(completion_bytes),
-                                          local_cohort::manifest_sha256(served_manifest_bytes),
+    local_cohort::parse_completion_record(std::move(completion_bytes), manifest_sha256,
                                           served_manifest_bytes.size());
     return base.display_path(relative_root);
   } catch (const OSError& failure) {
@@ -50,13 +50,12 @@ void move_leftover_aside(const std::string& data_dir, const std::string& name, c
   }
 }
 
-void clear_leftover(const std::string& data_dir, const std::string& served_manifest_bytes,
-                    const Seams& seams) {
+void clear_leftover(const std::string& data_dir, const std::string& manifest_sha256, const Seams& seams) {
   const auto refuse = [](const std::exception& failure) {
     throw SyncError(std::string("Unable to clear incomplete local cohort generation: ") + failure.what());
   };
   try {
-    move_leftover_aside(data_dir, local_cohort::manifest_sha256(served_manifest_bytes), seams);
+    move_leftover_aside(data_dir, manifest_sha256, seams);
   } catch (const Failure& failure) {
     if (!is_unusable(failure)) throw;
     refuse(failure);
@@ -68,12 +67,13 @@ void clear_leftover(const std::string& data_dir, const std::string& served_manif
 StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView& view,
                                   const std::string& served_manifest_bytes, const Seams& seams) {
   StagingRoots roots;
+  roots.manifest_sha256 = local_cohort::manifest_sha256(served_manifest_bytes);
   roots.active_root = view.data_dir;
   roots.active_is_generation = view.cohort != nullptr;
   roots.same_identity = roots.active_is_generation && view.manifest_bytes != nullptr &&
                         *view.manifest_bytes == served_manifest_bytes;
   if (!roots.same_identity) {
-    if (auto selected_root = mendable_selected_root(data_dir, served_manifest_bytes)) {
+    if (auto selected_root = mendable_selected_root(data_dir, served_manifest_bytes, roots.manifest_sha256)) {
       roots.active_root = std::move(*selected_root);
       roots.active_is_generation = true;
       roots.same_identity = true;
@@ -81,11 +81,11 @@ StagingRoots choose_staging_roots(const std::string& data_dir, const ActiveView&
   }
   if (roots.same_identity) {
     roots.repair_relative = std::string(local_cohort::COHORTS_DIRECTORY) + "/.repair-" +
-                            local_cohort::manifest_sha256(served_manifest_bytes) + "-" +
+                            roots.manifest_sha256 + "-" +
                             text::hex(seams.random_bytes(local_cohort::ROOT_TOKEN_BYTES));
     roots.candidate_root = client_manifest::ensure_contained_directory(data_dir, roots.repair_relative);
   } else {
-    clear_leftover(data_dir, served_manifest_bytes, seams);
+    clear_leftover(data_dir, roots.manifest_sha256, seams);
     roots.candidate_root = local_cohort::create_generation_root(data_dir, served_manifest_bytes);
   }
   // A later attempt can tell from it what the staged files and prefixes were for.

@@ -1,9 +1,20 @@
 #include "cohort/sync_lock.hpp"
 
 #include "host/log.hpp"
+#include "siblings/distribution/sync_backoff.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
+
+std::unique_lock<HolderMutex> SyncLock::wait_for_sync_lock() {
+  _plain.lock(sync_backoff::stop_check_of_this_thread());
+  return {_plain, std::adopt_lock};
+}
+
+std::unique_lock<HolderMutex> SyncLock::join_sync_lock() {
+  if (_plain.held_by_this_thread()) return {};
+  return wait_for_sync_lock();
+}
 
 void SyncLock::_acquire_flock() {
   _flock_lock.lock();
@@ -51,7 +62,9 @@ void SyncLock::_close_flock_fd(const char* failure_text) {
   _flock_fd.reset();
 }
 
-WriterScope::WriterScope(SyncLock& lock) : _lock(lock), _sync(lock._sync_lock()) { _lock._acquire_flock(); }
+WriterScope::WriterScope(SyncLock& lock) : _lock(lock), _sync(lock.wait_for_sync_lock()) {
+  _lock._acquire_flock();
+}
 
 WriterScope::~WriterScope() { _lock._release_flock(); }
 

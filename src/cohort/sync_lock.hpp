@@ -21,6 +21,11 @@ class SyncLock {
 
   /// Plain and not reentrant. Writers and readers of the active view's publication take it first.
   HolderMutex& _sync_lock() noexcept { return _plain; }
+  /// Takes the sync lock, unless this thread is asked to stop while it waits. `StateError` when this thread
+  /// holds it.
+  std::unique_lock<HolderMutex> wait_for_sync_lock();
+  /// The same, for what may also be called from a callback under the lock: takes nothing there.
+  std::unique_lock<HolderMutex> join_sync_lock();
 
   /// Acquire cross-process file lock for sync serialization. Blocks until other processes let go.
   void _acquire_flock();

@@ -5,14 +5,23 @@
 #include "host/integer.hpp"
 #include "host/log.hpp"
 #include "siblings/distribution/pinned_root.hpp"
+#include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
+
+namespace {
+
+constexpr std::int64_t MOST_CONSUMERS = 1'000'000'000;  // far above any; counting on from it cannot overflow
+
+}  // namespace
 
 ConsumerCount::ConsumerCount(const std::string& data_dir) : _data_dir(data_dir) {
   try {
     const auto text = client_manifest::PinnedRoot(_data_dir).read_regular_file_if_present(
         CONSUMER_COUNT_FILENAME, "consumer count");
-    if (text) _consumer_count = to_int(std::string_view(*text));
+    const std::int64_t count = text ? to_int(std::string_view(*text)) : 0;
+    if (count > MOST_CONSUMERS) throw ValueError("no number of consumers: " + *text);
+    _consumer_count = count;
   } catch (const std::exception& failure) {
     log::warning("Failed to read consumer count: %s", failure.what());
   }

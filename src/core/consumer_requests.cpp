@@ -49,14 +49,13 @@ SyncResult ConsumerRequests::ensure_manifest_file_available(const std::string& f
 std::vector<std::string> ConsumerRequests::add_active_feature_paths(
     const std::vector<std::string>& relative_paths) const {
   if (relative_paths.empty()) return {};
+  const auto sync_lock = _with.lock.join_sync_lock();  // nobody promotes between the reading and the writing
   const auto state = load_feature_rotation_state(_data_dir);
   if (!state) return {};
-  std::vector<std::string> merged;
-  std::unordered_set<std::string> seen;
-  for (const auto* paths : {&state->active_relative_paths, &relative_paths}) {
-    for (const auto& path : *paths) {
-      if (seen.insert(path).second) merged.push_back(path);
-    }
+  std::vector<std::string> merged = state->active_relative_paths;
+  std::unordered_set<std::string> seen(merged.begin(), merged.end());
+  for (const auto& path : relative_paths) {
+    if (seen.insert(path).second) merged.push_back(path);
   }
   if (merged == state->active_relative_paths) return merged;
   RotationState widened = *state;

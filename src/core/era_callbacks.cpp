@@ -13,6 +13,7 @@ void EraCallbacks::register_era_callback(EraCallback callback) {
 }
 
 void EraCallbacks::unregister_era_callback(const EraCallback& callback) {
+  if (callback.identity == nullptr) return;    // equal to none, not to every other one without
   std::shared_ptr<const EraCallback> removed;  // destroyed after the lock is free
   const MutexLock guard(_era_callbacks_lock);
   const auto found = std::find_if(_era_callbacks.begin(), _era_callbacks.end(),

@@ -46,13 +46,12 @@ std::pair<std::int64_t, std::int64_t> local_version_and_era(const Manifest& mani
 }
 
 // The active paths that exist: a file that was just proven does, only the others are looked for.
-std::vector<std::string> existing_paths(const ActiveView& view, const RotationSelection& selection,
-                                        const std::vector<std::string>& unproven) {
+PathList existing_paths(const ActiveView& view, const RotationSelection& selection,
+                        const std::vector<std::string>& unproven) {
   std::set<std::string> missing(unproven.begin(), unproven.end());
   for (const auto& path : _existing_rotation_paths(view.data_dir, unproven)) missing.erase(path);
-  std::vector<std::string> existing = selection.active_relative_paths;
-  if (!missing.empty()) std::erase_if(existing, [&](const auto& path) { return missing.contains(path); });
-  return existing;
+  return selection.active_relative_paths.without(
+      [&](const std::string& path) { return missing.contains(path); });
 }
 
 }  // namespace
@@ -243,29 +242,37 @@ SyncResult SyncDriver::_full_sync() {
       std::make_shared<const Manifest>(_shared_full_distribution_manifest(*body, "server manifest.json"));
   _require_manifest_market_identity(*server_manifest, _market_id, "server manifest.json");
 
-  const auto view = _with.active.get();
-  if (view->manifest) _refuse_backward_steps(*view, *server_manifest, *body);
-
-  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
-  const bool same_manifest_version =
-      view->manifest && host_equal(view->manifest->version(), server_manifest->version()) &&
-      host_equal(view->manifest->era_number(), server_manifest->era_number()) && view->manifest_bytes &&
-      *view->manifest_bytes == *body;
-  _progress->on_phase("planning");
-  const Artifacts artifacts = _rotation_manifest_artifacts(*server_manifest);
-  const bool force_new_rotation =
-      !same_manifest_version || _with.planner._feature_rotation_should_rotate(*server_manifest, artifacts);
-  const PlannedRotation planned =
-      _plan_within_budget(*server_manifest, artifacts, free_bytes, force_new_rotation);
-
   SyncResult result;
-  result.era_number = to_int(server_manifest->era_number());
-  _apply_rotation_result_fields(result, planned.rotation_plan.selection);
+  auto [active_relative_paths, candidate_state] = _plan_full_sync(*server_manifest, *body, result);
   _with.stager._stage_and_activate_local_cohort({.server_manifest = server_manifest,
                                                  .served_manifest_bytes = body,
-                                                 .rotation_plan = planned.rotation_plan,
+                                                 .active_relative_paths = std::move(active_relative_paths),
+                                                 .candidate_state = std::move(candidate_state),
                                                  .result = result});
   return result;
+}
+
+// What only the plan needs ends with it: the view before and the artifacts of a large manifest would stay in
+// memory for the whole staging.
+SyncDriver::PlannedCohort SyncDriver::_plan_full_sync(const Manifest& server_manifest,
+                                                      const std::string& body, SyncResult& result) {
+  const auto view = _with.active.get();
+  if (view->manifest) _refuse_backward_steps(*view, server_manifest, body);
+
+  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
+  const bool same_manifest_version = view->manifest &&
+                                     host_equal(view->manifest->version(), server_manifest.version()) &&
+                                     host_equal(view->manifest->era_number(), server_manifest.era_number()) &&
+                                     view->manifest_bytes && *view->manifest_bytes == body;
+  _progress->on_phase("planning");
+  const Artifacts artifacts = _rotation_manifest_artifacts(server_manifest);
+  const bool force_new_rotation =
+      !same_manifest_version || _with.planner._feature_rotation_should_rotate(server_manifest, artifacts);
+  PlannedRotation planned = _plan_within_budget(server_manifest, artifacts, free_bytes, force_new_rotation);
+  RotationPlan& rotation_plan = planned.rotation_plan;
+  result.era_number = to_int(server_manifest.era_number());
+  _apply_rotation_result_fields(result, rotation_plan.selection);
+  return {std::move(rotation_plan.selection.active_relative_paths), std::move(rotation_plan.candidate_state)};
 }
 
 void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,

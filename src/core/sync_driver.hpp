@@ -65,7 +65,12 @@ class SyncDriver {
   bool _prove_member(const client_manifest::PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
                      const Manifest& manifest, const std::string& file_path,
                      const sync_backoff::StopCheck& stop_check) const;
+  struct PlannedCohort {
+    PathList active_relative_paths;
+    RotationState candidate_state;
+  };
   SyncResult _full_sync();
+  PlannedCohort _plan_full_sync(const Manifest& server_manifest, const std::string& body, SyncResult& result);
   void _refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
                               const std::string& body) const;
   PlannedRotation _plan_within_budget(const Manifest& manifest, const Artifacts& artifacts,

@@ -1,5 +1,7 @@
 #include "era/era_monitor.hpp"
 
+#include <cmath>
+
 #include "era/era_current.hpp"
 #include "host/equality.hpp"
 #include "host/integer.hpp"
@@ -36,6 +38,9 @@ void log_announcement(const EraReport& report) {
 
 EraMonitor::Options checked(EraMonitor::Options options) {
   security::validate_bearer_transport_url(options.server_url);
+  if (std::isnan(options.poll_interval)) {
+    throw ValueError("era_poll_interval_s must be a number of seconds, not nan");
+  }
   options.market_id = _coerce_agent_market_id(options.market_id);
   return options;
 }

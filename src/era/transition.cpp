@@ -135,11 +135,11 @@ void TransitionRun::mark() {
 }
 
 void TransitionRun::take_locks() {
-  _sync_lock = std::unique_lock(_with.lock._sync_lock());
+  _sync_lock = _with.lock.wait_for_sync_lock();
   _with.lock._acquire_flock();
   _distribution_lock_held = true;
-  // Another process may have published since this manager last looked.
-  _with.loader.adopt_selected_cohort();
+  // Another process may have published since this manager last looked, and its era too.
+  _with.loader.adopt_selected_cohort(EraChange::allowed);
 }
 
 void TransitionRun::require_library() {
@@ -205,7 +205,8 @@ void TransitionRun::publish() {
     _with.stager._stage_and_activate_local_cohort(
         {.server_manifest = _new_manifest,
          .served_manifest_bytes = _manifest_bytes,
-         .rotation_plan = _planned.rotation_plan,
+         .active_relative_paths = _planned.rotation_plan.selection.active_relative_paths,
+         .candidate_state = _planned.rotation_plan.candidate_state,
          .result = transition_result,
          .pre_publish_check = [this] { transition_publish_gate(); }});
   } catch (const ManifestSupersededError&) {

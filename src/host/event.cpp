@@ -20,8 +20,10 @@ bool Event::is_set() const {
 
 bool Event::wait_for(std::chrono::duration<double> timeout) const {
   using Clock = std::chrono::steady_clock;
-  // An absurdly long wait would overflow the clock's own duration type.
-  const auto bounded = std::min(timeout, std::chrono::duration<double>(std::chrono::hours(24 * 365)));
+  // A wait beyond all measure would overflow the clock's own duration type; nan is no wait.
+  using Seconds = std::chrono::duration<double>;
+  const auto bounded =
+      timeout > Seconds(0) ? std::min(timeout, Seconds(std::chrono::hours(24 * 365))) : Seconds(0);
   const auto deadline = Clock::now() + std::chrono::ceil<Clock::duration>(bounded);
   MutexLock lock(_mutex);
   while (!_set && lock.wait_until(_changed, deadline)) {

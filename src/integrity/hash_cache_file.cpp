@@ -218,7 +218,9 @@ const HashCacheEntry* HashCacheEntries::find(std::string_view path) const noexce
 
 HashCacheEntries HashCacheEntries::merged_with(const std::map<std::string, HashCacheEntry>& newer) const {
   HashCacheEntries merged;
-  merged.reserve(_rows.size() + newer.size(), _paths.size() + newer.size() * TYPICAL_PATH_BYTES);
+  // Mostly the same paths.
+  merged.reserve(std::max(_rows.size(), newer.size()),
+                 std::max(_paths.size(), newer.size() * TYPICAL_PATH_BYTES));
   auto next = newer.begin();
   for (const Row& row : _rows) {
     const std::string_view path = path_of(row);

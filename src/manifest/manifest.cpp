@@ -121,7 +121,7 @@ std::shared_ptr<const MembershipSections> Manifest::membership() const {
 
 void Manifest::install_membership(std::shared_ptr<const MembershipSections> sections) const {
   const std::lock_guard lock(_membership_mutex);
-  _membership = std::move(sections);
+  _membership.swap(sections);  // the ones before go after the lock
 }
 
 const Document& Manifest::_attribute(const char* key, const Document& missing) const noexcept {

@@ -215,8 +215,8 @@ void RotationPlanner::_precheck_rotation_disk_budget(const RotationSelection& se
   if (total_needed > free_disk_bytes) throw_insufficient(total_needed, free_disk_bytes);
 }
 
-RotationState RotationPlanner::_promote_rotation_candidate(
-    const RotationState& candidate_state, const std::vector<std::string>& available_relative_paths) {
+RotationState RotationPlanner::_promote_rotation_candidate(const RotationState& candidate_state,
+                                                           const PathList& available_relative_paths) {
   return _write_promoted_rotation_state(
       artifact_rotation::promote_rotation_candidate(*_active(), candidate_state, available_relative_paths));
 }
@@ -253,9 +253,10 @@ void RotationPlanner::_cleanup_inactive_rotation_artifacts(
                                                                is_kept);
 }
 
-RotationState RotationPlanner::_complete_rotation_promotion(
-    const RotationState& candidate_state, const std::vector<std::string>& available_relative_paths,
-    const Manifest& manifest, const Vocabularies* vocabulary) {
+RotationState RotationPlanner::_complete_rotation_promotion(const RotationState& candidate_state,
+                                                            const PathList& available_relative_paths,
+                                                            const Manifest& manifest,
+                                                            const Vocabularies* vocabulary) {
   RotationState promoted =
       artifact_rotation::promote_rotation_candidate(*_active(), candidate_state, available_relative_paths);
   // Prepared before anything is written: a vocabulary problem stops the change while nothing has changed.

@@ -69,7 +69,7 @@ class RotationPlanner {
                                              bool enforce_default_cap = true);
 
   RotationState _promote_rotation_candidate(const RotationState& candidate_state,
-                                            const std::vector<std::string>& available_relative_paths);
+                                            const PathList& available_relative_paths);
   /// The file comes first, so that a failed write leaves memory at the old state.
   /// `FeatureRotationStateError`, `SyncError`.
   RotationState _write_promoted_rotation_state(RotationState promoted);
@@ -80,7 +80,7 @@ class RotationPlanner {
                                             const std::vector<std::string>& active_relative_paths) const;
   /// All of a promotion, after the new data is in place. `vocabulary` null: absent.
   RotationState _complete_rotation_promotion(const RotationState& candidate_state,
-                                             const std::vector<std::string>& available_relative_paths,
+                                             const PathList& available_relative_paths,
                                              const Manifest& manifest, const Vocabularies* vocabulary);
 
  private:

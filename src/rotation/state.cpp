@@ -77,8 +77,8 @@ bool _names_retired_unsupported_runtime_paths(const RotationState& state, const 
 std::optional<RotationState> _drop_retired_unsupported_runtime_paths_from_state(
     std::optional<RotationState> state, const Manifest& manifest) {
   if (!state) return state;
-  std::erase_if(state->active_relative_paths,
-                [&](const std::string& path) { return is_retired_path(path, manifest); });
+  state->active_relative_paths = state->active_relative_paths.without(
+      [&](const std::string& path) { return is_retired_path(path, manifest); });
   return state;
 }
 

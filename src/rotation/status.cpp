@@ -140,8 +140,7 @@ bool _rotation_is_due(const std::string& data_dir, const Document& settings_payl
 Document feature_rotation_status_payload(const std::string& data_dir, const Document& settings_payload) {
   const auto state = load_feature_rotation_state(data_dir);
   const auto manifest = _load_feature_rotation_status_manifest(data_dir);
-  const std::vector<std::string> active_paths =
-      state ? state->active_relative_paths : std::vector<std::string>();
+  const PathList active_paths = state ? state->active_relative_paths : PathList();
   const auto accounting = account(data_dir, manifest.get(), active_paths, settings_payload);
   const NextRotation next = _rotation_next_at(data_dir, settings_payload);
 

@@ -45,13 +45,7 @@ Document backoff_entry(const Document& event) {
 
 }  // namespace
 
-BackoffContext _current_sync_backoff_context() {
-  try {
-    return sync_backoff::module_seam().current()->current_context();
-  } catch (const std::exception&) {
-    return {};
-  }
-}
+BackoffContext _current_sync_backoff_context() { return sync_backoff::context_of_this_thread(); }
 
 std::string _sync_backoff_surface(const std::string& default_surface) {
   const auto surface = _current_sync_backoff_context().surface;

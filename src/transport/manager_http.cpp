@@ -6,12 +6,12 @@ namespace tidalcrest::sync {
 
 void Credentials::set_get_token(TokenSupplier supplier) {
   const MutexLock lock(_mutex);
-  _get_token = std::move(supplier);
+  _get_token.swap(supplier);  // the one before goes after the lock: its destructor is the host's
 }
 
 void Credentials::set_get_wallet_secret(WalletSecretSupplier supplier) {
   const MutexLock lock(_mutex);
-  _get_wallet_secret = std::move(supplier);
+  _get_wallet_secret.swap(supplier);
 }
 
 std::string Credentials::get_token() const {

@@ -94,7 +94,7 @@ TEST_F(RequestsTest, AddedFeaturePathsArePersistedOnce) {
   EXPECT_THAT(manager->add_active_feature_paths({"x"}), IsEmpty());
   manager->sync();
   const auto before = manager->active_rotation_state()->active_relative_paths;
-  auto merged = before;
+  std::vector<std::string> merged = before;
   merged.emplace_back("features/u1/signal_is/new__f__x__y.arrow");
   EXPECT_EQ(manager->add_active_feature_paths({before.front(), merged.back(), merged.back()}), merged);
   EXPECT_EQ(load_feature_rotation_state(data.path())->active_relative_paths, merged);

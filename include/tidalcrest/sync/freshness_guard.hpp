@@ -23,7 +23,7 @@ class FreshnessGuardHolder {
   }
   void set(std::shared_ptr<RuntimeFreshnessGuard> guard) {
     const std::lock_guard lock(_mutex);
-    _guard = std::move(guard);
+    _guard.swap(guard);  // the one before goes after the lock: its destructor is the host's
   }
 
  private:

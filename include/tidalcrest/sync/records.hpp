@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tidalcrest/sync/path_list.hpp"
+
 namespace tidalcrest::sync {
 
 /// Result of a sync operation.
@@ -22,9 +24,9 @@ struct SyncResult {
   std::int64_t pnl_column_count = 0;                    ///< the manifest's `pnl_column_count`
   bool vocabulary_downloaded = false;                   ///< a vocabulary file was fetched
   bool shuffle_seed_downloaded = false;                 ///< the encrypted shuffle seed was fetched
-  std::vector<std::string> active_relative_paths;       ///< feature paths active after this sync
-  std::vector<std::string> skipped_relative_paths;      ///< feature paths left out by rotation
-  std::vector<std::string> mandatory_relative_paths;    ///< paths that the rotation plan required
+  PathList active_relative_paths;                       ///< feature paths active after this sync
+  PathList skipped_relative_paths;                      ///< feature paths left out by rotation
+  PathList mandatory_relative_paths;                    ///< paths that the rotation plan required
   std::vector<std::string> found_pnl_paths_downloaded;  ///< local paths of found files fetched
   std::optional<std::int64_t> rotation_seed;            ///< seed of the rotation selection
   std::optional<std::int64_t> feature_budget_bytes;     ///< byte budget of the rotation selection

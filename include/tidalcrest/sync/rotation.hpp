@@ -3,18 +3,18 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/path_list.hpp"
 
 namespace tidalcrest::sync {
 
 /// The feature subset that a data directory holds, and what is needed to choose the next one.
 struct RotationState {
-  std::vector<std::string> active_relative_paths = {};  ///< mandatory files too; empty where nothing rotates
-  std::int64_t generation = 0;  ///< grows by one with each new candidate that was promoted
-  std::int64_t seed = 0;        ///< seed of the selection
-  std::string rng_state = {};   ///< continues the generator where the selection left it
+  PathList active_relative_paths = {};  ///< mandatory files too; empty where nothing rotates
+  std::int64_t generation = 0;          ///< grows by one with each new candidate that was promoted
+  std::int64_t seed = 0;                ///< seed of the selection
+  std::string rng_state = {};           ///< continues the generator where the selection left it
   std::string algorithm = "uniform";
   std::string reason = {};  ///< why the candidate was made
   friend bool operator==(const RotationState&, const RotationState&) = default;

@@ -8,8 +8,9 @@
 
 namespace tidalcrest::sync {
 
-/// A running search that wants to hear of new data. Called without any lock of the consumer list, so it may
-/// register or unregister from inside the call; under the locks of a sync, so it must not start or stop one.
+/// A running search that wants to hear of new data. It is refreshed without any lock of the consumer list, so
+/// it may register or unregister from inside the call; and under the locks of a sync: what needs these (a
+/// sync, a repair, a pin, a snapshot) throws `StateError` there.
 class RotationSearchConsumer {
  public:
   virtual ~RotationSearchConsumer() = default;
@@ -19,7 +20,7 @@ class RotationSearchConsumer {
   virtual std::optional<std::string> named_universe() const { return std::nullopt; }
   virtual void refresh_rotation_scope(const RotationState& rotation_state,
                                       const Document& scoped_vocabulary) = 0;
-  /// Equality by which the registry recognises a consumer.
+  /// Equality by which the list recognises a consumer. Asked under the list's lock: it only compares.
   virtual bool equals(const RotationSearchConsumer& other) const { return this == &other; }
 };
 

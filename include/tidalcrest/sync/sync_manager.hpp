@@ -96,7 +96,7 @@ class SyncManager {
   /// Ensure one manifest file exists locally through the sync boundary. Throws as `repair`.
   SyncResult ensure_manifest_file_available(const std::string& file_path, const Document& file_info);
   /// Add feature paths to the active rotation state and persist it; gives the merged paths, none without a
-  /// state.
+  /// state. Waits for a sync that runs.
   std::vector<std::string> add_active_feature_paths(const std::vector<std::string>& relative_paths);
   /// Cross-process sync trigger, returns file paths: local found PnL paths, newest first. When several
   /// threads ask at once, one runs the sync and the others wait for it, 30 seconds at most. Throws

@@ -55,10 +55,8 @@ RotationPlan finished_plan(const Artifacts& artifacts, const ArtifactRotationSet
                            Selection selection, RotationState candidate_state) {
   selection.rebuild_active_relative_paths();
   // A state with paths counts as stale where nothing rotates, so none are recorded there.
-  candidate_state.active_relative_paths.clear();
-  if (anything_rotates(artifacts, settings)) {
-    candidate_state.active_relative_paths = selection.active_relative_paths;
-  }
+  candidate_state.active_relative_paths =
+      anything_rotates(artifacts, settings) ? selection.active_relative_paths : PathList();
   return {std::move(selection), std::move(candidate_state)};
 }
 
@@ -77,9 +75,10 @@ Artifacts Selection::selected_artifacts() const {
   return selected;
 }
 
-std::vector<std::string> Selection::mandatory_relative_paths() const { return paths_of(mandatory_artifacts); }
+PathList Selection::mandatory_relative_paths() const { return paths_of(mandatory_artifacts); }
 
-std::vector<std::string> Selection::skipped_relative_paths() const {
+PathList Selection::skipped_relative_paths() const {
+  if (rotatable_artifacts == eligible_artifacts) return {};
   const PathSet active(active_relative_paths.begin(), active_relative_paths.end());
   std::vector<std::string> skipped;
   for (const auto& artifact : eligible_artifacts) {
@@ -89,16 +88,14 @@ std::vector<std::string> Selection::skipped_relative_paths() const {
 }
 
 void Selection::rebuild_active_relative_paths() {
-  active_relative_paths.clear();
-  active_relative_paths.reserve(mandatory_artifacts.size() + rotatable_artifacts.size());
-  PathSet seen;
-  seen.reserve(active_relative_paths.capacity());
+  PathSet paths;
+  paths.reserve(mandatory_artifacts.size() + rotatable_artifacts.size());
   for (const Artifacts* artifacts : {&mandatory_artifacts, &rotatable_artifacts}) {
-    for (const auto& artifact : *artifacts) {
-      if (seen.insert(artifact->relative_path).second)
-        active_relative_paths.push_back(artifact->relative_path);
-    }
+    for (const auto& artifact : *artifacts) paths.insert(artifact->relative_path);
   }
+  const bool in_step =
+      std::equal(paths.begin(), paths.end(), active_relative_paths.begin(), active_relative_paths.end());
+  if (!in_step) active_relative_paths = PathList(paths.begin(), paths.end());
 }
 
 Document RotationPlan::rotation_record() const {
@@ -152,17 +149,18 @@ RotationPlan plan_from_active_rotation_state(const Artifacts& artifacts,
     if (!fresh.selection.rotatable_artifacts.empty()) return fresh;
   }
   selection.seed = active_state.seed;
+  selection.active_relative_paths = paths;  // mostly these still, and then shared
   return finished_plan(artifacts, settings, std::move(selection), active_state);
 }
 
 RotationState promote_rotation_candidate(const std::optional<RotationState>& active_state,
                                          const RotationState& candidate_state,
-                                         const std::vector<std::string>& available_relative_paths) {
+                                         const PathList& available_relative_paths) {
   RotationState promoted = candidate_state;
   if (promoted.active_relative_paths != available_relative_paths) {
     const PathSet available(available_relative_paths.begin(), available_relative_paths.end());
-    std::erase_if(promoted.active_relative_paths,
-                  [&](const std::string& path) { return !available.contains(path); });
+    promoted.active_relative_paths = promoted.active_relative_paths.without(
+        [&](const std::string& path) { return !available.contains(path); });
   }
   if (active_state) promoted.generation = std::max(promoted.generation, active_state->generation);
   return promoted;

@@ -36,13 +36,13 @@ struct Selection {
   std::int64_t seed = 0;
   std::int64_t feature_budget_bytes = 0;
   std::int64_t mandatory_bytes = 0;
-  std::vector<std::string> active_relative_paths;  ///< mandatory first, then rotatable, each in row order
+  PathList active_relative_paths;  ///< mandatory first, then rotatable, each in row order
 
   /// In the order of `active_relative_paths`.
   Artifacts selected_artifacts() const;
-  std::vector<std::string> mandatory_relative_paths() const;
+  PathList mandatory_relative_paths() const;
   /// Eligible, but not active.
-  std::vector<std::string> skipped_relative_paths() const;
+  PathList skipped_relative_paths() const;
   /// Brings `active_relative_paths` in step with the two lists; a path in both or twice counts once.
   void rebuild_active_relative_paths();
 };
@@ -83,6 +83,6 @@ RotationPlan plan_from_active_rotation_state(const Artifacts& artifacts,
 /// already carries the next generation; the recorded generation never goes back.
 RotationState promote_rotation_candidate(const std::optional<RotationState>& active_state,
                                          const RotationState& candidate_state,
-                                         const std::vector<std::string>& available_relative_paths);
+                                         const PathList& available_relative_paths);
 
 }  // namespace tidalcrest::sync::artifact_rotation

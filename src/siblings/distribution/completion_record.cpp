@@ -132,11 +132,25 @@ bool knows_all_paths(const CompletedMembers& members) {
                      });
 }
 
+constexpr std::size_t SHORT_MEMBERS_BYTES = 4096;  // mostly enough for what follows the two long members
+
+// At least what `members_text` writes.
+std::size_t members_bytes(const std::vector<std::string>& active_relative_paths,
+                          const ArtifactIdentities& artifact_identities) {
+  constexpr std::size_t quoted = 3;            // two quotes and a comma
+  constexpr std::size_t identity_bytes = 120;  // a digest, the digits of a size, and two names
+  std::size_t bytes = 64;
+  for (const auto& path : active_relative_paths) bytes += path.size() + quoted;
+  for (const auto& [path, identity] : artifact_identities) bytes += path.size() + identity_bytes;
+  return bytes;
+}
+
 // The two members of a record that grow with the generation, as they stand at its begin.
 std::string members_text(const std::vector<std::string>& active_relative_paths,
                          const ArtifactIdentities& artifact_identities) {
   // Written as it goes: a document of it would hold a large generation once more. Paths need no escape.
   std::string bytes = "{\"active_relative_paths\":[";
+  bytes.reserve(members_bytes(active_relative_paths, artifact_identities) + SHORT_MEMBERS_BYTES);
   const char* separator = "";
   for (const auto& path : active_relative_paths)
     fmt::format_to(std::back_inserter(bytes), "{}\"{}\"", std::exchange(separator, ","), path);

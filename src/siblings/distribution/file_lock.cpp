@@ -39,11 +39,10 @@ void lock_opened_file(int descriptor, bool exclusive, const std::string& what) {
 
   log::debug("waiting for %s", what);
   const auto started = Clock::now();
-  const auto module = sync_backoff::module_seam().current();
-  const auto context = module->current_context();
+  const auto stop_check = sync_backoff::stop_check_of_this_thread();
   auto pause = FIRST_PAUSE;
   do {
-    if (sync_backoff::is_stop_requested(context)) sync_backoff::cancel(*module);
+    stop_check();
     std::this_thread::sleep_for(pause);
     pause = std::min(pause * 2, LONGEST_PAUSE);
   } while (!try_lock(descriptor, operation, what));

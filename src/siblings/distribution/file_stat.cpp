@@ -1,6 +1,7 @@
 #include "siblings/distribution/file_stat.hpp"
 
 #include <cerrno>
+#include <limits>
 
 #include "host/failures.hpp"
 #include "siblings/distribution/file_blocks.hpp"
@@ -8,8 +9,15 @@
 namespace tidalcrest::sync::client_manifest {
 namespace {
 
+// Times that 64 bits do not hold (from the year 2262 on) are the last that they do.
 std::int64_t nanoseconds(const timespec& time) noexcept {
-  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+  constexpr std::int64_t last = std::numeric_limits<std::int64_t>::max();
+  std::int64_t total = 0;
+  const bool too_far =
+      __builtin_mul_overflow(static_cast<std::int64_t>(time.tv_sec), std::int64_t{1'000'000'000}, &total) ||
+      __builtin_add_overflow(total, static_cast<std::int64_t>(time.tv_nsec), &total);
+  if (!too_far) return total;
+  return time.tv_sec < 0 ? -last : last;
 }
 
 }  // namespace

@@ -17,11 +17,8 @@ namespace {
 
 using client_manifest::PinnedRoot;
 
-constexpr const char* MANIFEST_LABEL = "local cohort manifest";
-constexpr const char* COMPLETION_LABEL = "local cohort completion record";
-
-/// What a living selection was parsed from. Parsing a large manifest costs a hundred times what comparing its
-/// bytes does, and readers load the same cohort again and again; equal bytes give the same selection.
+/// The living selections. Parsing a large manifest costs a hundred times what comparing its bytes does, and
+/// readers load the same cohort again and again; the same two files give the same selection.
 class ParsedSelections {
  public:
   std::shared_ptr<const Selection> find(const std::string& base_dir, const std::string& manifest_bytes) {
@@ -127,25 +124,26 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
   const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
   std::shared_ptr<const Document> manifest;
   std::optional<GenerationFiles> files;
-  std::optional<CompletedMembers> members;  // absent: as they are known
+  CompletedMembers members;
   const auto parse_the_manifest = [&] { manifest = parse_manifest(manifest_bytes, sha256, root_dir); };
   const auto read_the_record = [&] {
     files.emplace(look_at_generation(root_dir, [&] { return read_generation_files(base, relative_root); }));
     if (files->manifest_bytes != manifest_bytes) {
       refuse(root_dir, "its manifest file does not hold the bytes that name it");
     }
-    if (known && *known->members.record == files->completion_bytes) return;
-    members = parse_completion(std::move(files->completion_bytes), root_dir, sha256, manifest_bytes.size());
+    const bool same_record = known && *known->members.record == files->completion_bytes;
+    members = same_record ? known->members
+                          : parse_completion(std::move(files->completion_bytes), root_dir, sha256,
+                                             manifest_bytes.size());
   };
   // Of two failures the manifest's is told, as if the parts followed each other.
   const std::size_t workers = !known && manifest_bytes.size() >= WORTH_A_THREAD_BYTES ? 2 : 1;
   parallel_in_order(2, workers,
                     [&](std::size_t part) { part == 0 ? parse_the_manifest() : read_the_record(); });
 
-  if (!members) return {std::move(known), std::move(files->root)};
   auto selection = std::make_shared<const Selection>(
       Selection{base.path(), root_dir, std::move(files->manifest_bytes), std::move(manifest),
-                *std::move(members), files->manifest_stat, files->completion_stat});
+                std::move(members), files->manifest_stat, files->completion_stat});
   parsed_selections().remember(selection);
   return {std::move(selection), std::move(files->root)};
 }

@@ -7,6 +7,9 @@
 
 namespace tidalcrest::sync::local_cohort {
 
+inline constexpr const char* MANIFEST_LABEL = "local cohort manifest";
+inline constexpr const char* COMPLETION_LABEL = "local cohort completion record";
+
 /// A complete generation and the handle through which it was proven complete.
 struct LoadedGeneration {
   std::shared_ptr<const Selection> selection;

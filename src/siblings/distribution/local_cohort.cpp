@@ -29,14 +29,6 @@ constexpr mode_t GENERATION_MODE = 0777;  // the user's umask decides
 // distribution lock, which readers keep away, so even one turn is rare.
 constexpr int PIN_ATTEMPTS = 16;
 
-void flush_file_system(const PinnedRoot& root) {
-  if (disk_calls().flush_file_system(root.descriptor()) == 0) return;
-  const int why = errno;
-  throw FlushError(
-      fmt::format("flush of the file system of {}: {}", root.path(), std::generic_category().message(why)),
-      why);
-}
-
 void flush_directory_after_commit(const PinnedRoot& base) {
   if (disk_calls().flush_file(base.descriptor()) == 0) return;
   log::warning("The new selection of %s is in place, but its directory could not be flushed: %s", base.path(),
@@ -123,13 +115,20 @@ void complete_generation(const std::string& root, const std::string& manifest_by
   generation.assert_root_unchanged();
 }
 
-void make_durable(const std::string& root) { flush_file_system(PinnedRoot(root)); }
+void make_durable(const PinnedRoot& root) {
+  if (disk_calls().flush_file_system(root.descriptor()) == 0) return;
+  const int why = errno;
+  throw FlushError(
+      fmt::format("flush of the file system of {}: {}", root.path(), std::generic_category().message(why)),
+      why);
+}
 
 std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
-                                                  const std::string& manifest_bytes) {
+                                                  const std::string& manifest_bytes,
+                                                  const PinnedRoot* staged) {
   const PinnedRoot base(data_dir);
   const LoadedGeneration published = load_generation(base, manifest_bytes);
-  flush_file_system(published.root);
+  make_durable(staged != nullptr ? *staged : published.root);
   base.write_atomic(SELECTOR_FILE, manifest_bytes, /*allow_replace=*/true);
   flush_directory_after_commit(base);
   return load_active_cohort(data_dir, /*required=*/true);
@@ -153,10 +152,16 @@ std::optional<std::string> read_selector_bytes(const std::string& data_dir) {
   }
 }
 
+CompletedMembers read_completed_members(const PinnedRoot& generation) {
+  const auto manifest = generation.stat_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL);
+  return parse_completion_record(generation.read_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL),
+                                 generation.path().substr(generation.path().rfind('/') + 1),
+                                 static_cast<std::size_t>(manifest.size_bytes));
+}
+
 bool has_same_record(const Selection& selection) {
   try {
-    return PinnedRoot(selection.root_dir)
-               .stat_regular_file(COHORT_COMPLETION_FILE, "local cohort completion record") ==
+    return PinnedRoot(selection.root_dir).stat_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL) ==
            selection.completion_stat;
   } catch (const OSError&) {
     return false;

@@ -53,21 +53,27 @@ std::string create_generation_root(const std::string& data_dir, const std::strin
 /// Writes the manifest and completion files; the root counts as complete afterwards.
 void complete_generation(const std::string& root, const std::string& manifest_bytes,
                          const CompletionRecord& completion);
-/// Brings all that was written below a generation root to the disk: one flush of its file system. Throws
-/// `FlushError`.
-void make_durable(const std::string& root);
-/// Makes the generation durable, then replaces the selector: the commit point. Gives the selection as it
-/// reads back. `LocalCohortError` when the generation is not complete, and then nothing was touched;
-/// `FlushError` before the selector moves.
+/// Brings all that was written to the file system of a root to the disk: one flush. A handle from before the
+/// first of the writes hears of each that was lost, also when another process was told of it meanwhile.
+/// Throws `FlushError`.
+void make_durable(const client_manifest::PinnedRoot& root);
+/// Makes the generation durable, through `staged` if given (see `make_durable`), then replaces the selector:
+/// the commit point. Gives the selection as it reads back. `LocalCohortError` when the generation is not
+/// complete, and then nothing was touched; `FlushError` before the selector moves.
 std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
-                                                  const std::string& manifest_bytes);
+                                                  const std::string& manifest_bytes,
+                                                  const client_manifest::PinnedRoot* staged = nullptr);
 /// The selection read back from the selector. Without a selector: null, or `LocalCohortError` when
 /// `required`. `LocalCohortError` for a selector without a complete generation, `ManifestJsonError` for a
-/// corrupt one. While a selection of the same exact bytes is still alive it is given again, not parsed anew.
+/// corrupt one. While a selection that was read from the same two files is still alive it is given again.
 std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir, bool required);
 /// The exact bytes of the selector, whole generation or not; absent when there is no selector, or something
 /// other than a regular file in its place: the next publication replaces that, unless it is a directory.
 std::optional<std::string> read_selector_bytes(const std::string& data_dir);
+
+/// The members of a complete generation by its record alone; its manifest is not read. `ValueError` for a
+/// record that does not belong there, `OSError`.
+CompletedMembers read_completed_members(const client_manifest::PinnedRoot& generation);
 
 /// Whether the generation still has the completion record that was read. One stat; false says only that a
 /// look is due.

@@ -80,6 +80,14 @@ ModuleSeam<Module>& module_seam() {
   return seam;
 }
 
+BackoffContext context_of_this_thread() {
+  try {
+    return module_seam().current()->current_context();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
 bool is_stop_requested(const BackoffContext& context) {
   if (!context.stop_requested) return false;
   try {
@@ -96,9 +104,7 @@ void cancel(Module& module) {
 }
 
 StopCheck stop_check_of_this_thread() {
-  auto module = module_seam().current();
-  auto context = module->current_context();
-  return [module, context] {
+  return [module = module_seam().current(), context = context_of_this_thread()] {
     if (is_stop_requested(context)) cancel(*module);
   };
 }

@@ -36,6 +36,8 @@ class Module {
 
 ModuleSeam<Module>& module_seam();
 
+/// The calling thread's context; an empty one where the module's own failed.
+BackoffContext context_of_this_thread();
 /// Whether the context asks to stop. A signal that fails asks for nothing.
 bool is_stop_requested(const BackoffContext& context);
 /// Throws the module's cancelled exception; a plain `SyncBackoffCancelled` where a host's module only
