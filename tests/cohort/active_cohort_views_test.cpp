@@ -40,6 +40,21 @@ TEST_F(ViewsTest, PublicationWaitsForAPinAndTheSnapshotKeepsDescribingItsRoot) {
             "StateError: Pinned active cohort differs from the sync manager selection");
 }
 
+TEST_F(ViewsTest, CallUnderAPinRefusesToWaitForItselfAndOthersHearAStop) {
+  const auto manager = synced_manager();
+  const ActiveCohortPin pin = manager->pin_active_cohort_snapshot();
+  EXPECT_THROW(manager->sync(), StateError);
+  EXPECT_THROW(manager->active_cohort_snapshot(), StateError);
+  std::atomic<bool> stop = false;
+  auto waiting = std::async(std::launch::async, [&] {
+    const ScopedBackoffContext context({.stop_requested = [&] { return stop.load(); }});
+    manager->sync();
+  });
+  EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  stop = true;
+  EXPECT_THROW(waiting.get(), SyncBackoffCancelled);
+}
+
 TEST_F(ViewsTest, PinMayOutliveItsManager) {
   auto manager = synced_manager();
   std::optional<ActiveCohortPin> pin = manager->pin_active_cohort_snapshot();

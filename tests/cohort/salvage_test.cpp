@@ -54,6 +54,17 @@ TEST_F(SalvageTest, NothingThatArrivedWholeIsFetchedTwiceAlsoUnderANewerManifest
   EXPECT_THAT(cohort_roots(), ElementsAre(local_cohort::manifest_sha256(origin.current().manifest_bytes)));
 }
 
+TEST_F(SalvageTest, RepairOfTheLiveCohortLeavesTheStagingOfANewerOneToGoOn) {
+  const auto live = synced_manager(distribution());
+  const auto newer = distribution().file(path_of(5), "CONTENT of file 5", "reference");  // of the same size
+  fail_after_the_rest(newer);
+  data.write(".tidalcrest-cohorts/.repair-killed/" + path_of(5), "content of file 5");
+  live->repair({path_of(1)});
+  origin.forget_requests();
+  synced_manager(newer);
+  EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
+}
+
 TEST_F(SalvageTest, FoundFilesTakenOverAreStillReportedAsNew) {
   fail_after_the_rest(distribution());
   origin.publish(distribution());

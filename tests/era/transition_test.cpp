@@ -277,10 +277,15 @@ TEST_F(TransitionTest, TakesOverWhatAnotherManagerPublishedMeanwhile) {
   const auto other = make_manager();
   publish_era(2);
   other->trigger_era_transition(2);
-  EXPECT_EQ(era(), 1) << "this one has not looked";
+  EXPECT_EQ(failure_of([&] { manager->sync(); }),
+            "EraError: Era mismatch: local era_number=1, server era_number=2");
+  EXPECT_THROW(manager->repair({"functions.json"}), EraError);
+  EXPECT_EQ(era(), 1) << "its searches still run on it";
   origin.forget_requests();
+  sdk->told.clear();
   trigger(2);
   EXPECT_EQ(era(), 2);
+  EXPECT_THAT(sdk->told, ::testing::Contains("tracked 1 to 2"));
   EXPECT_THAT(origin.requests("features/*"), IsEmpty()) << "the cohort is there already";
 }
 

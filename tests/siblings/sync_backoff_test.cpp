@@ -45,6 +45,24 @@ TEST(SyncBackoffPolicy, LooksAtTheStopSignalAllTheTime) {
   EXPECT_THROW(module().raise_cancelled(), SyncBackoffCancelled);
 }
 
+TEST(SyncBackoffContext, OneThatFailsCountsAsEmpty) {
+  class Failing : public sync_backoff::Module {
+   public:
+    double delay_seconds(std::int64_t) override { return 0; }
+    bool sleep(double, const std::function<void(double)>&, const std::function<bool()>&) override { return true; }
+    void raise_cancelled() override {}
+    Document sync_backoff_event_fields(const std::string&, std::int64_t, double, const std::string&,
+                                       const std::string&) override {
+      return {};
+    }
+    BackoffContext current_context() override { throw RuntimeError("no context on this thread"); }
+    std::shared_ptr<void> enter_context(BackoffContext) override { return nullptr; }
+  };
+  sync_backoff::module_seam().install(std::make_shared<Failing>());
+  EXPECT_NO_THROW(sync_backoff::stop_check_of_this_thread()());
+  sync_backoff::module_seam().install(nullptr);
+}
+
 TEST(SyncBackoffContext, BelongsToItsThreadAndNests) {
   const auto surface = [] { return module().current_context().surface.value_or("none"); };
   const ScopedBackoffContext outer({.surface = "outer", .data_dir = "/d", .stop_requested = {}});
