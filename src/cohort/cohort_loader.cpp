@@ -85,9 +85,8 @@ void CohortLoader::adopt_selected_cohort(EraChange era_change) {
 // The same manifest alone does not say it: a repair, a rotation or an on-demand feature under the live
 // manifest moves only the completion record.
 bool CohortLoader::_is_in_step(const ActiveView& view) const {
-  const auto selected_bytes = local_cohort::read_selector_bytes(_data_dir);
-  if (!view.cohort) return !selected_bytes.has_value();
-  if (!selected_bytes || *view.manifest_bytes != *selected_bytes) return false;
+  if (!view.cohort) return !local_cohort::read_selector_bytes(_data_dir).has_value();
+  if (!local_cohort::selector_holds(_data_dir, *view.manifest_bytes)) return false;
   if (local_cohort::has_same_record(*view.cohort)) return true;
   try {
     return local_cohort::load_active_cohort(_data_dir, /*required=*/true) == view.cohort;

@@ -20,7 +20,7 @@ namespace {
 std::optional<std::string> mendable_selected_root(const std::string& data_dir,
                                                   const std::string& served_manifest_bytes,
                                                   const std::string& manifest_sha256) {
-  if (local_cohort::read_selector_bytes(data_dir) != served_manifest_bytes) return std::nullopt;
+  if (!local_cohort::selector_holds(data_dir, served_manifest_bytes)) return std::nullopt;
   const client_manifest::PinnedRoot base(data_dir);
   const std::string relative_root = std::string(local_cohort::COHORTS_DIRECTORY) + "/" + manifest_sha256;
   try {

@@ -47,7 +47,8 @@ std::string progress_entries(const FilesToDownload& files_to_download) {
       fmt::format_to(std::back_inserter(entries), R"(, "size_bytes": {})", size);
     entries += '}';
   }
-  return entries += '}';
+  entries += "}";
+  return entries;
 }
 
 void log_failed_tmp_removal(const std::string& file_path, const std::exception& failure) {

@@ -160,7 +160,8 @@ std::string members_text(const std::vector<std::string>& active_relative_paths,
     fmt::format_to(std::back_inserter(bytes), R"({}"{}":{{"sha256":"{}","size_bytes":{}}})",
                    std::exchange(separator, ","), path, identity.sha256, identity.size_bytes);
   }
-  return bytes += "}";
+  bytes += "}";
+  return bytes;
 }
 
 bool take_members(TextScanner& scanner, CompletedMembers& members) {

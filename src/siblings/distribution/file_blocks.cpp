@@ -14,6 +14,8 @@
 namespace tidalcrest::sync::client_manifest {
 namespace {
 
+constexpr std::size_t COMPARED_BLOCK_BYTES = 65536;  // stays in the processor's cache
+
 constexpr std::size_t KERNEL_COPY_BYTES = std::size_t{1} << 30;
 
 // False when this pair of files cannot be copied inside the kernel (any further), or it says that there is
@@ -63,6 +65,16 @@ std::string read_to_end(int descriptor, std::int64_t size_hint, const std::strin
   }
   bytes.resize(filled);
   return bytes;
+}
+
+bool holds_exactly(int descriptor, std::string_view expected, const std::string& what) {
+  const std::size_t block = std::min(expected.size() + 1, COMPARED_BLOCK_BYTES);  // one more: the end shows itself
+  const auto buffer = std::make_unique_for_overwrite<char[]>(block);
+  while (const std::size_t count = read_some(descriptor, buffer.get(), block, what)) {
+    if (!expected.starts_with(std::string_view(buffer.get(), count))) return false;
+    expected.remove_prefix(count);
+  }
+  return expected.empty();
 }
 
 void write_all(int descriptor, std::string_view bytes, const std::string& what) {

@@ -16,6 +16,8 @@ inline constexpr std::int64_t MAX_BLOCK_BYTES = 8 * 1024 * 1024;
 std::size_t read_some(int descriptor, char* buffer, std::size_t size, const std::string& what);
 /// All bytes from the current offset on. `size_hint` is what the file is expected to hold.
 std::string read_to_end(int descriptor, std::int64_t size_hint, const std::string& what);
+/// Whether the bytes from the current offset on are exactly the expected ones. Keeps one block of them.
+bool holds_exactly(int descriptor, std::string_view expected, const std::string& what);
 void write_all(int descriptor, std::string_view bytes, const std::string& what);
 /// Digest of the `size` bytes from the current offset on, in blocks of at most `block_bytes`. Absent bytes
 /// are a failure: the file became shorter meanwhile. `after_block` may end it by throwing.

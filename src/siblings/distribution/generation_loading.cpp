@@ -21,12 +21,10 @@ using client_manifest::PinnedRoot;
 /// readers load the same cohort again and again; the same two files give the same selection.
 class ParsedSelections {
  public:
-  std::shared_ptr<const Selection> find(const std::string& base_dir, const std::string& manifest_bytes) {
+  std::shared_ptr<const Selection> find(const std::string& base_dir) {
     const MutexLock lock(_mutex);
     const auto known = _by_base_dir.find(base_dir);
-    if (known == _by_base_dir.end()) return nullptr;
-    auto selection = known->second.lock();
-    return selection && selection->manifest_bytes == manifest_bytes ? selection : nullptr;
+    return known == _by_base_dir.end() ? nullptr : known->second.lock();
   }
   void remember(const std::shared_ptr<const Selection>& selection) {
     const MutexLock lock(_mutex);
@@ -76,21 +74,21 @@ auto look_at_generation(const std::string& root_dir, const Look& look) {
 struct GenerationFiles {
   PinnedRoot root;
   client_manifest::FileStat manifest_stat;
-  std::string manifest_bytes;
+  bool has_its_manifest;
   client_manifest::FileStat completion_stat;
   std::string completion_bytes;
 };
 
 // The stats come before the reading: a file that is replaced in between must not pass for the one that was
 // read.
-GenerationFiles read_generation_files(const PinnedRoot& base, const std::string& relative_root) {
+GenerationFiles read_generation_files(const PinnedRoot& base, const std::string& relative_root,
+                                      std::string_view manifest_bytes) {
   PinnedRoot root(base, relative_root);
   const auto manifest_stat = root.stat_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL);
-  std::string manifest_bytes = root.read_regular_file(COHORT_MANIFEST_FILE, MANIFEST_LABEL);
+  const bool has_its_manifest = root.holds_exactly(COHORT_MANIFEST_FILE, manifest_bytes, MANIFEST_LABEL);
   const auto completion_stat = root.stat_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
   std::string completion_bytes = root.read_regular_file(COHORT_COMPLETION_FILE, COMPLETION_LABEL);
-  return {std::move(root), manifest_stat, std::move(manifest_bytes), completion_stat,
-          std::move(completion_bytes)};
+  return {std::move(root), manifest_stat, has_its_manifest, completion_stat, std::move(completion_bytes)};
 }
 
 // What was read there holds while both files are still the ones that were read.
@@ -108,29 +106,21 @@ CompletedMembers parse_completion(std::string completion_bytes, const std::strin
   }
 }
 
-}  // namespace
-
-LoadedGeneration load_generation(const PinnedRoot& base, const std::string& manifest_bytes) {
-  auto known = parsed_selections().find(base.path(), manifest_bytes);
-  const std::string relative_root =
-      known ? known->root_dir.substr(base.path().size() + 1) : generation_relative_root(manifest_bytes);
+// `known` is a selection of the same bytes, or null.
+LoadedGeneration read_generation(const PinnedRoot& base, std::string manifest_bytes,
+                                 const std::string& relative_root,
+                                 const std::shared_ptr<const Selection>& known) {
   const std::string root_dir = base.display_path(relative_root);
-  if (known) {
-    auto root = look_at_generation(root_dir, [&] { return PinnedRoot(base, relative_root); });
-    if (look_at_generation(root_dir, [&] { return is_as_read(root, *known); }))
-      return {std::move(known), std::move(root)};
-  }
-
   const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
   std::shared_ptr<const Document> manifest;
   std::optional<GenerationFiles> files;
   CompletedMembers members;
   const auto parse_the_manifest = [&] { manifest = parse_manifest(manifest_bytes, sha256, root_dir); };
   const auto read_the_record = [&] {
-    files.emplace(look_at_generation(root_dir, [&] { return read_generation_files(base, relative_root); }));
-    if (files->manifest_bytes != manifest_bytes) {
+    files.emplace(look_at_generation(
+        root_dir, [&] { return read_generation_files(base, relative_root, manifest_bytes); }));
+    if (!files->has_its_manifest)
       refuse(root_dir, "its manifest file does not hold the bytes that name it");
-    }
     const bool same_record = known && *known->members.record == files->completion_bytes;
     members = same_record ? known->members
                           : parse_completion(std::move(files->completion_bytes), root_dir, sha256,
@@ -142,10 +132,31 @@ LoadedGeneration load_generation(const PinnedRoot& base, const std::string& mani
                     [&](std::size_t part) { part == 0 ? parse_the_manifest() : read_the_record(); });
 
   auto selection = std::make_shared<const Selection>(
-      Selection{base.path(), root_dir, std::move(files->manifest_bytes), std::move(manifest),
-                std::move(members), files->manifest_stat, files->completion_stat});
+      Selection{base.path(), root_dir, std::move(manifest_bytes), std::move(manifest), std::move(members),
+                files->manifest_stat, files->completion_stat});
   parsed_selections().remember(selection);
   return {std::move(selection), std::move(files->root)};
+}
+
+}  // namespace
+
+std::shared_ptr<const Selection> living_selection(const PinnedRoot& base) {
+  return parsed_selections().find(base.path());
+}
+
+LoadedGeneration load_generation(const PinnedRoot& base, std::string manifest_bytes) {
+  auto known = living_selection(base);
+  if (known && known->manifest_bytes == manifest_bytes) return reload_generation(base, std::move(known));
+  const std::string relative_root = generation_relative_root(manifest_bytes);
+  return read_generation(base, std::move(manifest_bytes), relative_root, nullptr);
+}
+
+LoadedGeneration reload_generation(const PinnedRoot& base, std::shared_ptr<const Selection> known) {
+  const std::string relative_root = known->root_dir.substr(base.path().size() + 1);
+  auto root = look_at_generation(known->root_dir, [&] { return PinnedRoot(base, relative_root); });
+  if (look_at_generation(known->root_dir, [&] { return is_as_read(root, *known); }))
+    return {std::move(known), std::move(root)};
+  return read_generation(base, known->manifest_bytes, relative_root, known);
 }
 
 }  // namespace tidalcrest::sync::local_cohort

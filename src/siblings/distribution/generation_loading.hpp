@@ -18,6 +18,12 @@ struct LoadedGeneration {
 
 /// Opens the generation of these manifest bytes below `base`. `ManifestJsonError` when they are not JSON,
 /// `LocalCohortError` when there is no complete generation of them.
-LoadedGeneration load_generation(const client_manifest::PinnedRoot& base, const std::string& manifest_bytes);
+LoadedGeneration load_generation(const client_manifest::PinnedRoot& base, std::string manifest_bytes);
+/// The same for the bytes of a selection that somebody holds: given again while its two files are the ones
+/// that were read.
+LoadedGeneration reload_generation(const client_manifest::PinnedRoot& base,
+                                   std::shared_ptr<const Selection> known);
+/// The newest selection below `base` that somebody holds; null for none.
+std::shared_ptr<const Selection> living_selection(const client_manifest::PinnedRoot& base);
 
 }  // namespace tidalcrest::sync::local_cohort

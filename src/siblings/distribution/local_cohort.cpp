@@ -58,18 +58,31 @@ auto look_at_selector(const Look& look) {
   }
 }
 
+// The generation that the selector names; absent without a selector. A large manifest that somebody holds is
+// compared, not read into memory once more.
+std::optional<LoadedGeneration> load_selected_generation(const PinnedRoot& base) {
+  auto known = living_selection(base);
+  const auto names_the_known = [&] {
+    return known && base.holds_exactly(SELECTOR_FILE, known->manifest_bytes, SELECTOR_LABEL);
+  };
+  if (look_at_selector(names_the_known)) return reload_generation(base, std::move(known));
+  auto manifest_bytes =
+      look_at_selector([&] { return base.read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL); });
+  if (!manifest_bytes) return std::nullopt;
+  return load_generation(base, *std::move(manifest_bytes));
+}
+
 // One try to pin what the selector names; absent when the selector or the generation moved meanwhile.
 std::optional<Pin> try_pin(const PinnedRoot& base) {
   const auto stat_selector = [&] { return base.stat_regular_file(SELECTOR_FILE, SELECTOR_LABEL); };
   const auto selector_before = look_at_selector(stat_selector);
-  const std::string manifest_bytes =
-      look_at_selector([&] { return base.read_regular_file(SELECTOR_FILE, SELECTOR_LABEL); });
-  LoadedGeneration generation = load_generation(base, manifest_bytes);
-  lock_opened_file(generation.root.descriptor(), /*exclusive=*/false,
-                   "the generation " + generation.root.path());
-  if (!is_same_directory_still(generation.root)) return std::nullopt;
+  auto generation = load_selected_generation(base);
+  if (!generation) return std::nullopt;  // gone since the stat
+  lock_opened_file(generation->root.descriptor(), /*exclusive=*/false,
+                   "the generation " + generation->root.path());
+  if (!is_same_directory_still(generation->root)) return std::nullopt;
   if (look_at_selector(stat_selector) != selector_before) return std::nullopt;
-  return Pin(std::move(generation.selection), std::move(generation.root));
+  return Pin(std::move(generation->selection), std::move(generation->root));
 }
 
 const std::string* declared_sha256(const Document& manifest, const std::string& path) {
@@ -136,9 +149,7 @@ std::shared_ptr<const Selection> publish_manifest(const std::string& data_dir,
 
 std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir, bool required) {
   const PinnedRoot base(data_dir);
-  const auto manifest_bytes =
-      look_at_selector([&] { return base.read_regular_file_if_present(SELECTOR_FILE, SELECTOR_LABEL); });
-  if (manifest_bytes) return load_generation(base, *manifest_bytes).selection;
+  if (auto generation = load_selected_generation(base)) return std::move(generation->selection);
   if (required) throw LocalCohortError("no local cohort is selected in " + base.path());
   return nullptr;
 }
@@ -149,6 +160,15 @@ std::optional<std::string> read_selector_bytes(const std::string& data_dir) {
   } catch (const OSError& failure) {
     if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;
     return std::nullopt;
+  }
+}
+
+bool selector_holds(const std::string& data_dir, std::string_view manifest_bytes) {
+  try {
+    return PinnedRoot(data_dir).holds_exactly(SELECTOR_FILE, manifest_bytes, SELECTOR_LABEL);
+  } catch (const OSError& failure) {
+    if (!client_manifest::means_wrong_or_missing_file(failure.error_number())) throw;
+    return false;
   }
 }
 

@@ -70,6 +70,8 @@ std::shared_ptr<const Selection> load_active_cohort(const std::string& data_dir,
 /// The exact bytes of the selector, whole generation or not; absent when there is no selector, or something
 /// other than a regular file in its place: the next publication replaces that, unless it is a directory.
 std::optional<std::string> read_selector_bytes(const std::string& data_dir);
+/// Whether these are the bytes of the selector.
+bool selector_holds(const std::string& data_dir, std::string_view manifest_bytes);
 
 /// The members of a complete generation by its record alone; its manifest is not read. `ValueError` for a
 /// record that does not belong there, `OSError`.

@@ -140,6 +140,19 @@ std::string PinnedRoot::read_regular_file(const std::string& path, const std::st
   return read_to_end(file.descriptor.get(), file.status.st_size, what);
 }
 
+bool PinnedRoot::holds_exactly(const std::string& path, std::string_view expected,
+                               const std::string& label) const {
+  check_member_path(path);
+  const std::string what = _named(label, path);
+  try {
+    const OpenedFile file = open_regular(descriptor(), path, O_RDONLY, what);
+    const bool same_size = static_cast<std::size_t>(file.status.st_size) == expected.size();
+    return same_size && client_manifest::holds_exactly(file.descriptor.get(), expected, what);
+  } catch (const FileNotFoundError&) {
+    return false;
+  }
+}
+
 std::optional<std::string> PinnedRoot::read_regular_file_if_present(const std::string& path,
                                                                     const std::string& label) const {
   try {

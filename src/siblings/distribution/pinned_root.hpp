@@ -73,6 +73,8 @@ class PinnedRoot {
   std::string read_regular_file(const std::string& path, const std::string& label) const;
   std::optional<std::string> read_regular_file_if_present(const std::string& path,
                                                           const std::string& label) const;
+  /// Whether the file holds exactly these bytes; false for one that is missing.
+  bool holds_exactly(const std::string& path, std::string_view expected, const std::string& label) const;
   /// Writes aside, flushes the file, renames. Creates missing directories on the way. Without `allow_replace`
   /// an existing target is an `OSError`; with it, whatever stands there (short of a directory) is replaced,
   /// and a link is replaced itself, never what it points to.
