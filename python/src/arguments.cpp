@@ -24,6 +24,14 @@ void raise_argument_type(const char* name, const char* expected, const py::handl
   throw py::error_already_set();
 }
 
+py::object attribute_or(const py::handle& value, const char* attribute_name, const py::object& otherwise) {
+  PyObject* const found = PyObject_GetAttrString(value.ptr(), attribute_name);
+  if (found != nullptr) return py::reinterpret_steal<py::object>(found);
+  if (PyErr_ExceptionMatches(PyExc_AttributeError) == 0) throw py::error_already_set();
+  PyErr_Clear();
+  return otherwise;
+}
+
 std::string path_argument(const py::handle& value, const char* name) {
   PyObject* const plain = PyOS_FSPath(value.ptr());
   if (plain == nullptr) {

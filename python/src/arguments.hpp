@@ -16,6 +16,9 @@ namespace py = pybind11;
 
 [[noreturn]] void raise_argument_type(const char* name, const char* expected, const py::handle& given);
 
+/// The attribute, or `otherwise` where there is none. A property that fails in another way is no missing one.
+py::object attribute_or(const py::handle& value, const char* attribute_name, const py::object& otherwise);
+
 /// `str` or `os.PathLike` of `str`.
 std::string path_argument(const py::handle& value, const char* name);
 /// The same for the data directory of a manager: `ValueError` in the contract's words for a NUL.

@@ -75,11 +75,12 @@ class HostModule final : public Module {
              const std::function<bool()>& stop_requested) override {
     const Locked locked;
     return calling_python([&] {
-      const py::cpp_function sleep_function([&sleep](double seconds) {
+      // They hold what they call: a policy may keep them longer than this call.
+      const py::cpp_function sleep_function([sleep](double seconds) {
         const Unlocked unlocked;
         sleep(seconds);
       });
-      const py::cpp_function stop_function([&stop_requested] {
+      const py::cpp_function stop_function([stop_requested] {
         const Unlocked unlocked;
         return stop_requested();
       });

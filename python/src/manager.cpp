@@ -54,7 +54,8 @@ ManagerHolder got_or_created(const py::object& data_dir, const py::object& serve
 std::vector<std::string> feature_names_of(const py::object& feature_names) {
   std::vector<std::string> names;
   if (feature_names.is_none()) return names;
-  if (PyUnicode_Check(feature_names.ptr()) || PyBytes_Check(feature_names.ptr())) {
+  const bool is_text = PyUnicode_Check(feature_names.ptr()) || PyBytes_Check(feature_names.ptr());
+  if (is_text || !py::hasattr(feature_names, "__iter__")) {
     raise_argument_type("feature_names", "an iterable of names", feature_names);
   }
   for (const py::handle& name : py::iter(feature_names)) names.push_back(text_from_python(py::str(name)));

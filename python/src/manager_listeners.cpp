@@ -71,6 +71,14 @@ void bind_manager_listeners(ManagerClass& manager) {
             without_gil([&, manager = shared(self)] { manager->_notify_era_callbacks(type, era); });
           },
           py::arg("event_type"), py::arg("era_number"), "Calls the era callbacks in registration order.")
+      .def(
+          "_record_signals_index_update",
+          [](const py::object& self, const py::object& signals_index_update) {
+            const Document update = to_document(signals_index_update, "signals_index_update");
+            without_gil([&, manager = shared(self)] { manager->_record_signals_index_update(update); });
+          },
+          py::arg("signals_index_update"),
+          "Tells the freshness guard and the hash cache of a fresh signals index.")
       .def("register_rotation_search_consumer", &register_search_consumer, py::arg("consumer"),
            "Its refresh_rotation_scope(rotation_state, scoped_vocabulary) is called after a rotation.")
       .def("unregister_rotation_search_consumer", &unregister_search_consumer, py::arg("consumer"),

@@ -24,7 +24,7 @@ py::object PinScope::enter() {
 }
 
 void PinScope::exit(bool normally) {
-  if (!_pin) return;
+  if (!_pin || !_made.is_here()) return;
   without_gil([this, normally] {
     ActiveCohortPin pin = std::move(*_pin);
     _pin.reset();

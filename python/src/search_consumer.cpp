@@ -1,5 +1,6 @@
 #include "search_consumer.hpp"
 
+#include "arguments.hpp"
 #include "documents.hpp"
 #include "exceptions.hpp"
 #include "interpreter.hpp"
@@ -15,14 +16,14 @@ constexpr const char* UNIVERSE_ATTRIBUTES[] = {"named_universe", "_named_univers
 bool PythonSearchConsumer::takes_refreshes() const {
   const Locked locked;
   return calling_python(
-      [&] { return !py::getattr(_consumer.get(), "refresh_rotation_scope", py::none()).is_none(); });
+      [&] { return !attribute_or(_consumer.get(), "refresh_rotation_scope", py::none()).is_none(); });
 }
 
 std::optional<std::string> PythonSearchConsumer::named_universe() const {
   const Locked locked;
   return calling_python([&]() -> std::optional<std::string> {
     for (const char* name : UNIVERSE_ATTRIBUTES) {
-      const py::object value = py::getattr(_consumer.get(), name, py::none());
+      const py::object value = attribute_or(_consumer.get(), name, py::none());
       if (value.is_none()) continue;
       const py::object universe = py::str(value).attr("strip")();
       if (py::len(universe) > 0) return text_from_python(universe);

@@ -1,3 +1,4 @@
+#include "arguments.hpp"
 #include "documents.hpp"
 #include "exceptions.hpp"
 #include "interpreter.hpp"
@@ -42,9 +43,9 @@ class HostDeployment final : public deployment::Module {
     const Locked locked;
     return calling_python([&] {
       const py::object result = _module.get().attr("auto_update")(text_to_python(version));
-      const py::object success = py::getattr(result, "success", py::bool_(true));
+      const py::object success = attribute_or(result, "success", py::bool_(true));
       return deployment::UpdateResult{.success = PyObject_IsTrue(success.ptr()) == 1,
-                                      .warning = optional_text(py::getattr(result, "warning", py::none()))};
+                                      .warning = optional_text(attribute_or(result, "warning", py::none()))};
     });
   }
 

@@ -82,6 +82,35 @@ def test_freshness_guard_and_search_consumers(manager, origin):
     with pytest.raises(ValueError, match="requested unknown vocabulary universe: 'u3'"):
         manager.refresh_running_searches_for_rotation(state, {"u1": {"features": {}}})
 
+    class Broken(Search):
+        named_universe = property(lambda self: 1 / 0)
+
+    manager.unregister_rotation_search_consumer(stranger)
+    manager.register_rotation_search_consumer(Broken())
+    with pytest.raises(ZeroDivisionError):
+        manager.refresh_running_searches_for_rotation(state, {"u1": {"features": {}}})
+
+
+def test_a_fresh_signals_index_is_told_to_the_guard(make_manager):
+    class Guard:
+        told = []
+
+        def record_sync_update(self, **fields):
+            self.told.append((fields["relative_path"], fields["kind"], fields["sha256"]))
+
+    manager = make_manager(runtime_freshness_guard=Guard())
+    manager._record_signals_index_update(
+        {"relative_path": "signals_index.json", "sha256": "ab", "local_path": "/d/signals_index.json"})
+    assert Guard.told == [("signals_index.json", "signals_index", "ab")]
+    with pytest.raises(KeyError, match="sha256"):
+        manager._record_signals_index_update({"relative_path": "signals_index.json"})
+
+
+def test_a_call_back_under_the_locks_of_its_own_sync_is_told_so(make_manager):
+    manager = make_manager(get_token=lambda: manager.active_cohort_data_dir())
+    with pytest.raises(tc.StateError, match="would wait for itself"):
+        manager.sync()
+
 
 def test_blocking_calls_release_the_gil_and_threads_sync_side_by_side(make_manager, origin):
     manager = make_manager()

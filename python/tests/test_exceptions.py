@@ -46,6 +46,7 @@ def test_wrong_arguments_are_named(manager):
             "file_path": lambda: manager.report_corruption(b"a"),
             "file_info": lambda: manager.ensure_manifest_file_available("a", {1, 2}),
             "callback": lambda: manager.register_era_callback(5),
+            "feature_names": lambda: manager.request_feature_files_for_sync(5),
             "keep": lambda: manager.collect_generations("two"),
             "era_number": lambda: manager._notify_era_callbacks("kill", 2.5),
             "manifest": lambda: manager.refresh_running_searches_for_rotation(tc.RotationState(), None, {}),

@@ -185,6 +185,10 @@ void SyncManager::unregister_era_callback(const EraCallback& callback) {
   _wiring->era_callbacks.unregister_era_callback(callback);
 }
 
+void SyncManager::_record_signals_index_update(const Document& signals_index_update) const {
+  _wiring->signals_index._record_signals_index_update(signals_index_update);
+}
+
 void SyncManager::_notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
   _wiring->era_callbacks._notify_era_callbacks(event_type, era_number);
 }

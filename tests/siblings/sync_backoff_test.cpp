@@ -49,7 +49,9 @@ TEST(SyncBackoffContext, OneThatFailsCountsAsEmpty) {
   class Failing : public sync_backoff::Module {
    public:
     double delay_seconds(std::int64_t) override { return 0; }
-    bool sleep(double, const std::function<void(double)>&, const std::function<bool()>&) override { return true; }
+    bool sleep(double, const std::function<void(double)>&, const std::function<bool()>&) override {
+      return true;
+    }
     void raise_cancelled() override {}
     Document sync_backoff_event_fields(const std::string&, std::int64_t, double, const std::string&,
                                        const std::string&) override {

@@ -186,6 +186,10 @@ class SyncManager {
   std::shared_ptr<RuntimeFreshnessGuard> runtime_freshness_guard() const;
   void set_runtime_freshness_guard(std::shared_ptr<RuntimeFreshnessGuard> guard);
 
+  /// For a caller that holds a fresh signals index: "relative_path", "sha256" and "local_path" of the update
+  /// object, and "kind" if it has one, go to the freshness guard and the hash cache. Throws `KeyError`.
+  void _record_signals_index_update(const Document& signals_index_update) const;
+
   void register_era_callback(EraCallback callback);
   void unregister_era_callback(const EraCallback& callback);
   void _notify_era_callbacks(const std::string& event_type, std::int64_t era_number);

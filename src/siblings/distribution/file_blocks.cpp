@@ -68,7 +68,8 @@ std::string read_to_end(int descriptor, std::int64_t size_hint, const std::strin
 }
 
 bool holds_exactly(int descriptor, std::string_view expected, const std::string& what) {
-  const std::size_t block = std::min(expected.size() + 1, COMPARED_BLOCK_BYTES);  // one more: the end shows itself
+  const std::size_t block =
+      std::min(expected.size() + 1, COMPARED_BLOCK_BYTES);  // one more: the end shows itself
   const auto buffer = std::make_unique_for_overwrite<char[]>(block);
   while (const std::size_t count = read_some(descriptor, buffer.get(), block, what)) {
     if (!expected.starts_with(std::string_view(buffer.get(), count))) return false;

@@ -119,8 +119,7 @@ LoadedGeneration read_generation(const PinnedRoot& base, std::string manifest_by
   const auto read_the_record = [&] {
     files.emplace(look_at_generation(
         root_dir, [&] { return read_generation_files(base, relative_root, manifest_bytes); }));
-    if (!files->has_its_manifest)
-      refuse(root_dir, "its manifest file does not hold the bytes that name it");
+    if (!files->has_its_manifest) refuse(root_dir, "its manifest file does not hold the bytes that name it");
     const bool same_record = known && *known->members.record == files->completion_bytes;
     members = same_record ? known->members
                           : parse_completion(std::move(files->completion_bytes), root_dir, sha256,
