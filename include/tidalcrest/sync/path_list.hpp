@@ -23,7 +23,7 @@ class PathList {
   using const_iterator = std::vector<std::string>::const_iterator;
   using iterator = const_iterator;
 
-  PathList() : PathList(std::vector<std::string>()) {}
+  PathList() = default;
   PathList(std::vector<std::string> paths)  // NOLINT(google-explicit-constructor)
       : _paths(std::make_shared<const std::vector<std::string>>(std::move(paths))) {}
   PathList(std::initializer_list<std::string> paths) : PathList(std::vector<std::string>(paths)) {}
@@ -31,14 +31,15 @@ class PathList {
   PathList(It first, It last) : PathList(std::vector<std::string>(first, last)) {}
 
   operator const std::vector<std::string>&() const noexcept {  // NOLINT(google-explicit-constructor)
-    return *_paths;
+    static const auto& none = *new std::vector<std::string>();  // as long as any thread lives
+    return _paths ? *_paths : none;
   }
-  const_iterator begin() const noexcept { return _paths->begin(); }
-  const_iterator end() const noexcept { return _paths->end(); }
-  bool empty() const noexcept { return _paths->empty(); }
-  size_type size() const noexcept { return _paths->size(); }
-  const std::string& operator[](size_type index) const { return (*_paths)[index]; }
-  const std::string& front() const { return _paths->front(); }
+  const_iterator begin() const noexcept { return _list().begin(); }
+  const_iterator end() const noexcept { return _list().end(); }
+  bool empty() const noexcept { return _list().empty(); }
+  size_type size() const noexcept { return _list().size(); }
+  const std::string& operator[](size_type index) const { return _list()[index]; }
+  const std::string& front() const { return _list().front(); }
 
   /// The paths that `is_unwanted` does not hold for; the list itself where that is every one.
   template <class Predicate>
@@ -50,11 +51,13 @@ class PathList {
   }
 
   friend bool operator==(const PathList& a, const PathList& b) noexcept {
-    return a._paths == b._paths || *a._paths == *b._paths;
+    return a._paths == b._paths || a._list() == b._list();
   }
 
  private:
-  std::shared_ptr<const std::vector<std::string>> _paths;  // never null
+  const std::vector<std::string>& _list() const noexcept { return *this; }
+
+  std::shared_ptr<const std::vector<std::string>> _paths;  // null for an empty list
 };
 
 }  // namespace tidalcrest::sync
