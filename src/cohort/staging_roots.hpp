@@ -10,7 +10,7 @@ namespace tidalcrest::sync {
 
 /// The directories that one staging works with.
 struct StagingRoots {
-  std::string manifest_sha256;        ///< digest of the manifest bytes that are staged
+  std::string manifest_sha256 = {};   ///< digest of the manifest bytes that are staged
   std::string active_root;            ///< where members may be reused from
   bool active_is_generation = false;  ///< `active_root` is a generation root, not the flat one
   bool same_identity = false;         ///< the live generation is repaired through a staging root aside

@@ -101,7 +101,7 @@ TEST_F(LocalCompletenessTest, ARotationStateLimitsItToItsMembers) {
   net.data.remove(vocabulary_path("u1"));
   net.data.remove("signals_index.json");
   EXPECT_TRUE(complete(&state));
-  state.active_relative_paths.push_back("features/b.arrow");
+  state.active_relative_paths = {"features/a.arrow", "modules/elsewhere.so", "features/b.arrow"};
   EXPECT_FALSE(complete(&state));
   state.active_relative_paths = {"features/unknown.arrow"};
   EXPECT_FALSE(complete(&state));
