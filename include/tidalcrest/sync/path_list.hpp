@@ -30,7 +30,7 @@ class PathList {
   template <class It>
   PathList(It first, It last) : PathList(std::vector<std::string>(first, last)) {}
 
-  operator const std::vector<std::string>&() const noexcept {  // NOLINT(google-explicit-constructor)
+  operator const std::vector<std::string>&() const noexcept {   // NOLINT(google-explicit-constructor)
     static const auto& none = *new std::vector<std::string>();  // as long as any thread lives
     return _paths ? *_paths : none;
   }
