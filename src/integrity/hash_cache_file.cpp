@@ -20,113 +20,26 @@ constexpr std::size_t TYPICAL_ENTRY_BYTES = 256;
 constexpr std::size_t TYPICAL_PATH_BYTES = 64;
 constexpr std::size_t ENTRY_BYTES_BESIDE_PATH = 224;
 
-// The six members of one entry while they are read; of two equal keys the last one counts.
-struct EntryFields {
-  std::optional<Sha256Bytes> sha256;
-  std::optional<std::int64_t> size_bytes, mtime_ns, ctime_ns, device, inode;
+// Absent for an entry that could never be hit.
+std::optional<HashCacheEntry> entry_of(const Document& value) {
+  const Document& digits = member_or_null(value, "sha256");
+  const auto sha256 = digits.is_string() ? sha256_bytes(digits.get_ref<const std::string&>()) : std::nullopt;
+  const auto number = [&value](const char* key) { return try_int(member_or_null(value, key)); };
+  const auto size_bytes = number("size_bytes"), mtime_ns = number("mtime_ns"), ctime_ns = number("ctime_ns"),
+             device = number("device"), inode = number("inode");
+  if (!sha256 || !size_bytes || !mtime_ns || !ctime_ns || !device || !inode) return std::nullopt;
+  return HashCacheEntry{*sha256, {*size_bytes, *mtime_ns, *ctime_ns, *device, *inode}};
+}
 
-  void set(std::string_view name, const Document& value) {
-    if (name == "sha256") {
-      const auto* digits = value.get_ptr<const Document::string_t*>();
-      sha256 = digits != nullptr ? sha256_bytes(*digits) : std::nullopt;
-    }
-    if (name == "size_bytes") size_bytes = try_int(value);
-    if (name == "mtime_ns") mtime_ns = try_int(value);
-    if (name == "ctime_ns") ctime_ns = try_int(value);
-    if (name == "device") device = try_int(value);
-    if (name == "inode") inode = try_int(value);
+HashCacheEntries entries_of(const Document& document) {
+  const Document& files = member_or_null(document, "files");
+  if (member_or_null(document, "version") != SYNC_HASH_CACHE_VERSION || !files.is_object()) return {};
+  std::map<std::string, HashCacheEntry> entries;
+  for (const auto& [path, value] : files.get_ref<const Document::object_t&>()) {
+    if (const auto entry = entry_of(value)) entries.emplace(path, *entry);
   }
-
-  std::optional<HashCacheEntry> entry() const {
-    if (!sha256 || !size_bytes || !mtime_ns || !ctime_ns || !device || !inode) return std::nullopt;
-    return HashCacheEntry{*sha256, {*size_bytes, *mtime_ns, *ctime_ns, *device, *inode}};
-  }
-};
-
-// Turns parser events into entries. Level 1 is the document's object, level 2 its "files", level 3 one entry;
-// what lies deeper or elsewhere passes by.
-class Reader {
- public:
-  using number_integer_t = Document::number_integer_t;
-  using number_unsigned_t = Document::number_unsigned_t;
-  using number_float_t = Document::number_float_t;
-  using string_t = Document::string_t;
-  using binary_t = Document::binary_t;
-
-  bool null() { return value(nullptr); }
-  bool boolean(bool read) { return value(read); }
-  bool number_integer(number_integer_t read) { return value(read); }
-  bool number_unsigned(number_unsigned_t read) { return value(read); }
-  bool number_float(number_float_t read, const string_t&) { return value(read); }
-  bool string(string_t& read) { return value(std::move(read)); }
-  bool binary(binary_t&) { return false; }
-  bool start_object(std::size_t) { return open(true); }
-  bool start_array(std::size_t) { return open(false); }
-  bool end_object() { return close(); }
-  bool end_array() { return close(); }
-
-  bool key(string_t& name) {
-    if (_level == 1) _member = name;
-    if (_level == 2 && _in_files) _path = name;
-    if (_level == 3 && _in_entry) _field = name;
-    return true;
-  }
-
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& failure) {
-    throw JSONDecodeError(failure.what());
-  }
-
-  HashCacheEntries entries() const {
-    return _is_this_version ? HashCacheEntries().merged_with(_entries) : HashCacheEntries();
-  }
-
- private:
-  bool value(const Document& read) {
-    if (_level == 1 && _in_document) begin_member(read);
-    if (_level == 2 && _in_files) _entries.erase(_path);
-    if (_level == 3 && _in_entry) _fields.set(_field, read);
-    return true;
-  }
-
-  void begin_member(const Document& read) {
-    if (_member == "version") _is_this_version = read == SYNC_HASH_CACHE_VERSION;
-    if (_member == "files") _entries.clear();
-  }
-
-  bool open(bool is_object) {
-    const int level = _level++;
-    if (level == 0) _in_document = is_object;
-    if (level == 1 && _in_document) {
-      begin_member(nullptr);
-      _in_files = is_object && _member == "files";
-    }
-    if (level == 2 && _in_files) {
-      _entries.erase(_path);
-      _in_entry = is_object;
-      _fields = {};
-    }
-    if (level == 3 && _in_entry) _fields.set(_field, nullptr);
-    return true;
-  }
-
-  bool close() {
-    --_level;
-    if (_level == 2 && std::exchange(_in_entry, false)) {
-      if (const auto entry = _fields.entry()) _entries.emplace(_path, *entry);
-    }
-    if (_level == 1) _in_files = false;
-    return true;
-  }
-
-  int _level = 0;
-  bool _in_document = false;
-  bool _in_files = false;
-  bool _in_entry = false;
-  bool _is_this_version = false;
-  std::string _member, _path, _field;
-  EntryFields _fields;
-  std::map<std::string, HashCacheEntry> _entries;
-};
+  return HashCacheEntries().merged_with(entries);
+}
 
 constexpr int NO_DIGIT = 256;
 
@@ -237,11 +150,7 @@ std::string_view HashCacheEntries::path_of(const Row& row) const noexcept {
 
 HashCacheEntries parse_hash_cache(std::string_view text) {
   if (auto entries = parse_own_form(text)) return *std::move(entries);
-  if (!text::is_valid_utf8(text)) throw UnicodeDecodeError("'utf-8' codec can't decode the bytes");
-  if (text.starts_with("\xEF\xBB\xBF")) throw JSONDecodeError("unexpected UTF-8 byte order mark (byte 0)");
-  Reader reader;
-  Document::sax_parse(text.begin(), text.end(), &reader);
-  return reader.entries();
+  return entries_of(parse_json(text));
 }
 
 std::string hash_cache_text(const HashCacheEntries& entries) {

@@ -55,7 +55,7 @@ class HashCacheEntries {
 
 /// Reads the text of a cache file. A text of another version or shape is empty; an entry that could never be
 /// hit (a missing or unreadable member, a digest that is none) is left out. Throws `UnicodeDecodeError` and
-/// `JSONDecodeError`. Builds nothing but the entries, whatever the size of the text.
+/// `JSONDecodeError`. A text in the form that `hash_cache_text` writes is read without a document of it.
 HashCacheEntries parse_hash_cache(std::string_view text);
 
 /// The text of a cache file: keys sorted at every level, the host's default separators.
