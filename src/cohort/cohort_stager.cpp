@@ -141,6 +141,7 @@ class StagingRun {
         _stop_check(sync_backoff::stop_check_of_this_thread()) {}
 
   void gather_members();
+  void gather_validated_artifacts();
   void prove_candidate_artifacts();
   void prepare_promotion();
   void prove_members_and_complete();
@@ -212,8 +213,6 @@ void StagingRun::end_flush() {
 }
 
 void StagingRun::gather_members() {
-  SyncResult& result = _request.result;
-  const std::string& candidate_root = _roots.candidate_root;
   _progress.on_phase("comparing");
   thin_out_earlier_attempts(_data_dir, _roots);
   _members = reuse_selected_members(_manifest, _request.active_relative_paths, _forced_paths, _roots,
@@ -224,6 +223,12 @@ void StagingRun::gather_members() {
   reuse_signals_index(signals_index_path, *signals_index_info);
   copy_seed_pair(_roots, _forced_paths);
   download_members();
+}
+
+// What the download set does not name: fetched where it is not there, validated in any case.
+void StagingRun::gather_validated_artifacts() {
+  SyncResult& result = _request.result;
+  const std::string& candidate_root = _roots.candidate_root;
   _progress.on_phase("validating");
   _with.signals_index._download_signals_index(_manifest, candidate_root, &result);
   _apply_signal_result_counts(result, _manifest, _members.new_files);
@@ -368,6 +373,7 @@ void CohortStager::_stage_and_activate_local_cohort(const StagingRequest& reques
                  normalised_paths(request.force_download_paths));
   const ScopeExit end_flush([&] { run.drop_unflushed_members(); });
   run.gather_members();
+  run.gather_validated_artifacts();
   run.prove_candidate_artifacts();
   run.prepare_promotion();
   run.prove_members_and_complete();

@@ -46,12 +46,11 @@ std::pair<std::int64_t, std::int64_t> local_version_and_era(const Manifest& mani
 }
 
 // The active paths that exist: a file that was just proven does, only the others are looked for.
-PathList existing_paths(const ActiveView& view, const RotationSelection& selection,
+PathList existing_paths(const std::string& root, const PathList& active_paths,
                         const std::vector<std::string>& unproven) {
   std::set<std::string> missing(unproven.begin(), unproven.end());
-  for (const auto& path : _existing_rotation_paths(view.data_dir, unproven)) missing.erase(path);
-  return selection.active_relative_paths.without(
-      [&](const std::string& path) { return missing.contains(path); });
+  for (const auto& path : _existing_rotation_paths(root, unproven)) missing.erase(path);
+  return active_paths.without([&](const std::string& path) { return missing.contains(path); });
 }
 
 }  // namespace
@@ -132,67 +131,64 @@ void SyncDriver::_parse_version_answer(const std::string& body, VersionHints& hi
 
 std::optional<SyncResult> SyncDriver::_try_fast_path(const VersionHints& hints) {
   const auto view = _with.active.get();
-  if (!view->manifest || !view->cohort) return std::nullopt;
-  if (_manifest_has_agent_bundle_declarations(*view->manifest)) return std::nullopt;
-  if (_manifest_has_retired_found_pnl_long_files(*view->manifest)) return std::nullopt;
-
-  const auto [local_version, local_era_number] = local_version_and_era(*view->manifest);
-  if (local_version != hints.version || hints.manifest_sha.is_null()) return std::nullopt;
-  if (!_manifest_hash_hint_matches_local_state(_data_dir, local_version, local_era_number,
-                                               hints.manifest_sha)) {
-    log::info("Manifest version matched but manifest hash changed; fetching full manifest");
-    return std::nullopt;
-  }
-  if (local_era_number != hints.era) {
-    throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}", local_era_number,
-                               text_of(hints.era)));
-  }
-  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
-  const Artifacts artifacts = _rotation_manifest_artifacts(*view->manifest);
-  const bool force_new_rotation = _with.planner._feature_rotation_should_rotate(*view->manifest, artifacts);
-  const PlannedRotation planned =
-      _plan_within_budget(*view->manifest, artifacts, free_bytes, force_new_rotation);
+  if (!_fast_path_applies(*view, hints)) return std::nullopt;
+  SyncResult result;
+  const PlannedCohort planned = _plan(*view->manifest, /*is_new_manifest=*/false, result);
   try {
-    return _prove_local_state(*view, planned, local_era_number);
+    _prove_local_state(*view, planned, result);
+    return result;
   } catch (const SyncError& failure) {  // era errors are sync errors too
     log::warning("Manifest version matched but local metadata needs repair: %s", failure.what());
     return std::nullopt;
   }
 }
 
-SyncResult SyncDriver::_prove_local_state(const ActiveView& view, const PlannedRotation& planned,
-                                          std::int64_t local_era_number) {
+bool SyncDriver::_fast_path_applies(const ActiveView& view, const VersionHints& hints) const {
+  if (!view.manifest || !view.cohort) return false;
+  if (_manifest_has_agent_bundle_declarations(*view.manifest)) return false;
+  if (_manifest_has_retired_found_pnl_long_files(*view.manifest)) return false;
+
+  const auto [local_version, local_era_number] = local_version_and_era(*view.manifest);
+  if (local_version != hints.version || hints.manifest_sha.is_null()) return false;
+  if (!_manifest_hash_hint_matches_local_state(_data_dir, local_version, local_era_number,
+                                               hints.manifest_sha)) {
+    log::info("Manifest version matched but manifest hash changed; fetching full manifest");
+    return false;
+  }
+  if (local_era_number != hints.era) {
+    throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}", local_era_number,
+                               text_of(hints.era)));
+  }
+  return true;
+}
+
+void SyncDriver::_prove_local_state(const ActiveView& view, const PlannedCohort& planned,
+                                    SyncResult& result) {
   const Manifest& manifest = *view.manifest;
-  const RotationSelection& selection = planned.rotation_plan.selection;
   auto local_vocabularies =
       std::make_shared<const Vocabularies>(_validate_manifest_vocabulary_files(view.data_dir, manifest));
   _with.shuffle_seed._validate_shuffle_seed_at_root(view.data_dir, *view.manifest_bytes);
-  const std::vector<std::string> unproven = _prove_active_members(view, selection);
+  const std::vector<std::string> unproven = _prove_active_members(view, planned.active_relative_paths);
   _load_manifest_signals_index(view.data_dir, manifest);
 
   ActiveView renewed = view;
   renewed.vocabulary = local_vocabularies;
   _with.active.set(std::make_shared<const ActiveView>(std::move(renewed)));
 
-  SyncResult result;
-  result.era_number = local_era_number;
   _apply_signal_result_counts(result, manifest);
-  _apply_rotation_result_fields(result, selection);
-  _with.planner._complete_rotation_promotion(planned.rotation_plan.candidate_state,
-                                             existing_paths(view, selection, unproven), manifest,
-                                             local_vocabularies.get());
+  _with.planner._complete_rotation_promotion(
+      planned.candidate_state, existing_paths(view.data_dir, planned.active_relative_paths, unproven),
+      manifest, local_vocabularies.get());
   _apply_manifest_counts(result, manifest);
   _apply_vocabulary_metadata(result, *local_vocabularies);
   _cleanup_sync_tmp_files(_data_dir);
   // What had to be hashed just now is known to the next process too.
   _with.hash_cache._persist_hash_cache();
-  return result;
 }
 
 // Gives the active paths that are proven elsewhere, or not synced.
 std::vector<std::string> SyncDriver::_prove_active_members(const ActiveView& view,
-                                                           const RotationSelection& selection) const {
-  const auto& paths = selection.active_relative_paths;
+                                                           const PathList& paths) const {
   const client_manifest::PinnedRoot root(view.data_dir);
   const std::size_t chunks = (paths.size() + PROOF_CHUNK - 1) / PROOF_CHUNK;
   std::vector<std::vector<std::string>> unproven(chunks);
@@ -242,8 +238,10 @@ SyncResult SyncDriver::_full_sync() {
       std::make_shared<const Manifest>(_shared_full_distribution_manifest(*body, "server manifest.json"));
   _require_manifest_market_identity(*server_manifest, _market_id, "server manifest.json");
 
+  const bool is_new_manifest = !_is_active_manifest(*server_manifest, *body);
+  _progress->on_phase("planning");
   SyncResult result;
-  auto [active_relative_paths, candidate_state] = _plan_full_sync(*server_manifest, *body, result);
+  auto [active_relative_paths, candidate_state] = _plan(*server_manifest, is_new_manifest, result);
   _with.stager._stage_and_activate_local_cohort({.server_manifest = server_manifest,
                                                  .served_manifest_bytes = body,
                                                  .active_relative_paths = std::move(active_relative_paths),
@@ -252,27 +250,14 @@ SyncResult SyncDriver::_full_sync() {
   return result;
 }
 
-// What only the plan needs ends with it: the view before and the artifacts of a large manifest would stay in
-// memory for the whole staging.
-SyncDriver::PlannedCohort SyncDriver::_plan_full_sync(const Manifest& server_manifest,
-                                                      const std::string& body, SyncResult& result) {
+// Whether the served manifest is the one of the view; one that steps back behind it is refused.
+bool SyncDriver::_is_active_manifest(const Manifest& server_manifest, const std::string& body) const {
   const auto view = _with.active.get();
-  if (view->manifest) _refuse_backward_steps(*view, server_manifest, body);
-
-  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
-  const bool same_manifest_version = view->manifest &&
-                                     host_equal(view->manifest->version(), server_manifest.version()) &&
-                                     host_equal(view->manifest->era_number(), server_manifest.era_number()) &&
-                                     view->manifest_bytes && *view->manifest_bytes == body;
-  _progress->on_phase("planning");
-  const Artifacts artifacts = _rotation_manifest_artifacts(server_manifest);
-  const bool force_new_rotation =
-      !same_manifest_version || _with.planner._feature_rotation_should_rotate(server_manifest, artifacts);
-  PlannedRotation planned = _plan_within_budget(server_manifest, artifacts, free_bytes, force_new_rotation);
-  RotationPlan& rotation_plan = planned.rotation_plan;
-  result.era_number = to_int(server_manifest.era_number());
-  _apply_rotation_result_fields(result, rotation_plan.selection);
-  return {std::move(rotation_plan.selection.active_relative_paths), std::move(rotation_plan.candidate_state)};
+  if (!view->manifest) return false;
+  _refuse_backward_steps(*view, server_manifest, body);
+  return host_equal(view->manifest->version(), server_manifest.version()) &&
+         host_equal(view->manifest->era_number(), server_manifest.era_number()) && view->manifest_bytes &&
+         *view->manifest_bytes == body;
 }
 
 void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
@@ -293,13 +278,22 @@ void SyncDriver::_refuse_backward_steps(const ActiveView& view, const Manifest& 
   }
 }
 
-PlannedRotation SyncDriver::_plan_within_budget(const Manifest& manifest, const Artifacts& artifacts,
-                                                std::int64_t free_bytes, bool force_new_rotation) {
+// What only the plan needs ends with it: the artifacts of a large manifest would stay in memory for the whole
+// sync.
+SyncDriver::PlannedCohort SyncDriver::_plan(const Manifest& manifest, bool is_new_manifest,
+                                            SyncResult& result) {
+  const std::int64_t free_bytes = _seams.free_bytes(_data_dir);
+  const Artifacts artifacts = _rotation_manifest_artifacts(manifest);
+  const bool force_new_rotation =
+      is_new_manifest || _with.planner._feature_rotation_should_rotate(manifest, artifacts);
   PlannedRotation planned =
       _with.planner._plan_feature_rotation_for_sync(manifest, artifacts, free_bytes, force_new_rotation);
-  RotationPlanner::_precheck_rotation_disk_budget(planned.rotation_plan.selection, free_bytes,
+  auto& [selection, candidate_state] = planned.rotation_plan;
+  RotationPlanner::_precheck_rotation_disk_budget(selection, free_bytes,
                                                   /*enforce_default_cap=*/!planned.explicit_rotation_budget);
-  return planned;
+  result.era_number = to_int(manifest.era_number());
+  _apply_rotation_result_fields(result, selection);
+  return {std::move(selection.active_relative_paths), std::move(candidate_state)};
 }
 
 }  // namespace tidalcrest::sync

@@ -56,25 +56,23 @@ class SyncDriver {
   };
   VersionHints _probe_version() const;
   void _parse_version_answer(const std::string& body, VersionHints& hints) const;
-  /// Absent when the fast path does not apply or the local data needs repair.
-  std::optional<SyncResult> _try_fast_path(const VersionHints& hints);
-  SyncResult _prove_local_state(const ActiveView& view, const PlannedRotation& planned,
-                                std::int64_t local_era_number);
-  std::vector<std::string> _prove_active_members(const ActiveView& view,
-                                                 const RotationSelection& selection) const;
-  bool _prove_member(const client_manifest::PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
-                     const Manifest& manifest, const std::string& file_path,
-                     const sync_backoff::StopCheck& stop_check) const;
   struct PlannedCohort {
     PathList active_relative_paths;
     RotationState candidate_state;
   };
+  /// Absent when the fast path does not apply or the local data needs repair.
+  std::optional<SyncResult> _try_fast_path(const VersionHints& hints);
+  bool _fast_path_applies(const ActiveView& view, const VersionHints& hints) const;
+  void _prove_local_state(const ActiveView& view, const PlannedCohort& planned, SyncResult& result);
+  std::vector<std::string> _prove_active_members(const ActiveView& view, const PathList& paths) const;
+  bool _prove_member(const client_manifest::PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
+                     const Manifest& manifest, const std::string& file_path,
+                     const sync_backoff::StopCheck& stop_check) const;
   SyncResult _full_sync();
-  PlannedCohort _plan_full_sync(const Manifest& server_manifest, const std::string& body, SyncResult& result);
+  bool _is_active_manifest(const Manifest& server_manifest, const std::string& body) const;
   void _refuse_backward_steps(const ActiveView& view, const Manifest& server_manifest,
                               const std::string& body) const;
-  PlannedRotation _plan_within_budget(const Manifest& manifest, const Artifacts& artifacts,
-                                      std::int64_t free_bytes, bool force_new_rotation);
+  PlannedCohort _plan(const Manifest& manifest, bool is_new_manifest, SyncResult& result);
 
   const std::string _data_dir;
   const std::string _server_url;

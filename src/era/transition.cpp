@@ -64,7 +64,6 @@ class TransitionRun {
     if (manifest) _previous_era_number = manifest->era_number();
     _has_real_era_advance =
         _previous_era_number.is_null() || is_greater(_new_era_number, _previous_era_number);
-    _allow_closing_confirmation = !_has_real_era_advance;
   }
 
   void mark();
@@ -80,16 +79,16 @@ class TransitionRun {
   void finish() noexcept;
 
   /// Whether the server has moved past the target; then the run ends without publishing.
-  bool is_superseded();
+  bool note_superseding_era();
   const std::optional<std::int64_t>& superseded_era_number() const { return _superseded_era_number; }
   bool should_restart_searches() const { return _should_restart_searches; }
 
  private:
-  void confirm_active_era() const {
-    _with.active_era._confirm_active_era(_new_era_number, _allow_closing_confirmation);
-  }
+  // An era that is entered anew may not be closing already; the one that goes on may.
+  bool may_be_closing() const { return !_has_real_era_advance; }
+  void confirm_active_era() const { _with.active_era._confirm_active_era(_new_era_number, may_be_closing()); }
   std::optional<std::int64_t> superseding_era() const {
-    return _with.active_era._check_transition_superseded(_new_era_number, _allow_closing_confirmation);
+    return _with.active_era._check_transition_superseded(_new_era_number, may_be_closing());
   }
   std::int64_t era_number_of_manifest() const;
   void transition_publish_gate() const;
@@ -108,7 +107,6 @@ class TransitionRun {
   const std::string _new_era_text;
   Document _previous_era_number;
   bool _has_real_era_advance = false;
-  bool _allow_closing_confirmation = false;
 
   std::unique_lock<HolderMutex> _sync_lock;
   bool _distribution_lock_held = false;
@@ -144,8 +142,7 @@ void TransitionRun::take_locks() {
 
 void TransitionRun::require_library() {
   _library.look_for_update();
-  const Document era_config =
-      _with.active_era._confirm_active_era(_new_era_number, _allow_closing_confirmation);
+  const Document era_config = _with.active_era._confirm_active_era(_new_era_number, may_be_closing());
   _library.require(era_config, _new_era_text);
 }
 
@@ -188,7 +185,7 @@ void TransitionRun::plan_rotation() {
                                                   /*enforce_default_cap=*/!_planned.explicit_rotation_budget);
 }
 
-bool TransitionRun::is_superseded() {
+bool TransitionRun::note_superseding_era() {
   _superseded_era_number = superseding_era();
   if (!_superseded_era_number) return false;
   _with.state.set_status_message(fmt::format("Era {} superseded by era {}; restarting transition.",
@@ -210,7 +207,7 @@ void TransitionRun::publish() {
          .result = transition_result,
          .pre_publish_check = [this] { transition_publish_gate(); }});
   } catch (const ManifestSupersededError&) {
-    if (!is_superseded()) throw;
+    if (!note_superseding_era()) throw;
   }
 }
 
@@ -306,7 +303,7 @@ void EraTransition::trigger_era_transition(const Document& new_era_number, const
     run.require_library();
     run.fetch_manifest();
     run.plan_rotation();
-    if (!run.is_superseded()) run.publish();
+    if (!run.note_superseding_era()) run.publish();
     superseded_era_number = run.superseded_era_number();
     if (!superseded_era_number) run.confirm_publication(static_cast<bool>(restart_searches_fn));
     // From here on callbacks may call back into the manager.
