@@ -12,9 +12,9 @@ class ActiveCohortViews;  // internal
 
 /// Holds the writer lock order while a consumer reads one exact cohort: this manager's sync lock, the shared
 /// distribution lock, and a lock on the generation itself. Publication waits, here and in every other
-/// process, so keep it short; for the paths alone take `active_cohort_snapshot()`. Calling a view, `sync` or
-/// `repair` on the same thread while it is held deadlocks. May outlive its manager: it keeps alive what it
-/// holds. Move-only; to be destroyed on the thread that made it.
+/// process, so keep it short; for the paths alone take `active_cohort_snapshot()`. A view, `sync` or `repair`
+/// on the same thread while it is held throws `StateError`: it would wait for itself. May outlive its
+/// manager: it keeps alive what it holds. Move-only; to be destroyed on the thread that made it.
 class ActiveCohortPin {
  public:
   ActiveCohortPin(ActiveCohortPin&&) noexcept;

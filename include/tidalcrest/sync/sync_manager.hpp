@@ -50,6 +50,10 @@ struct SyncOptions {
 /// verified cohort; a failed sync, a crash or a newer manifest leaves the active one as it was. Every
 /// operation is thread-safe unless it says otherwise. Several managers, also in other processes, may share a
 /// directory.
+///
+/// What changes the data and what pins it take turns, and whoever waits hears a stop request of its backoff
+/// context. From a callback that runs inside such an operation (a token supplier, a search consumer, a
+/// progress display), or while this thread holds a pin, each of them throws `StateError`.
 class SyncManager {
  public:
   /// The shared manager of a data directory, keyed by its real path. A later call replaces the token
@@ -73,7 +77,9 @@ class SyncManager {
 
   /// Full sync: manifest, compare, download, verify, atomic write. Blocks until other syncs of this
   /// directory, in any process, have ended. Throws the `SyncError` family, `AuthError`, `OSError`, and
-  /// `SyncBackoffCancelled` when the calling thread's backoff context asks to stop.
+  /// `SyncBackoffCancelled` when the calling thread's backoff context asks to stop. `EraError` among others
+  /// when the server, or another process here, has gone on to another era: `trigger_era_transition` follows
+  /// it.
   SyncResult sync();
 
   /// Verify one descriptor-pinned active cohort and operational seed pair. Changes nothing.
