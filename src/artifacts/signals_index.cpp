@@ -14,6 +14,7 @@
 #include "host/json.hpp"
 #include "host/local_path.hpp"
 #include "host/text.hpp"
+#include "manifest/as_manifest_error.hpp"
 #include "manifest/paths.hpp"
 #include "siblings/distribution/accepted_set.hpp"
 #include "siblings/distribution/contained_files.hpp"

@@ -8,6 +8,7 @@
 #include "host/json.hpp"
 #include "host/never_destroyed.hpp"
 #include "host/text.hpp"
+#include "manifest/as_manifest_error.hpp"
 #include "manifest/sanitising.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -29,16 +30,6 @@ std::shared_ptr<const Document> sanitised(const std::shared_ptr<const Document>&
   try {
     return _sanitize_manifest_data_for_sync(data);
   } catch (const TypeError& failure) {
-    throw ManifestError(failure.what());
-  }
-}
-
-void validate_signals_index_declaration(const Document& data) {
-  try {
-    client_manifest::validate_signals_index_manifest_declaration(data);
-  } catch (const TypeError& failure) {
-    throw ManifestError(failure.what());
-  } catch (const ValueError& failure) {
     throw ManifestError(failure.what());
   }
 }
@@ -76,7 +67,7 @@ const Document& Manifest::EMPTY = never_destroyed<const Document>(Document::obje
 Manifest::Manifest(Document data) : Manifest(std::make_shared<const Document>(std::move(data))) {}
 
 Manifest::Manifest(std::shared_ptr<const Document> data) : _data(sanitised(data)) {
-  validate_signals_index_declaration(*_data);
+  as_manifest_error([this] { client_manifest::validate_signals_index_manifest_declaration(*_data); });
   const Document* era_number = find_member(*_data, "era_number");
   if (era_number == nullptr || era_number->is_null()) {
     throw ManifestError("manifest.json missing required era_number");

@@ -12,6 +12,7 @@
 #include "host/log.hpp"
 #include "host/text.hpp"
 #include "host/unusable.hpp"
+#include "manifest/as_manifest_error.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "siblings/distribution/parsed_manifests.hpp"
@@ -44,17 +45,6 @@ std::optional<RecordedGeneration> recorded_generation(const Document& metadata) 
   const auto era = try_int(*era_number);
   if (!version_number || !era) return std::nullopt;
   return RecordedGeneration{*version_number, *era};
-}
-
-template <class Parse>
-auto as_manifest_error(const Parse& parse) {
-  try {
-    return parse();
-  } catch (const TypeError& failure) {
-    throw ManifestError(failure.what());
-  } catch (const ValueError& failure) {
-    throw ManifestError(failure.what());
-  }
 }
 
 bool is_recorded_server_hash(const Document& metadata, const std::string& hint) {
