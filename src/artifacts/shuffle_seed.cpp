@@ -9,6 +9,7 @@
 #include "host/log.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/pinned_root.hpp"
+#include "siblings/distribution/shuffle_seed_cipher.hpp"
 #include "tidalcrest/sync/constants.hpp"
 #include "tidalcrest/sync/errors.hpp"
 #include "transport/backoff.hpp"
@@ -17,11 +18,10 @@ namespace tidalcrest::sync {
 namespace {
 
 using shuffle_seed_state::AuthenticatedSeed;
+using shuffle_seed_state::SHUFFLE_SEED_BYTES;
 using shuffle_seed_state::SHUFFLE_SEED_FILE;
 using shuffle_seed_state::SHUFFLE_SEED_METADATA_FILE;
-
-constexpr std::size_t SHUFFLE_SEED_BYTES = 60;
-constexpr std::size_t WALLET_SECRET_BYTES = 32;
+using shuffle_seed_state::WALLET_SECRET_BYTES;
 
 std::optional<std::string> stripped_text(const Document& value) {
   if (value.is_null()) return std::nullopt;

@@ -24,6 +24,7 @@
 #include "host/threads.hpp"
 #include "manifest/identity.hpp"
 #include "manifest/paths.hpp"
+#include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -102,8 +103,7 @@ bool any_vocabulary(const FilesToDownload& files) {
 }
 
 bool is_found_pnl(const FileToDownload& file) {
-  const Document* kind = file.file_info != nullptr ? find_member(*file.file_info, "kind") : nullptr;
-  return kind != nullptr && kind->is_string() && is_found_pnl_file_kind(kind->get<std::string>());
+  return is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(file.entry()));
 }
 
 std::vector<std::string> local_paths(const FilesToDownload& files, const std::string& selected_root) {

@@ -4,13 +4,13 @@
 #include "host/integer.hpp"
 #include "host/json.hpp"
 #include "host/text.hpp"
+#include "siblings/distribution/artifact_rotation.hpp"
 
 namespace tidalcrest::sync {
 namespace {
 
 std::int64_t number_or_zero(const Document& object, const char* key) {
-  const Document* value = find_member(object, key);
-  return value != nullptr ? try_int(*value).value_or(0) : 0;
+  return try_int(member_or_null(object, key)).value_or(0);
 }
 
 }  // namespace
@@ -19,8 +19,7 @@ void _apply_manifest_counts(SyncResult& result, const Manifest& manifest) {
   result.pnl_column_count = try_int(manifest.pnl_column_count()).value_or(0);
   result.n_features = 0;
   for (const auto& [path, file_info] : manifest.files().get_ref<const Document::object_t&>()) {
-    const Document* kind = find_member(file_info, "kind");
-    if (kind != nullptr && *kind == "feature") ++result.n_features;
+    if (artifact_rotation::manifest_file_kind(file_info) == "feature") ++result.n_features;
   }
 }
 

@@ -10,6 +10,7 @@
 #include "host/scope_exit.hpp"
 #include "manifest/paths.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/distribution/contained_files.hpp"
 #include "siblings/distribution/lock.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -34,8 +35,7 @@ std::string relative_to(const std::string& path, const std::string& root) {
 
 bool is_found_pnl_file(const Document* files, const std::string& path) {
   const Document* file_info = files != nullptr ? find_member(*files, path) : nullptr;
-  const Document* kind = file_info != nullptr ? find_member(*file_info, "kind") : nullptr;
-  return kind != nullptr && kind->is_string() && is_found_pnl_file_kind(kind->get<std::string>());
+  return file_info != nullptr && is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(*file_info));
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "manifest/persistence.hpp"
 #include "manifest/sanitising.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -218,8 +219,7 @@ bool SyncDriver::_prove_member(const client_manifest::PinnedRoot& root,
   }
   if (_vocabulary_named_universe_from_path(file_path)) return false;
   if (_manifest_file_is_sync_excluded(*file_info)) return false;
-  const Document* kind = find_member(*file_info, "kind");
-  const bool cache_allowed = kind == nullptr || *kind != "vault_module";
+  const bool cache_allowed = artifact_rotation::manifest_file_kind(*file_info) != "vault_module";
   if (!_with.hash_cache._local_file_matches_manifest(root, cursor, file_path, *file_info, cache_allowed,
                                                      stop_check)) {
     throw SyncError("Manifest version matched but local data files need repair");

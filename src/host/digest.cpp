@@ -61,4 +61,9 @@ std::string sha256_hex(std::string_view bytes) {
   return hash.hexdigest();
 }
 
+bool is_sha256_text(std::string_view text) noexcept {
+  constexpr std::size_t digits = 64;
+  return text.size() == digits && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
 }  // namespace tidalcrest::sync

@@ -28,5 +28,7 @@ class Sha256 {
 
 /// Lower-case hexadecimal SHA-256 of `bytes`.
 std::string sha256_hex(std::string_view bytes);
+/// Whether a text has the form that `sha256_hex` gives.
+bool is_sha256_text(std::string_view text) noexcept;
 
 }  // namespace tidalcrest::sync

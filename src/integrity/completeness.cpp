@@ -8,6 +8,7 @@
 #include "host/json.hpp"
 #include "host/unusable.hpp"
 #include "rotation/exclusion.hpp"
+#include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/sync_backoff.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -50,8 +51,7 @@ class CompletenessTest::Members {
 
   bool match(const std::string& path, const Document& file_info) {
     if (!_root) return false;
-    const Document* kind = find_member(file_info, "kind");
-    const bool cache_allowed = kind == nullptr || *kind != "vault_module";
+    const bool cache_allowed = artifact_rotation::manifest_file_kind(file_info) != "vault_module";
     return _hash_cache._local_file_matches_manifest(*_root, *_cursor, path, file_info, cache_allowed,
                                                     _stop_check);
   }

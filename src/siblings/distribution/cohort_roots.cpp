@@ -12,9 +12,11 @@
 #include <optional>
 
 #include "host/descriptor.hpp"
+#include "host/digest.hpp"
 #include "host/failures.hpp"
 #include "host/local_path.hpp"
 #include "siblings/distribution/cohort_layout.hpp"
+#include "siblings/distribution/file_stat.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 
 namespace tidalcrest::sync::local_cohort {
@@ -22,15 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t SHA256_HEX_LENGTH = 64;
-
-bool is_generation_name(const std::string& name) {
-  return name.size() == SHA256_HEX_LENGTH && name.find_first_not_of("0123456789abcdef") == std::string::npos;
-}
-
-std::int64_t modified_ns(const struct stat& status) {
-  return static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
-}
+std::int64_t modified_ns(const struct stat& status) { return client_manifest::file_stat_of(status).mtime_ns; }
 
 std::optional<struct stat> regular_file_status(const std::string& path) {
   struct stat status {};
@@ -42,7 +36,7 @@ std::optional<CohortRootKind> kind_by_name(const std::string& name) {
   if (name.starts_with(REPAIR_ROOT_PREFIX)) return CohortRootKind::repair;
   if (name.starts_with(LEFTOVER_ROOT_PREFIX)) return CohortRootKind::leftover;
   if (name.starts_with(REMOVED_ROOT_PREFIX)) return CohortRootKind::removed;
-  if (is_generation_name(name)) return CohortRootKind::incomplete;
+  if (is_sha256_text(name)) return CohortRootKind::incomplete;
   return std::nullopt;
 }
 

@@ -18,13 +18,6 @@ namespace tidalcrest::sync::local_cohort {
 namespace {
 
 constexpr std::int64_t SCHEMA_VERSION = 1;
-constexpr std::size_t SHA256_HEX_SIZE = 64;
-
-bool is_sha256_text(std::string_view value) {
-  return value.size() == SHA256_HEX_SIZE && std::all_of(value.begin(), value.end(), [](char c) {
-           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-         });
-}
 
 const Document& member(const Document& record, const char* key) {
   const Document* value = find_member(record, key);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/digest.hpp"
 #include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/manifest_document.hpp"
@@ -35,15 +36,10 @@ constexpr const char* MACHINE_TAG = "unknown";
 #endif
 
 constexpr const char* SUPPORTED_RUNTIME_MODULE_KIND = "vault_module";
-constexpr std::size_t SHA256_DIGITS = 64;
 constexpr std::size_t SNAPSHOT_DIGITS = 16;
 
 std::string last_segment(const std::string& relative_path) {
   return relative_path.substr(relative_path.rfind('/') + 1);
-}
-
-bool is_sha256_hex(const std::string& value) {
-  return value.size() == SHA256_DIGITS && value.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
 }  // namespace
@@ -71,7 +67,7 @@ std::pair<std::string, Document> snapshot_record(const std::string& module_name,
                                                  const std::string& source_relative_path,
                                                  const std::string& source_sha256,
                                                  const Document& size_bytes) {
-  if (!is_sha256_hex(source_sha256)) {
+  if (!is_sha256_text(source_sha256)) {
     throw ValueError(fmt::format("runtime module {} has no valid sha256: {}", text::repr(module_name),
                                  text::repr(source_sha256)));
   }
