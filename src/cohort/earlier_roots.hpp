@@ -17,7 +17,7 @@ struct EarlierRoot {
 /// Newest first. The caller holds the exclusive distribution lock. Throws `OSError`.
 std::vector<EarlierRoot> earlier_roots(const std::string& data_dir, const StagingRoots& roots);
 
-/// Digest of the manifest that a staging was for, which it keeps beside its members from the start. Empty
+/// Digest of the manifest that a staging was for, which it keeps from before its first member on. Empty
 /// when that cannot be told.
 std::string staged_manifest_sha256(const local_cohort::CohortRoot& root);
 

@@ -93,7 +93,10 @@ std::optional<PathSet> paths_of_same_digest(const Source& source, const FilesToD
 // A new generation takes the place of every attempt before it. A repair of the live one does not: the staging
 // of a newer manifest that was interrupted goes on after it.
 bool is_expendable(const CohortRoot& unfinished, const StagingRoots& roots) {
-  return !roots.same_identity || staged_manifest_sha256(unfinished) == roots.manifest_sha256;
+  if (!roots.same_identity) return true;
+  const std::string manifest_sha256 = staged_manifest_sha256(unfinished);
+  const bool ended_before_its_first_member = manifest_sha256.empty();
+  return ended_before_its_first_member || manifest_sha256 == roots.manifest_sha256;
 }
 
 // What may be taken over: forced members are fetched anew, and a file without an entry cannot be proven.

@@ -60,6 +60,7 @@ TEST_F(SalvageTest, RepairOfTheLiveCohortLeavesTheStagingOfANewerOneToGoOn) {
   fail_after_the_rest(newer);
   data.write(".tidalcrest-cohorts/.repair-killed/" + path_of(5), "content of file 5");
   live->repair({path_of(1)});
+  EXPECT_FALSE(data.has(".tidalcrest-cohorts/.repair-killed"));
   origin.forget_requests();
   synced_manager(newer);
   EXPECT_THAT(origin.resources_asked("reference/*"), IsEmpty());
