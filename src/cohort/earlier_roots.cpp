@@ -23,13 +23,13 @@ std::vector<EarlierRoot> earlier_roots(const std::string& data_dir, const Stagin
   return earlier;
 }
 
-std::string staged_manifest_sha256(const local_cohort::CohortRoot& root) {
+std::optional<std::string> staged_manifest_sha256(const local_cohort::CohortRoot& root) {
   try {
     const auto bytes = client_manifest::PinnedRoot(root.path).read_regular_file_if_present(
         local_cohort::COHORT_MANIFEST_FILE, "manifest of an earlier staging");
     return bytes ? local_cohort::manifest_sha256(*bytes) : std::string();
   } catch (const OSError&) {
-    return "";
+    return std::nullopt;
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,8 @@ struct EarlierRoot {
 /// Newest first. The caller holds the exclusive distribution lock. Throws `OSError`.
 std::vector<EarlierRoot> earlier_roots(const std::string& data_dir, const StagingRoots& roots);
 
-/// Digest of the manifest that a staging was for, which it keeps from before its first member on. Empty
-/// when that cannot be told.
-std::string staged_manifest_sha256(const local_cohort::CohortRoot& root);
+/// Digest of the manifest that a staging was for, which it keeps from before its first member on: empty when
+/// it ended before that, absent when the manifest cannot be read.
+std::optional<std::string> staged_manifest_sha256(const local_cohort::CohortRoot& root);
 
 }  // namespace tidalcrest::sync

@@ -54,7 +54,7 @@ class Gathering {
   explicit Gathering(const std::string& data_dir) : _data_dir(data_dir) {}
 
   void take_in(const CohortRoot& root) {
-    const std::string manifest = staged_manifest_sha256(root);
+    const std::string manifest = staged_manifest_sha256(root).value_or("");
     const auto home = manifest.empty() ? _home_of_manifest.end() : _home_of_manifest.find(manifest);
     auto& seen = _seen_of_manifest[manifest];
     bool keeps_some = false;

@@ -94,9 +94,10 @@ std::optional<PathSet> paths_of_same_digest(const Source& source, const FilesToD
 // of a newer manifest that was interrupted goes on after it.
 bool is_expendable(const CohortRoot& unfinished, const StagingRoots& roots) {
   if (!roots.same_identity) return true;
-  const std::string manifest_sha256 = staged_manifest_sha256(unfinished);
-  const bool ended_before_its_first_member = manifest_sha256.empty();
-  return ended_before_its_first_member || manifest_sha256 == roots.manifest_sha256;
+  const auto manifest_sha256 = staged_manifest_sha256(unfinished);
+  if (!manifest_sha256) return false;  // a disk that fails says nothing about what was staged
+  const bool ended_before_its_first_member = manifest_sha256->empty();
+  return ended_before_its_first_member || *manifest_sha256 == roots.manifest_sha256;
 }
 
 // What may be taken over: forced members are fetched anew, and a file without an entry cannot be proven.

@@ -11,7 +11,7 @@
 
 namespace tidalcrest::sync {
 
-/// An immutable list of relative paths.
+/// An immutable list of relative paths. Made of a vector, and read as one, without a word.
 ///
 /// Copies share one memory: the ten thousand paths of a plan go from the state on disk through the selection
 /// to the result, and are the same all the way. Reading is thread-safe.
@@ -24,13 +24,13 @@ class PathList {
   using iterator = const_iterator;
 
   PathList() = default;
-  PathList(std::vector<std::string> paths)  // NOLINT(google-explicit-constructor)
+  PathList(std::vector<std::string> paths)
       : _paths(std::make_shared<const std::vector<std::string>>(std::move(paths))) {}
   PathList(std::initializer_list<std::string> paths) : PathList(std::vector<std::string>(paths)) {}
   template <class It>
   PathList(It first, It last) : PathList(std::vector<std::string>(first, last)) {}
 
-  operator const std::vector<std::string>&() const noexcept {   // NOLINT(google-explicit-constructor)
+  operator const std::vector<std::string>&() const noexcept {
     static const auto& none = *new std::vector<std::string>();  // as long as any thread lives
     return _paths ? *_paths : none;
   }

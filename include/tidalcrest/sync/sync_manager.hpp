@@ -52,8 +52,8 @@ struct SyncOptions {
 /// directory.
 ///
 /// What changes the data and what pins it take turns, and whoever waits hears a stop request of its backoff
-/// context. From a callback that runs inside such an operation (a token supplier, a search consumer, a
-/// progress display), or while this thread holds a pin, each of them throws `StateError`.
+/// context. On the thread that is inside one (a search consumer's refresh) or holds a pin, each of them
+/// throws `StateError`; on a download worker (a token supplier, a display) it would wait for ever.
 class SyncManager {
  public:
   /// The shared manager of a data directory, keyed by its real path. A later call replaces the token
