@@ -17,7 +17,7 @@ struct RepairArguments {
 
 bool is_repairable(const sync::Manifest& manifest, const std::string& path) {
   return path == "shuffle_seed.enc" || path == "shuffle_seed.enc.meta.json" ||
-         manifest.file_entry(path) != nullptr;
+         manifest.file_entry(path).has_value();
 }
 
 // The repair itself passes over what the manifest does not hold; a user wants to hear of it.

@@ -64,7 +64,7 @@ py::object remembered(const py::object& self, const char* name, Make make) {
   return value;
 }
 
-using Attribute = const Document& (Manifest::*)() const noexcept;
+using Attribute = const Document& (Manifest::*)() const;
 
 auto lazy(const char* name, Attribute attribute) {
   return [name, attribute](const py::object& self) {
@@ -161,7 +161,8 @@ void bind_manifest(py::module_& module) {
                     "One entry per useful signal, or None until the membership is known.")
       .def("__repr__", [](const Manifest& manifest) {
         return py::str("<Manifest era_number={} version={} files={}>")
-            .format(to_python(manifest.era_number()), to_python(manifest.version()), manifest.files().size());
+            .format(to_python(manifest.era_number()), to_python(manifest.version()),
+                    manifest.entries().size());
       });
 }
 

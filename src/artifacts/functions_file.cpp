@@ -22,9 +22,8 @@ ManifestEntry require_declaration(const Manifest& manifest) {
   const Document& pointer = manifest.functions();
   if (!host_equal(pointer, FUNCTIONS_FILE)) throw SyncError("manifest is missing functions.json pointer");
   const ManifestEntry entry(manifest, FUNCTIONS_FILE);
-  if (!entry.document()) throw SyncError("manifest files[\"functions.json\"] must be an object");
-  const Document* const kind = entry.find("kind");
-  if (!kind || !host_equal(*kind, "functions")) {
+  if (!entry.exists()) throw SyncError("manifest files[\"functions.json\"] must be an object");
+  if (!host_equal(entry.value("kind"), "functions")) {
     throw SyncError("manifest files[\"functions.json\"].kind must be functions");
   }
   return entry;
@@ -41,8 +40,8 @@ std::string read_functions_file(const std::string& data_dir) {
 }
 
 void require_declared_bytes(const ManifestEntry& entry, const std::string& bytes) {
-  const Document* const size = entry.find("size_bytes");
-  if (size && to_int(*size) != static_cast<std::int64_t>(bytes.size())) {
+  const Document size = entry.value("size_bytes");
+  if (!size.is_null() && to_int(size) != static_cast<std::int64_t>(bytes.size())) {
     throw IntegrityError("functions.json size_bytes mismatch");
   }
   // This file alone may be declared with white space around its digest and in upper case.

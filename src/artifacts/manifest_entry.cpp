@@ -1,25 +1,20 @@
 #include "artifacts/manifest_entry.hpp"
 
 #include "host/equality.hpp"
-#include "host/json.hpp"
 #include "host/text.hpp"
 
 namespace tidalcrest::sync {
 
-const Document* ManifestEntry::find(const std::string& key) const {
-  const Document* const member = _entry ? find_member(*_entry, key) : nullptr;
-  return member && !member->is_null() ? member : nullptr;
-}
+Document ManifestEntry::value(std::string_view key) const { return _entry ? _entry->value(key) : Document(); }
 
-std::string ManifestEntry::text(const std::string& key) const {
-  const Document* const member = find(key);
-  return member ? text::str(*member) : std::string();
+std::string ManifestEntry::text(std::string_view key) const {
+  const Document member = value(key);
+  return member.is_null() ? std::string() : text::str(member);
 }
 
 bool ManifestEntry::declares(const std::string& sha256, std::size_t size_bytes) const {
-  const Document* const size = find("size_bytes");
-  const Document* const sha = find("sha256");
-  return size && sha && host_equal(*size, Document(size_bytes)) && host_equal(*sha, Document(sha256));
+  return host_equal(value("size_bytes"), Document(size_bytes)) &&
+         host_equal(value("sha256"), Document(sha256));
 }
 
 ManifestGeneration data_origin_of(const Manifest& manifest) {

@@ -101,13 +101,13 @@ std::string _validate_named_universe(const Document& named_universe) {
   return universe;
 }
 
-std::optional<std::string> _vocabulary_named_universe_from_path(const std::string& file_path) {
+std::optional<std::string> _vocabulary_named_universe_from_path(std::string_view file_path) {
   // A valid path is its own normal form, so the cheap question can come first: nearly no path of a manifest
   // is a vocabulary's, and a path is only worth validating when it is.
   const auto universe = artifact_rotation::vocabulary_named_universe_from_path(file_path);
   if (!universe) return std::nullopt;
   try {
-    _safe_manifest_relative_path(file_path);
+    _safe_manifest_relative_path(std::string(file_path));
   } catch (const ManifestError&) {
     return std::nullopt;
   }
@@ -116,8 +116,8 @@ std::optional<std::string> _vocabulary_named_universe_from_path(const std::strin
 
 std::vector<std::string> _vocabulary_manifest_paths(const Manifest& manifest) {
   std::vector<std::string> paths;
-  for (const auto& [path, entry] : manifest.files().get_ref<const Document::object_t&>()) {
-    if (_vocabulary_named_universe_from_path(path)) paths.push_back(path);
+  for (const auto& [path, entry] : manifest.entries()) {
+    if (_vocabulary_named_universe_from_path(path)) paths.emplace_back(path);
   }
   std::sort(paths.begin(), paths.end());
   return paths;

@@ -16,7 +16,7 @@ std::vector<std::string> _iter_vocabulary_entry_names(const Document& value);
 std::string _validate_named_universe(const Document& named_universe);
 /// Absent for every path that is no vocabulary path; `SyncError` for a vocabulary path with an unsafe
 /// universe.
-std::optional<std::string> _vocabulary_named_universe_from_path(const std::string& file_path);
+std::optional<std::string> _vocabulary_named_universe_from_path(std::string_view file_path);
 /// Sorted. Every other key of the manifest costs two comparisons of text.
 std::vector<std::string> _vocabulary_manifest_paths(const Manifest& manifest);
 /// The same, but at least one: `SyncError` for a manifest without a vocabulary.

@@ -50,8 +50,8 @@ Document validate_local(const Member& member, const std::string& bytes) {
   }
   if (sha256_hex(bytes) != expected_sha)
     throw IntegrityError("Vocabulary checksum mismatch: " + member.file_path);
-  const Document* const size = entry.find("size_bytes");
-  if (size && !host_equal(*size, Document(bytes.size()))) {
+  const Document size = entry.value("size_bytes");
+  if (!size.is_null() && !host_equal(size, Document(bytes.size()))) {
     throw IntegrityError("Vocabulary size mismatch: " + member.file_path);
   }
   return member.validated(bytes);
@@ -95,7 +95,7 @@ Document downloaded_vocabulary(const Member& member, const FileDownloader& downl
   options.retry_checksum_mismatch = false;
   SyncResult scratch_result;  // vocabulary traffic does not count in the caller's result
   try {
-    downloader._download_file({member.file_path, entry.document()}, scratch_result, options);
+    downloader._download_file({member.file_path, entry.file_info()}, scratch_result, options);
     return member.validated(read_downloaded(member));
   } catch (...) {
     remove_failed(member);
@@ -104,10 +104,10 @@ Document downloaded_vocabulary(const Member& member, const FileDownloader& downl
 }
 
 // The address a repair fetches from: the entry's own when it has one, else the manifest's.
-Document repair_base_url(const Document& file_info, const Manifest* manifest) {
+Document repair_base_url(const FileEntry& file_info, const Manifest* manifest) {
   for (const char* const key : {"_manifest_base_url", "base_url"}) {
-    const Document* const base_url = find_member(file_info, key);
-    if (base_url && text::truthy(*base_url)) return *base_url;
+    Document base_url = file_info.value(key);
+    if (text::truthy(base_url)) return base_url;
   }
   return manifest ? manifest->base_url() : Document();
 }
@@ -119,10 +119,10 @@ void require_declared_bytes(const std::string& file_path, const ManifestEntry& e
     throw IntegrityError(
         fmt::format("Checksum failure for {}: expected {}, got {}", file_path, expected_sha, actual_sha));
   }
-  const Document* const expected_size = entry.find("size_bytes");
-  if (expected_size && to_int(*expected_size) != static_cast<std::int64_t>(body.size())) {
+  const Document expected_size = entry.value("size_bytes");
+  if (!expected_size.is_null() && to_int(expected_size) != static_cast<std::int64_t>(body.size())) {
     throw IntegrityError(fmt::format("Size failure for {}: expected {}, got {}", file_path,
-                                     text::str(*expected_size), body.size()));
+                                     text::str(expected_size), body.size()));
   }
 }
 
@@ -158,7 +158,7 @@ bool VocabularyFiles::_download_vocabulary(const Manifest& server_manifest,
 }
 
 bool VocabularyFiles::_download_validated_vocabulary_repair(const std::string& file_path,
-                                                            const Document& file_info,
+                                                            const FileEntry& file_info,
                                                             SyncResult& result) const {
   const auto named_universe = _vocabulary_named_universe_from_path(file_path);
   if (!named_universe) return false;

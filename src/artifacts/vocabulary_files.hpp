@@ -19,7 +19,7 @@ class VocabularyFiles {
   bool _download_vocabulary(const Manifest& server_manifest,
                             const std::optional<std::string>& target_data_dir = {}) const;
   /// Validates one vocabulary before it touches the disk; false for a path that is no vocabulary path.
-  bool _download_validated_vocabulary_repair(const std::string& file_path, const Document& file_info,
+  bool _download_validated_vocabulary_repair(const std::string& file_path, const FileEntry& file_info,
                                              SyncResult& result) const;
 
  private:

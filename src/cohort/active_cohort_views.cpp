@@ -56,7 +56,7 @@ VerifiedActiveCohortSnapshot ActiveCohortViews::_active_cohort_snapshot_locked(
   if (!selection) throw StateError("No verified immutable local cohort is active");
   const std::string base_dir = absolute_path(selection->base_dir);
   const std::string root_dir = absolute_path(selection->root_dir);
-  const std::string& manifest_bytes = selection->manifest_bytes;
+  const std::string& manifest_bytes = *selection->manifest_bytes;
   if (base_dir != absolute_path(_data_dir)) {
     throw StateError("Active cohort base differs from the sync manager data directory");
   }
@@ -68,7 +68,7 @@ VerifiedActiveCohortSnapshot ActiveCohortViews::_active_cohort_snapshot_locked(
   }
   if (pinned_selection != nullptr && (absolute_path(pinned_selection->base_dir) != base_dir ||
                                       absolute_path(pinned_selection->root_dir) != root_dir ||
-                                      pinned_selection->manifest_bytes != manifest_bytes)) {
+                                      *pinned_selection->manifest_bytes != manifest_bytes)) {
     throw StateError("Pinned active cohort differs from the sync manager selection");
   }
   return {base_dir, root_dir, manifest_bytes};

@@ -14,16 +14,6 @@
 
 namespace tidalcrest::sync {
 
-namespace {
-
-// The exact bytes, shared with the selection: a manifest may be large.
-std::shared_ptr<const std::string> manifest_bytes_of(
-    const std::shared_ptr<const local_cohort::Selection>& selection) {
-  return {selection, &selection->manifest_bytes};
-}
-
-}  // namespace
-
 std::shared_ptr<const ActiveView> flat_view(const std::string& data_dir) {
   return std::make_shared<const ActiveView>(ActiveView{nullptr, data_dir, nullptr, nullptr, nullptr});
 }
@@ -33,7 +23,7 @@ std::shared_ptr<const ActiveView> load_cohort_pointer(const std::string& data_di
     const auto selection = local_cohort::load_active_cohort(data_dir, /*required=*/false);
     if (!selection) return flat_view(data_dir);
     return std::make_shared<const ActiveView>(
-        ActiveView{selection, selection->root_dir, manifest_bytes_of(selection), nullptr, nullptr});
+        ActiveView{selection, selection->root_dir, selection->manifest_bytes, nullptr, nullptr});
   } catch (const ManifestJsonError& failure) {
     throw ManifestError(failure.what());
   } catch (const LocalCohortError& failure) {
@@ -103,7 +93,7 @@ void CohortLoader::_refuse_other_era(const Manifest& known) const {
     return;  // no whole cohort: its proof tells why
   }
   if (!selection) return;
-  const Document* era_number = find_member(*selection->manifest, "era_number");
+  const Document* era_number = find_member(selection->manifest->head(), "era_number");
   if (era_number == nullptr || host_equal(*era_number, known.era_number())) return;
   throw EraError(fmt::format("Era mismatch: local era_number={}, server era_number={}",
                              text::str(known.era_number()), text::str(*era_number)));
@@ -120,9 +110,9 @@ void CohortLoader::_prove_selected_cohort() {
   _load_manifest_signals_index(selection->root_dir, *manifest);
   auto vocabulary = std::make_shared<const Vocabularies>(
       _validate_manifest_vocabulary_files(selection->root_dir, *manifest));
-  _active.set(std::make_shared<const ActiveView>(ActiveView{selection, selection->root_dir,
-                                                            manifest_bytes_of(selection), std::move(manifest),
-                                                            std::move(vocabulary)}));
+  _active.set(
+      std::make_shared<const ActiveView>(ActiveView{selection, selection->root_dir, selection->manifest_bytes,
+                                                    std::move(manifest), std::move(vocabulary)}));
 }
 
 void CohortLoader::_fall_back_to_flat_view(const std::exception& failure) {

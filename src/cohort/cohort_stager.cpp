@@ -48,11 +48,11 @@ ManifestGeneration generation_of(const Manifest& manifest) {
 }
 
 // The entry of the declared sidecar.
-std::pair<std::string, const Document*> required_signals_index(const Manifest& manifest) {
+std::pair<std::string, FileEntry> required_signals_index(const Manifest& manifest) {
   const auto path = _manifest_signals_index_path(manifest);
-  const Document* info = path ? manifest.file_entry(*path) : nullptr;
-  if (info == nullptr) throw SyncError("Candidate manifest is missing its signals_index file entry");
-  return {*path, info};
+  const auto info = path ? manifest.file_entry(*path) : std::nullopt;
+  if (!info) throw SyncError("Candidate manifest is missing its signals_index file entry");
+  return {*path, *info};
 }
 
 void copy_seed_pair(const StagingRoots& roots, const std::set<std::string>& forced_paths) {
@@ -70,9 +70,9 @@ void copy_seed_pair(const StagingRoots& roots, const std::set<std::string>& forc
 std::int64_t declared_bytes(const FilesToDownload& files) {
   std::int64_t total = 0;
   for (const auto& file : files) {
-    const Document* size = file.file_info != nullptr ? find_member(*file.file_info, "size_bytes") : nullptr;
-    if (size == nullptr || !text::truthy(*size)) continue;
-    if (__builtin_add_overflow(total, to_int(*size), &total)) return std::numeric_limits<std::int64_t>::max();
+    const Document size = file.file_info.value("size_bytes");
+    if (!text::truthy(size)) continue;
+    if (__builtin_add_overflow(total, to_int(size), &total)) return std::numeric_limits<std::int64_t>::max();
   }
   return total;
 }
@@ -103,7 +103,7 @@ bool any_vocabulary(const FilesToDownload& files) {
 }
 
 bool is_found_pnl(const FileToDownload& file) {
-  return is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(file.entry()));
+  return is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(file.file_info));
 }
 
 std::vector<std::string> local_paths(const FilesToDownload& files, const std::string& selected_root) {
@@ -155,7 +155,7 @@ class StagingRun {
   void drop_unflushed_members() noexcept;
 
  private:
-  void reuse_signals_index(const std::string& path, const Document& info) const;
+  void reuse_signals_index(const std::string& path, const FileEntry& info) const;
   void download_members();
   void end_flush();
   void make_visible();
@@ -190,7 +190,7 @@ class StagingRun {
   std::shared_ptr<const Vocabularies> _selected_vocabularies;
 };
 
-void StagingRun::reuse_signals_index(const std::string& path, const Document& info) const {
+void StagingRun::reuse_signals_index(const std::string& path, const FileEntry& info) const {
   // The flat state never reuses a signals index.
   if (!_roots.active_is_generation || _forced_paths.contains(path)) return;
   reuse_proven_file(path, info, _roots, _with.hash_cache);
@@ -220,7 +220,7 @@ void StagingRun::gather_members() {
   salvage_earlier_attempts(_data_dir, _roots, _forced_paths, _with.hash_cache, _stop_check, _members);
   const auto [signals_index_path, signals_index_info] = required_signals_index(_manifest);
   _signals_index_path = signals_index_path;
-  reuse_signals_index(signals_index_path, *signals_index_info);
+  reuse_signals_index(signals_index_path, signals_index_info);
   copy_seed_pair(_roots, _forced_paths);
   download_members();
 }

@@ -18,7 +18,7 @@ std::int64_t number_or_zero(const Document& object, const char* key) {
 void _apply_manifest_counts(SyncResult& result, const Manifest& manifest) {
   result.pnl_column_count = try_int(manifest.pnl_column_count()).value_or(0);
   result.n_features = 0;
-  for (const auto& [path, file_info] : manifest.files().get_ref<const Document::object_t&>()) {
+  for (const auto& [path, file_info] : manifest.entries()) {
     if (artifact_rotation::manifest_file_kind(file_info) == "feature") ++result.n_features;
   }
 }

@@ -43,10 +43,8 @@ struct Source {
 };
 
 // The digest that an entry declares; empty without one.
-std::string_view declared_digest(const Document* file_info) {
-  const Document* digest = file_info != nullptr ? find_member(*file_info, "sha256") : nullptr;
-  const auto* text = digest != nullptr ? digest->get_ptr<const std::string*>() : nullptr;
-  return text != nullptr ? std::string_view(*text) : std::string_view();
+std::string_view declared_digest(const FileEntry& file_info) {
+  return file_info.text("sha256").value_or(std::string_view());
 }
 
 template <class EarlierDigest>
@@ -70,14 +68,15 @@ PathSet recorded_with_same_digest(const PinnedRoot& root, const FilesToDownload&
 
 // An unfinished root keeps the manifest that it was staged for beside its members from the start.
 std::optional<PathSet> declared_with_same_digest(const PinnedRoot& root, const FilesToDownload& wanted) {
-  const auto bytes =
-      root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE, "manifest of an earlier staging");
+  constexpr const char* LABEL = "manifest of an earlier staging";
+  auto bytes = root.read_regular_file_if_present(local_cohort::COHORT_MANIFEST_FILE, LABEL);
   if (!bytes) return std::nullopt;
-  const Document manifest = _parse_full_distribution_manifest_bytes(*bytes, "manifest of an earlier staging");
-  const Document* files = find_member(manifest, "files");
-  if (files == nullptr) return std::nullopt;
-  return paths_where(wanted,
-                     [&](const std::string& path) { return declared_digest(find_member(*files, path)); });
+  const auto manifest =
+      _parse_full_distribution_manifest(std::make_shared<const std::string>(*std::move(bytes)), LABEL);
+  if (!manifest->has_files()) return std::nullopt;
+  return paths_where(wanted, [&](const std::string& path) {
+    return declared_digest(manifest->entries().find(path).value_or(FileEntry()));
+  });
 }
 
 std::optional<PathSet> paths_of_same_digest(const Source& source, const FilesToDownload& wanted) {
@@ -104,7 +103,7 @@ bool is_expendable(const CohortRoot& unfinished, const StagingRoots& roots) {
 FilesToDownload wanted_files(const FilesToDownload& files, const std::set<std::string>& forced_paths) {
   FilesToDownload wanted;
   for (const auto& file : files) {
-    if (file.file_info != nullptr && !forced_paths.contains(file.file_path)) wanted.push_back(file);
+    if (!file.file_info.is_none() && !forced_paths.contains(file.file_path)) wanted.push_back(file);
   }
   return wanted;
 }
@@ -134,7 +133,7 @@ class Salvage {
   bool take_whole_member(const FileToDownload& file) const {
     for (const auto& source : _sources) {
       if (!source.may_hold_member(file.file_path)) continue;
-      if (!_hash_cache._local_file_matches_manifest(source.root, file.file_path, *file.file_info,
+      if (!_hash_cache._local_file_matches_manifest(source.root, file.file_path, file.file_info,
                                                     /*cache_allowed=*/false)) {
         continue;
       }

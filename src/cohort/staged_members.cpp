@@ -33,19 +33,19 @@ std::optional<PinnedRoot> pinned_if_possible(const std::string& root) {
   }
 }
 
-bool may_trust_hash_cache(const StagingRoots& roots, const std::string& data_dir, const Document& file_info) {
-  return roots.active_root == data_dir && member_text(file_info, "kind") != "vault_module";
+bool may_trust_hash_cache(const StagingRoots& roots, const std::string& data_dir,
+                          const FileEntry& file_info) {
+  return roots.active_root == data_dir && file_info.text("kind") != "vault_module";
 }
 
-void check_declared_identity(const Document* file_info, const client_manifest::FileIdentity& identity,
-                             const std::string& path) {
-  if (file_info == nullptr) return;  // a derived snapshot has no declaration
-  const std::string expected_sha = member_text(*file_info, "sha256");
+void check_declared_identity(const std::optional<FileEntry>& file_info,
+                             const client_manifest::FileIdentity& identity, const std::string& path) {
+  if (!file_info) return;  // a derived snapshot has no declaration
+  const std::string expected_sha = file_info->plain_text("sha256");
   if (expected_sha.empty()) return;
-  const Document* expected_size = find_member(*file_info, "size_bytes");
+  const Document expected_size = file_info->value("size_bytes");
   const auto size_differs = [&] {
-    return expected_size != nullptr && !expected_size->is_null() &&
-           to_int(*expected_size) != identity.size_bytes;
+    return !expected_size.is_null() && to_int(expected_size) != identity.size_bytes;
   };
   if (identity.sha256 != expected_sha || size_differs()) {
     throw IntegrityError("Candidate cohort identity mismatch: " + path);
@@ -76,7 +76,7 @@ bool is_already_right(const PinnedRoot& active, const std::string& path,
 // Refers to the plan and the manifest.
 struct PlannedMember {
   const std::string* path;
-  const Document* file_info;
+  FileEntry file_info;
   bool reused = false;
 };
 
@@ -84,11 +84,11 @@ std::vector<PlannedMember> planned_members(const Manifest& manifest,
                                            const std::vector<std::string>& planned_paths) {
   std::vector<PlannedMember> members;
   for (const auto& path : planned_paths) {
-    const Document* file_info = find_member(manifest.files(), path);
-    if (file_info == nullptr || file_info->is_null()) {
+    const auto file_info = manifest.entries().find(path);
+    if (!file_info || file_info->is_null()) {
       throw SyncError("Active rotation path is missing from candidate manifest: " + path);
     }
-    if (!_manifest_file_is_sync_excluded(*file_info)) members.push_back({&path, file_info});
+    if (!_manifest_file_is_sync_excluded(*file_info)) members.push_back({&path, *file_info});
   }
   return members;
 }
@@ -119,8 +119,8 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
     if (forced_paths.contains(*path)) return;
     stop_check();
     if (!roots.active_is_generation && is_missing(*active, *path)) return;
-    const bool cache_allowed = may_trust_hash_cache(roots, data_dir, *file_info);
-    if (!hash_cache._local_file_matches_manifest(*active, *path, *file_info, cache_allowed, stop_check))
+    const bool cache_allowed = may_trust_hash_cache(roots, data_dir, file_info);
+    if (!hash_cache._local_file_matches_manifest(*active, *path, file_info, cache_allowed, stop_check))
       return;
     active->copy_regular_file(*path, candidate, *path);
     members[i].reused = true;
@@ -128,7 +128,7 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
   return sorted_out(members);
 }
 
-bool reuse_proven_file(const std::string& path, const Document& file_info, const StagingRoots& roots,
+bool reuse_proven_file(const std::string& path, const FileEntry& file_info, const StagingRoots& roots,
                        HashCache& hash_cache) {
   const auto active = pinned_if_possible(roots.active_root);
   if (!active) return false;
@@ -143,14 +143,13 @@ DerivedArtifacts derive_runtime_snapshots(const Manifest& manifest, const std::s
   DerivedArtifacts derived;
   const PinnedRoot candidate(candidate_root);
   for (const auto& source_path : selected_paths) {
-    const Document& file_info = *manifest.file_entry(source_path);
-    const auto module_name = runtime_module_name_from_kind(member_text(file_info, "kind"), source_path);
+    const FileEntry file_info = *manifest.file_entry(source_path);
+    const auto module_name = runtime_module_name_from_kind(file_info.plain_text("kind"), source_path);
     if (!module_name || module_name->empty()) continue;
     // Measured and copied in the kernel: a module may be large, and nothing needs it in memory.
     const auto source = candidate.identify_regular_file(source_path, "candidate runtime extension source");
-    const Document* size_member = find_member(file_info, "size_bytes");
-    const Document declared_size = size_member != nullptr ? *size_member : Document();
-    const std::string declared_sha = member_text(file_info, "sha256");
+    const Document declared_size = file_info.value("size_bytes");
+    const std::string declared_sha = file_info.plain_text("sha256");
     const auto require_declared = [&](const client_manifest::FileIdentity& measured) {
       if (measured.size_bytes == to_int(declared_size) && measured.sha256 == declared_sha) return;
       throw IntegrityError("Candidate runtime extension source identity mismatch: " + source_path);
@@ -177,9 +176,9 @@ local_cohort::ArtifactIdentities prove_exact_identities(const Manifest& manifest
     const std::string& path = completion_paths[i];
     const auto identity = candidate.identify_regular_file(path, "candidate cohort artifact",
                                                           client_manifest::DEFAULT_BLOCK_BYTES, stop_check);
-    const Document* file_info = manifest.file_entry(path);
+    const auto file_info = manifest.file_entry(path);
     check_declared_identity(file_info, identity, path);
-    if (remembering != nullptr && file_info != nullptr && member_text(*file_info, "kind") != "vault_module")
+    if (remembering != nullptr && file_info && file_info->text("kind") != "vault_module")
       remembering->_remember_local_sha(path, identity);
     in_order[i] = {identity.sha256, identity.size_bytes};
   });

@@ -32,7 +32,7 @@ SelectedMembers reuse_selected_members(const Manifest& manifest,
                                        const StopCheck& stop_check);
 
 /// Reuses one file from the active root under the same rule, always rehashed; false when it does not match.
-bool reuse_proven_file(const std::string& path, const Document& file_info, const StagingRoots& roots,
+bool reuse_proven_file(const std::string& path, const FileEntry& file_info, const StagingRoots& roots,
                        HashCache& hash_cache);
 
 /// The derived runtime extension snapshots of a candidate root: snapshot path to its mapping, in order of

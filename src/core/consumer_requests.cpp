@@ -33,9 +33,9 @@ std::string relative_to(const std::string& path, const std::string& root) {
   return absolute.lexically_relative(std::filesystem::absolute(root).lexically_normal()).generic_string();
 }
 
-bool is_found_pnl_file(const Document* files, const std::string& path) {
-  const Document* file_info = files != nullptr ? find_member(*files, path) : nullptr;
-  return file_info != nullptr && is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(*file_info));
+bool is_found_pnl_file(const ManifestEntries& entries, std::string_view path) {
+  const auto file_info = entries.find(path);
+  return file_info && is_found_pnl_file_kind(artifact_rotation::manifest_file_kind(*file_info));
 }
 
 }  // namespace
@@ -100,10 +100,10 @@ std::vector<std::string> ConsumerRequests::_get_found_file_paths() const {
   {
     const DistributionLock shared = acquire_distribution_lock(_data_dir, /*exclusive=*/false);
     const local_cohort::Pin pinned = local_cohort::pin_active_cohort(_data_dir);
-    const Document* files = find_member(*pinned.selection->manifest, "files");
+    const ManifestEntries& entries = pinned.selection->manifest->entries();
     for (const std::string_view active_path : pinned.selection->members.active_relative_paths) {
       const std::string path(active_path);
-      if (!is_found_pnl_file(files, path)) continue;
+      if (!is_found_pnl_file(entries, path)) continue;
       try {
         const auto stat = pinned.root.stat_regular_file(path, "found PnL file");
         keyed.emplace_back(_found_pnl_sort_key(stat.mtime_ns, path),

@@ -18,7 +18,7 @@ DataDirectory::DataDirectory(std::string path) : _path(std::move(path)) { check_
 
 VerifiedActiveCohortSnapshot DataDirectory::active_cohort_snapshot() const {
   const auto selection = selected_cohort(_path, /*required=*/true);
-  return {absolute_path(selection->base_dir), absolute_path(selection->root_dir), selection->manifest_bytes};
+  return {absolute_path(selection->base_dir), absolute_path(selection->root_dir), *selection->manifest_bytes};
 }
 
 bool DataDirectory::is_busy() const { return distribution_lock_is_busy(_path); }

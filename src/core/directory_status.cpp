@@ -30,22 +30,22 @@ using local_cohort::CohortRootKind;
 using local_cohort::Selection;
 
 std::int64_t declared_bytes(const Selection& selection) {
-  const Document* files = find_member(*selection.manifest, "files");
+  const ManifestEntries& entries = selection.manifest->entries();
   std::int64_t bytes = 0;
   for (const auto& path : selection.members.active_relative_paths) {
-    const Document* entry = files != nullptr ? find_member(*files, path) : nullptr;
-    if (entry != nullptr) bytes += manifest_file_size(*entry).second;
+    const auto entry = entries.find(path);
+    if (entry) bytes += manifest_file_size(*entry).second;
   }
   return bytes;
 }
 
 Document describe_cohort(const Selection& selection) {
-  return {{"era_number", member_or_null(*selection.manifest, "era_number")},
-          {"version", member_or_null(*selection.manifest, "version")},
-          {"market_id", member_or_null(*selection.manifest, "market_id")},
-          {"manifest_sha256", local_cohort::manifest_sha256(selection.manifest_bytes)},
+  return {{"era_number", member_or_null(selection.manifest->head(), "era_number")},
+          {"version", member_or_null(selection.manifest->head(), "version")},
+          {"market_id", member_or_null(selection.manifest->head(), "market_id")},
+          {"manifest_sha256", local_cohort::manifest_sha256(*selection.manifest_bytes)},
           {"root_dir", absolute_path(selection.root_dir)},
-          {"manifest_files", member_or_null(*selection.manifest, "files").size()},
+          {"manifest_files", selection.manifest->entries().size()},
           {"members", selection.members.active_relative_paths.size()},
           {"member_bytes", declared_bytes(selection)}};
 }

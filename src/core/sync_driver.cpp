@@ -213,8 +213,8 @@ bool SyncDriver::_prove_member(const client_manifest::PinnedRoot& root,
                                client_manifest::DirectoryCursor& cursor, const Manifest& manifest,
                                const std::string& file_path,
                                const sync_backoff::StopCheck& stop_check) const {
-  const Document* file_info = find_member(manifest.files(), file_path);
-  if (file_info == nullptr || file_info->is_null()) {
+  const auto file_info = manifest.entries().find(file_path);
+  if (!file_info || file_info->is_null()) {
     throw SyncError("Active rotation path is missing from manifest: " + file_path);
   }
   if (_vocabulary_named_universe_from_path(file_path)) return false;
@@ -235,7 +235,7 @@ SyncResult SyncDriver::_full_sync() {
 
   // Sanitised as it is built.
   const auto server_manifest =
-      std::make_shared<const Manifest>(_shared_full_distribution_manifest(*body, "server manifest.json"));
+      std::make_shared<const Manifest>(_shared_full_distribution_manifest(body, "server manifest.json"));
   _require_manifest_market_identity(*server_manifest, _market_id, "server manifest.json");
 
   const bool is_new_manifest = !_is_active_manifest(*server_manifest, *body);

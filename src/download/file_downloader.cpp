@@ -15,8 +15,8 @@
 namespace tidalcrest::sync {
 namespace {
 
-std::int64_t size_or_zero(const Document& file_info) {
-  const Document& size = member_or_null(file_info, "size_bytes");
+std::int64_t size_or_zero(const FileEntry& file_info) {
+  const Document size = file_info.value("size_bytes");
   return size.is_null() ? 0 : to_int(size);
 }
 
@@ -70,17 +70,17 @@ void FileDownloader::_download_file(const FileToDownload& file, SyncResult& resu
 void FileDownloader::_download_file_pinned(const FileToDownload& file, SyncResult& result,
                                            const DownloadOptions& options, const std::string& target,
                                            const client_manifest::PinnedRoot& pinned_root) const {
-  const Document& file_info = file.entry();
+  const FileEntry& file_info = file.file_info;
   const TransferTerms terms{.file_path = file.file_path,
                             .generation = options.generation,
                             .url = _manifest_file_url(_server_url, file.file_path,
                                                       generation_base_url(options.generation, _active)),
-                            .expected_sha = member_text(file_info, "sha256"),
+                            .expected_sha = file_info.plain_text("sha256"),
                             .expected_size = size_or_zero(file_info),
                             .http = _http,
                             .probe = _probe};
   const std::string local_path = _manifest_local_path(target, file.file_path);
-  const std::string file_type = member_text(file_info, "kind");
+  const std::string file_type = file_info.plain_text("kind");
   const std::string tmp_relative_path = _safe_manifest_relative_path(file.file_path) + ".tmp";
 
   const TransferredFile transferred =

@@ -39,10 +39,10 @@ std::string progress_entries(const FilesToDownload& files_to_download) {
   std::string entries = "{";
   const char* separator = "";
   for (const auto* file : sorted) {
-    const Document& entry = file->entry();
+    const FileEntry& entry = file->file_info;
     fmt::format_to(std::back_inserter(entries), R"({}{}: {{"kind": {}, "platform": {})",
                    std::exchange(separator, ", "), dump_json(file->file_path),
-                   dump_json(member_text(entry, "kind")), dump_json(member_text(entry, "platform")));
+                   dump_json(entry.plain_text("kind")), dump_json(entry.plain_text("platform")));
     if (const auto [known, size] = manifest_file_size(entry); known)
       fmt::format_to(std::back_inserter(entries), R"(, "size_bytes": {})", size);
     entries += '}';
@@ -100,7 +100,7 @@ void _write_sync_progress_json(const std::string& data_dir, const Manifest& mani
   Document unknown_size_files = Document::array();
   std::uint64_t total_bytes = 0;
   for (const auto& file : files_to_download) {
-    const auto [known, size] = manifest_file_size(file.entry());
+    const auto [known, size] = manifest_file_size(file.file_info);
     if (!known) unknown_size_files.push_back(file.file_path);
     total_bytes += static_cast<std::uint64_t>(size);
   }

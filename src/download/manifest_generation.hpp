@@ -6,8 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/never_destroyed.hpp"
-#include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/manifest_entries.hpp"
 
 namespace tidalcrest::sync {
 
@@ -23,11 +22,7 @@ struct ManifestGeneration {
 /// outlives the transfer; nothing is copied per file.
 struct FileToDownload {
   std::string file_path;
-  const Document* file_info = nullptr;  ///< null stands for an empty entry
-  const Document& entry() const {
-    static const auto& empty = never_destroyed<const Document>(Document::object());
-    return file_info != nullptr ? *file_info : empty;
-  }
+  FileEntry file_info = {};  ///< may be none
 };
 
 /// Manifest order is kept.

@@ -88,16 +88,17 @@ std::optional<SupersedeProbe::Served> SupersedeProbe::_served_version(const std:
   }
 }
 
-std::shared_ptr<const Document> SupersedeProbe::_public_manifest_probe_once(const Document& base_url) const {
+SharedManifest SupersedeProbe::_public_manifest_probe_once(const Document& base_url) const {
   if (!_manifest_base_url_uses_public_download(_server_url, base_url)) return nullptr;
   try {
     const std::string manifest_url = _manifest_file_url(_server_url, "manifest.json", base_url);
     const Request request{manifest_url, {{"User-Agent", SYNC_USER_AGENT}}};
-    const HttpResult answer = _http.client()._open_request(
-        request, _sync_manifest_version_http_timeout_seconds(), _http.knobs().transport());
+    HttpResult answer = _http.client()._open_request(request, _sync_manifest_version_http_timeout_seconds(),
+                                                     _http.knobs().transport());
     if (answer.status != 200 && answer.status != 0) return nullptr;
     // Many workers may ask at once, mostly for the bytes that the running sync has parsed.
-    return _shared_full_distribution_manifest(answer.body, "public manifest.json supersede probe");
+    return _shared_full_distribution_manifest(std::make_shared<const std::string>(std::move(answer.body)),
+                                              "public manifest.json supersede probe");
   } catch (const HTTPError& answer) {
     log::debug("Public manifest supersede probe returned HTTP %d", answer.code);
     return nullptr;
@@ -109,12 +110,13 @@ std::shared_ptr<const Document> SupersedeProbe::_public_manifest_probe_once(cons
 
 // The public document is immutable per generation: it shows one that the version service does not show yet.
 bool SupersedeProbe::_public_manifest_superseded(const ManifestGeneration& generation) const {
-  const auto manifest_data = _public_manifest_probe_once(generation_base_url(generation, _active));
-  if (!manifest_data) return false;
-  _require_manifest_market_identity(*manifest_data, _market_id, "public manifest.json");
-  const auto version = try_int(member_or_null(*manifest_data, "version"));
+  const auto manifest = _public_manifest_probe_once(generation_base_url(generation, _active));
+  if (!manifest) return false;
+  const Document& manifest_data = manifest->head();
+  _require_manifest_market_identity(manifest_data, _market_id, "public manifest.json");
+  const auto version = try_int(member_or_null(manifest_data, "version"));
   if (!version) return false;
-  const Document& era_number_raw = member_or_null(*manifest_data, "era_number");
+  const Document& era_number_raw = member_or_null(manifest_data, "era_number");
   const auto era_number = try_int(era_number_raw);
   if (!era_number_raw.is_null() && !era_number) return false;
   if (const auto decided = decided_by_eras(era_number, generation.era_number)) return *decided;

@@ -34,7 +34,7 @@ class SupersedeProbe {
   std::optional<HttpResult> _manifest_version_probe_once(const std::string& url) const;
   std::optional<HttpResult> _version_answer() const;
   std::optional<Served> _served_version(const std::string& body) const;
-  std::shared_ptr<const Document> _public_manifest_probe_once(const Document& base_url) const;
+  SharedManifest _public_manifest_probe_once(const Document& base_url) const;
   bool _public_manifest_superseded(const ManifestGeneration& generation) const;
 
   const ManagerHttp& _http;

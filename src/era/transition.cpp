@@ -155,7 +155,7 @@ void TransitionRun::fetch_manifest() {
   const std::string label = fmt::format("era {} transition manifest.json", _new_era_text);
   // Sanitised as it is built.
   _new_manifest =
-      std::make_shared<const Manifest>(_shared_full_distribution_manifest(*_manifest_bytes, label));
+      std::make_shared<const Manifest>(_shared_full_distribution_manifest(_manifest_bytes, label));
   _require_manifest_market_identity(*_new_manifest, _market_id, label);
   _manifest_era_number = era_number_of_manifest();
   if (_manifest_era_number != to_int(_new_era_number)) {

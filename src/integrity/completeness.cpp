@@ -49,7 +49,7 @@ class CompletenessTest::Members {
     }
   }
 
-  bool match(const std::string& path, const Document& file_info) {
+  bool match(const std::string& path, const FileEntry& file_info) {
     if (!_root) return false;
     const bool cache_allowed = artifact_rotation::manifest_file_kind(file_info) != "vault_module";
     return _hash_cache._local_file_matches_manifest(*_root, *_cursor, path, file_info, cache_allowed,
@@ -90,8 +90,8 @@ bool CompletenessTest::_rotation_members_match(const ActiveView& view, const Man
                                                const RotationState& state) const {
   Members members(_hash_cache, view.data_dir);
   for (const auto& path : state.active_relative_paths) {
-    const Document* file_info = manifest.file_entry(path);
-    if (file_info == nullptr) return false;
+    const auto file_info = manifest.file_entry(path);
+    if (!file_info) return false;
     if (_manifest_file_is_sync_excluded(*file_info)) continue;
     if (!members.match(path, *file_info)) return false;
   }
@@ -100,10 +100,10 @@ bool CompletenessTest::_rotation_members_match(const ActiveView& view, const Man
 
 bool CompletenessTest::_all_members_match(const ActiveView& view, const Manifest& manifest) const {
   Members members(_hash_cache, view.data_dir);
-  for (const auto& [path, file_info] : manifest.files().get_ref<const Document::object_t&>()) {
+  for (const auto& [path, file_info] : manifest.entries()) {
     if (_vocabulary_named_universe_from_path(path)) continue;  // proven with the vocabularies
     if (_manifest_file_is_sync_excluded(file_info)) continue;
-    if (!members.match(path, file_info)) return false;
+    if (!members.match(std::string(path), file_info)) return false;
   }
   return true;
 }

@@ -4,7 +4,6 @@
 
 #include "download/local_files.hpp"
 #include "host/integer.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/parallel.hpp"
 #include "host/unusable.hpp"
@@ -38,15 +37,13 @@ struct Declared {
 };
 
 // Absent for a declaration that no file can match.
-std::optional<Declared> declared_identity(const Document& file_info) {
+std::optional<Declared> declared_identity(const FileEntry& file_info) {
   Declared declared;
-  if (const Document* size = find_member(file_info, "size_bytes"); size != nullptr && !size->is_null()) {
-    declared.size_bytes = try_int(*size);
+  if (const Document size = file_info.value("size_bytes"); !size.is_null()) {
+    declared.size_bytes = try_int(size);
     if (!declared.size_bytes || *declared.size_bytes < 0) return std::nullopt;
   }
-  const Document* sha256 = find_member(file_info, "sha256");
-  if (sha256 == nullptr || !sha256->is_string()) return std::nullopt;
-  declared.sha256 = sha256->get_ref<const std::string&>();
+  declared.sha256 = file_info.text("sha256").value_or(std::string_view());
   if (declared.sha256.empty()) return std::nullopt;
   return declared;
 }
@@ -147,7 +144,7 @@ void HashCache::_persist_hash_cache() {
 }
 
 bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, const std::string& file_path,
-                                             const Document& file_info, bool cache_allowed,
+                                             const FileEntry& file_info, bool cache_allowed,
                                              const std::function<void()>& after_block) {
   const auto stat_member = [&root](const std::string& path) {
     return root.stat_regular_file(path, "manifest file");
@@ -156,7 +153,7 @@ bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, const std::
 }
 
 bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, client_manifest::DirectoryCursor& cursor,
-                                             const std::string& file_path, const Document& file_info,
+                                             const std::string& file_path, const FileEntry& file_info,
                                              bool cache_allowed, const std::function<void()>& after_block) {
   const auto stat_member = [&cursor](const std::string& path) {
     return cursor.stat_regular_file(path, "manifest file");
@@ -166,7 +163,7 @@ bool HashCache::_local_file_matches_manifest(const PinnedRoot& root, client_mani
 
 template <class Stat>
 bool HashCache::_matches(const PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
-                         const Document& file_info, bool cache_allowed,
+                         const FileEntry& file_info, bool cache_allowed,
                          const std::function<void()>& after_block) {
   const std::string& safe_path = _safe_manifest_relative_path(file_path);
   const auto expected = declared_identity(file_info);

@@ -13,7 +13,7 @@
 #include "integrity/hash_cache_file.hpp"
 #include "siblings/distribution/directory_cursor.hpp"
 #include "siblings/distribution/pinned_root.hpp"
-#include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/manifest_entries.hpp"
 
 namespace tidalcrest::sync {
 
@@ -46,12 +46,12 @@ class HashCache {
   /// false hashes the file in full and leaves the cache alone. A hit costs one stat. `after_block` is called
   /// while a file is hashed and may end it by throwing. Throws `ManifestError` for an unsafe path only.
   bool _local_file_matches_manifest(const client_manifest::PinnedRoot& root, const std::string& file_path,
-                                    const Document& file_info, bool cache_allowed = true,
+                                    const FileEntry& file_info, bool cache_allowed = true,
                                     const std::function<void()>& after_block = {});
   /// The same with the stats of a loop over many members; `cursor` walks `root`.
   bool _local_file_matches_manifest(const client_manifest::PinnedRoot& root,
                                     client_manifest::DirectoryCursor& cursor, const std::string& file_path,
-                                    const Document& file_info, bool cache_allowed = true,
+                                    const FileEntry& file_info, bool cache_allowed = true,
                                     const std::function<void()>& after_block = {});
 
  private:
@@ -63,7 +63,7 @@ class HashCache {
       REQUIRES(_hash_cache_lock);
   template <class Stat>
   bool _matches(const client_manifest::PinnedRoot& root, Stat&& stat_member, const std::string& file_path,
-                const Document& file_info, bool cache_allowed, const std::function<void()>& after_block);
+                const FileEntry& file_info, bool cache_allowed, const std::function<void()>& after_block);
 
   const std::string _hash_cache_path;
   const std::shared_future<HashCacheEntries> _loading;

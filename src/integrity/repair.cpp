@@ -27,8 +27,8 @@ RepairPaths paths_to_repair(const Manifest& manifest, const std::vector<std::str
       paths.force_download.emplace_back(SHUFFLE_SEED_METADATA_FILE);
       continue;
     }
-    const Document* file_info = manifest.file_entry(file_path);
-    if (file_info == nullptr || _manifest_file_is_sync_excluded(*file_info)) continue;
+    const auto file_info = manifest.file_entry(file_path);
+    if (!file_info || _manifest_file_is_sync_excluded(*file_info)) continue;
     paths.required.push_back(file_path);
     paths.force_download.push_back(file_path);
   }

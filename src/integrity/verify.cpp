@@ -2,7 +2,6 @@
 
 #include <optional>
 
-#include "host/json.hpp"
 #include "rotation/exclusion.hpp"
 #include "siblings/distribution/local_cohort.hpp"
 #include "siblings/distribution/lock.hpp"
@@ -44,13 +43,11 @@ class Verification {
   Verification(const Pin& pinned, VerifyResult& result) : _pinned(pinned), _result(result) {}
 
   void check_members() {
-    const Document* manifest_files = find_member(*_pinned.selection->manifest, "files");
+    const ManifestEntries& entries = _pinned.selection->manifest->entries();
     for (const std::string_view active_path : _pinned.selection->members.active_relative_paths) {
       const std::string file_path(active_path);
-      const Document* file_info =
-          manifest_files != nullptr ? find_member(*manifest_files, file_path) : nullptr;
-      if (file_info != nullptr && file_info->is_object() && _manifest_file_is_sync_excluded(*file_info))
-        continue;
+      const auto file_info = entries.find(file_path);
+      if (file_info && _manifest_file_is_sync_excluded(*file_info)) continue;
       _stop_check();
       report([&] { _pinned.verify_manifest_file_identity(file_path, "active cohort artifact", _stop_check); },
              [&] { add_missing(file_path); }, [&] { add_corrupted(file_path); });
@@ -70,7 +67,7 @@ class Verification {
     };
     report(
         [&] {
-          shuffle_seed_state::validate_shuffle_seed_pair(_pinned.selection->manifest_bytes, *ciphertext,
+          shuffle_seed_state::validate_shuffle_seed_pair(*_pinned.selection->manifest_bytes, *ciphertext,
                                                          *metadata, wallet_secret());
         },
         pair_is_bad, pair_is_bad);

@@ -18,14 +18,8 @@ constexpr std::string_view STEM_SEPARATOR = "__";
 constexpr std::size_t FEATURE_PATH_SEGMENTS = 4;  // "features/{named_universe}/{epoch}/{feature_name}.arrow"
 constexpr std::size_t FAMILY_STEM_SEGMENTS = 4;   // a stem of fewer "__" segments has no family
 
-bool is_map(const Document& files, const std::string& path) {
-  const auto& entries = files.get_ref<const Document::object_t&>();
-  const auto entry = entries.find(path);
-  return entry != entries.end() && entry->second.is_object();
-}
-
 // Whether the path is a feature of the epoch, in any universe, that ends in the suffix.
-bool is_scoped_feature(const std::string& path, const std::string& epoch, const std::string& suffix) {
+bool is_scoped_feature(std::string_view path, const std::string& epoch, const std::string& suffix) {
   if (!path.ends_with(suffix) || !path.starts_with(FEATURES_DIRECTORY)) return false;
   const auto segments = text::split(path, "/");
   return segments.size() >= FEATURE_PATH_SEGMENTS && segments[segments.size() - 2] == epoch;
@@ -33,9 +27,9 @@ bool is_scoped_feature(const std::string& path, const std::string& epoch, const 
 
 std::string_view last_segment(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
-bool is_safe_path(const std::string& path) {
+bool is_safe_path(std::string_view path) {
   try {
-    _safe_manifest_relative_path(path);
+    _safe_manifest_relative_path(std::string(path));
     return true;
   } catch (const ManifestError&) {
     return false;
@@ -83,17 +77,16 @@ std::optional<std::string> _feature_artifact_family_prefix(const std::string& fe
 }
 
 FeaturePaths::FeaturePaths(const Manifest& manifest) : _manifest(manifest) {
-  if (!manifest.files().is_object()) return;
-  for (const auto& [path, entry] : manifest.files().get_ref<const Document::object_t&>()) {
+  for (const auto& [path, entry] : manifest.entries()) {
     if (!path.starts_with(FEATURES_DIRECTORY) || !path.ends_with(FEATURE_SUFFIX)) continue;
     const std::string_view name = last_segment(path);
-    _by_file_name[name].push_back(&path);
+    _by_file_name[name].push_back(path);
     const std::string_view prefix = leading_segments(name.substr(0, name.size() - FEATURE_SUFFIX.size()));
     if (prefix.empty() || !is_safe_path(path)) continue;
     std::size_t segments = 0;
     for (auto slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
       if (++segments + 1 < FEATURE_PATH_SEGMENTS) continue;  // no feature of a family lies there
-      _by_family[path.substr(0, slash + 1).append(prefix)].push_back(path);
+      _by_family[std::string(path.substr(0, slash + 1)).append(prefix)].push_back(path);
     }
   }
   for (auto& [family, paths] : _by_family) std::sort(paths.begin(), paths.end());
@@ -102,35 +95,34 @@ FeaturePaths::FeaturePaths(const Manifest& manifest) : _manifest(manifest) {
 std::optional<std::string> FeaturePaths::_manifest_feature_relative_path(
     const std::string& feature_name, const std::string& expression_type,
     const std::optional<std::string>& named_universe) const {
-  const Document& files = _manifest.files();
   const std::string name = text::strip(feature_name);
-  if (!files.is_object() || name.empty()) return std::nullopt;
+  if (name.empty()) return std::nullopt;
   const std::string epoch = _feature_epoch_for_expression_type(expression_type);
   const std::string universe = named_universe ? text::strip(*named_universe) : std::string();
   const std::string suffix = fmt::format("/{}.arrow", name);
   const auto first_path = [&](const auto& matches) -> std::optional<std::string> {
     const auto named = _by_file_name.find(last_segment(suffix));
     if (named == _by_file_name.end()) return std::nullopt;
-    for (const std::string* path : named->second) {
-      if (matches(*path)) return *path;
+    for (const std::string_view path : named->second) {
+      if (matches(path)) return std::string(path);
     }
     return std::nullopt;
   };
 
   if (!universe.empty()) {
     const std::string scoped = fmt::format("features/{}/{}{}", universe, epoch, suffix);
-    if (is_map(files, scoped)) return scoped;
+    if (_manifest.file_entry(scoped)) return scoped;
     // The feature of another universe must not be served for this one.
     const std::string epoch_suffix = "/" + epoch + suffix;
-    if (first_path([&](const std::string& path) { return is_scoped_feature(path, epoch, epoch_suffix); })) {
+    if (first_path([&](std::string_view path) { return is_scoped_feature(path, epoch, epoch_suffix); })) {
       return std::nullopt;
     }
   }
 
   const std::string legacy_directory = "features/" + epoch + "/";
   const std::string legacy = legacy_directory + name + ".arrow";
-  if (is_map(files, legacy)) return legacy;
-  return first_path([&](const std::string& path) {
+  if (_manifest.file_entry(legacy)) return legacy;
+  return first_path([&](std::string_view path) {
     return is_scoped_feature(path, epoch, suffix) ||
            (path.starts_with(legacy_directory) && path.ends_with(suffix));
   });

@@ -34,7 +34,7 @@ class FeaturePaths {
  private:
   const Manifest& _manifest;
   // By last segment, in manifest order.
-  std::unordered_map<std::string_view, std::vector<const std::string*>> _by_file_name;
+  std::unordered_map<std::string_view, std::vector<std::string_view>> _by_file_name;
   // By each directory on the way with its trailing slash, followed by the family's prefix; ascending.
   std::unordered_map<std::string, std::vector<std::string_view>> _by_family;
 };

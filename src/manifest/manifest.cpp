@@ -26,18 +26,18 @@ constexpr std::array<Section, 3> SIGNALS_INDEX_SECTIONS = {{
     {"useful_signals", &MembershipSections::useful_signals},
 }};
 
-std::shared_ptr<const Document> sanitised(const std::shared_ptr<const Document>& data) {
+SharedManifest sanitised(const SharedManifest& data) {
   try {
-    return _sanitize_manifest_data_for_sync(data);
+    return _sanitize_manifest_for_sync(data);
   } catch (const TypeError& failure) {
     throw ManifestError(failure.what());
   }
 }
 
-std::shared_ptr<const MembershipSections> document_membership(const Document& data) {
+std::shared_ptr<const MembershipSections> document_membership(const Document& head) {
   std::vector<std::string> missing;
   for (const Section& section : SIGNALS_INDEX_SECTIONS) {
-    if (find_member(data, section.name) == nullptr) missing.push_back(section.name);
+    if (find_member(head, section.name) == nullptr) missing.push_back(section.name);
   }
   if (missing.size() == SIGNALS_INDEX_SECTIONS.size()) return nullptr;
   if (!missing.empty()) {
@@ -46,7 +46,7 @@ std::shared_ptr<const MembershipSections> document_membership(const Document& da
   }
   auto sections = std::make_shared<MembershipSections>();
   for (const Section& section : SIGNALS_INDEX_SECTIONS) {
-    const Document& value = *find_member(data, section.name);
+    const Document& value = *find_member(head, section.name);
     if (!value.is_object())
       throw ManifestError(fmt::format("manifest {} must be a JSON object", section.name));
     (*sections).*section.member = value;
@@ -64,15 +64,15 @@ const Document& Manifest::ZERO = never_destroyed<const Document>(0);
 const Document& Manifest::NONE = never_destroyed<const Document>(nullptr);
 const Document& Manifest::EMPTY = never_destroyed<const Document>(Document::object());
 
-Manifest::Manifest(Document data) : Manifest(std::make_shared<const Document>(std::move(data))) {}
+Manifest::Manifest(Document data) : Manifest(std::make_shared<const ParsedManifest>(std::move(data))) {}
 
-Manifest::Manifest(std::shared_ptr<const Document> data) : _data(sanitised(data)) {
+Manifest::Manifest(SharedManifest data) : _data(sanitised(data)) {
   as_manifest_error([this] { client_manifest::validate_signals_index_manifest_declaration(*_data); });
-  const Document* era_number = find_member(*_data, "era_number");
+  const Document* era_number = find_member(head(), "era_number");
   if (era_number == nullptr || era_number->is_null()) {
     throw ManifestError("manifest.json missing required era_number");
   }
-  _membership = document_membership(*_data);
+  _membership = document_membership(head());
 }
 
 // Two pointers are copied: what was moved from stays whole.
@@ -80,7 +80,7 @@ Manifest::Manifest(std::shared_ptr<const Document> data) : _data(sanitised(data)
 Manifest::Manifest(Manifest&& other) noexcept : _data(other._data), _membership(other.membership()) {}
 
 Document Manifest::to_dict() const {
-  Document copy = *_data;
+  Document copy = data();
   const auto sections = membership();
   std::size_t absent = 0;
   for (const Section& section : SIGNALS_INDEX_SECTIONS) {
@@ -100,9 +100,20 @@ Document Manifest::to_dict() const {
   return copy;
 }
 
-const Document* Manifest::file_entry(const std::string& path) const noexcept {
-  const Document* entry = find_member(files(), path);
-  return entry != nullptr && entry->is_object() ? entry : nullptr;
+const Document& Manifest::data() const { return _data->whole(); }
+
+const Document& Manifest::files() const {
+  const Document* files = find_member(data(), "files");
+  return files == nullptr ? EMPTY : *files;
+}
+
+const ManifestEntries& Manifest::entries() const noexcept { return _data->entries(); }
+
+const Document& Manifest::head() const noexcept { return _data->head(); }
+
+std::optional<FileEntry> Manifest::file_entry(std::string_view path) const noexcept {
+  const auto entry = entries().find(path);
+  return entry && entry->is_object() ? entry : std::nullopt;
 }
 
 std::shared_ptr<const MembershipSections> Manifest::membership() const {
@@ -116,7 +127,7 @@ void Manifest::install_membership(std::shared_ptr<const MembershipSections> sect
 }
 
 const Document& Manifest::_attribute(const char* key, const Document& missing) const noexcept {
-  const Document* value = find_member(*_data, key);
+  const Document* value = find_member(head(), key);
   return value == nullptr ? missing : *value;
 }
 

@@ -123,10 +123,15 @@ Document _parse_full_distribution_manifest_bytes(std::string_view body, const st
   return as_manifest_error([&] { return client_manifest::parse_distribution_manifest_bytes(body, label); });
 }
 
-std::shared_ptr<const Document> _shared_full_distribution_manifest(std::string_view body,
-                                                                   const std::string& label) {
+SharedManifest _parse_full_distribution_manifest(std::shared_ptr<const std::string> body,
+                                                 const std::string& label) {
   return as_manifest_error(
-      [&] { return client_manifest::shared_manifest_document(body, sha256_hex(body), label); });
+      [&] { return client_manifest::parse_distribution_manifest(std::move(body), label); });
+}
+
+SharedManifest _shared_full_distribution_manifest(const std::shared_ptr<const std::string>& body,
+                                                  const std::string& label) {
+  return as_manifest_error([&] { return client_manifest::shared_manifest(body, sha256_hex(*body), label); });
 }
 
 Document _read_distribution_manifest_file(const std::string& path, const std::string& label) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "host/seams.hpp"
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "tidalcrest/sync/document.hpp"
 
 namespace tidalcrest::sync {
@@ -35,11 +36,14 @@ bool _manifest_hash_hint_matches_local_state(const std::string& data_dir, std::i
 void _write_manifest_json(const std::string& data_dir, const Document& manifest_data, const Seams& seams,
                           const std::optional<std::string>& server_manifest_sha256 = {},
                           const std::optional<std::string>& server_manifest_body_sha256 = {});
-/// All three name the label in every failure, which is a `ManifestError`.
+/// All of these name the label in every failure, which is a `ManifestError`.
 Document _parse_full_distribution_manifest_bytes(std::string_view body, const std::string& label);
-/// The same, without parsing when the document of these bytes is still held.
-std::shared_ptr<const Document> _shared_full_distribution_manifest(std::string_view body,
-                                                                   const std::string& label);
+/// The same, kept as its text where that is plain.
+SharedManifest _parse_full_distribution_manifest(std::shared_ptr<const std::string> body,
+                                                 const std::string& label);
+/// The same, without parsing when the manifest of these bytes is still held.
+SharedManifest _shared_full_distribution_manifest(const std::shared_ptr<const std::string>& body,
+                                                  const std::string& label);
 Document _read_distribution_manifest_file(const std::string& path, const std::string& label);
 
 }  // namespace tidalcrest::sync

@@ -14,6 +14,7 @@
 #include "host/never_destroyed.hpp"
 #include "host/text.hpp"
 #include "siblings/distribution/artifact_rotation.hpp"
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -52,9 +53,12 @@ const Document& files_of(const Document& manifest_data) {
   return *files;
 }
 
-bool kind_is(const Document& file_info, std::string_view kind) {
-  const Document* found = find_member(file_info, "kind");
-  return found != nullptr && found->is_string() && found->get_ref<const std::string&>() == kind;
+bool kind_is(const FileEntry& file_info, std::string_view kind) { return file_info.text("kind") == kind; }
+
+template <class Predicate>
+bool any_entry(const ManifestEntries& entries, Predicate is_meant) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const auto& entry) { return is_meant(entry.first, entry.second); });
 }
 
 // The entries that `drop` does not name, in order; absent when it names none, so that a clean document costs
@@ -148,13 +152,13 @@ OwnedPaths retired_found_paths(const Document& files) {
 
 }  // namespace
 
-bool _is_agent_bundle_declaration_file(const std::string& file_path, const Document& file_info) {
+bool _is_agent_bundle_declaration_file(std::string_view file_path, const FileEntry& file_info) {
   return file_path.ends_with(".pxd") || kind_is(file_info, "vault_declaration") ||
          kind_is(file_info, "backtester_declaration");
 }
 
-bool _is_unsupported_runtime_module_file(const std::string&, const Document& file_info) {
-  const std::string& kind = artifact_rotation::manifest_file_kind(file_info);
+bool _is_unsupported_runtime_module_file(std::string_view, const FileEntry& file_info) {
+  const std::string_view kind = artifact_rotation::manifest_file_kind(file_info);
   return kind.ends_with(RUNTIME_MODULE_KIND_SUFFIX) && !is_runtime_module_kind(kind);
 }
 
@@ -175,9 +179,9 @@ bool _is_retired_unsupported_runtime_module_path(const std::string& file_path) {
   return _retired_unsupported_runtime_module_name_from_path(file_path).has_value();
 }
 
-bool _is_retired_found_pnl_long_file(const std::string& file_path) {
+bool _is_retired_found_pnl_long_file(std::string_view file_path) {
   if (file_path.find("long.arrow") == std::string::npos) return false;  // nearly every path ends here
-  std::string path = file_path;
+  std::string path(file_path);
   std::replace(path.begin(), path.end(), '\\', '/');
   path.erase(0, path.find_first_not_of('/'));
   path.erase(path.find_last_not_of('/') + 1);
@@ -188,16 +192,13 @@ bool _is_retired_found_pnl_long_file(const std::string& file_path) {
 }
 
 bool _manifest_has_agent_bundle_declarations(const Manifest& manifest) {
-  const auto& entries = members(manifest.files());
-  return std::any_of(entries.begin(), entries.end(), [](const auto& entry) {
-    return _is_agent_bundle_declaration_file(entry.first, entry.second);
-  });
+  return any_entry(manifest.entries(), _is_agent_bundle_declaration_file);
 }
 
 bool _manifest_has_retired_found_pnl_long_files(const Manifest& manifest) {
-  const auto& entries = members(manifest.files());
-  return std::any_of(entries.begin(), entries.end(),
-                     [](const auto& entry) { return _is_retired_found_pnl_long_file(entry.first); });
+  return any_entry(manifest.entries(), [](std::string_view path, const FileEntry&) {
+    return _is_retired_found_pnl_long_file(path);
+  });
 }
 
 SharedDocument _drop_agent_bundle_declaration_files(const SharedDocument& manifest_data) {
@@ -220,7 +221,7 @@ SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest
   const Document& files = files_of(*manifest_data);
   const OwnedPaths retired = retired_found_paths(files);
   if (retired.empty()) return manifest_data;
-  const auto is_retired = [&retired](const std::string& path, const Document&) {
+  const auto is_retired = [&retired](const std::string& path, const FileEntry&) {
     return retired.contains(path);
   };
   Replacements replaced;
@@ -236,6 +237,19 @@ SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest
 SharedDocument _sanitize_manifest_data_for_sync(const SharedDocument& manifest_data) {
   return _drop_retired_found_pnl_long_files(
       _drop_unsupported_runtime_module_files(_drop_agent_bundle_declaration_files(manifest_data)));
+}
+
+SharedManifest _sanitize_manifest_for_sync(const SharedManifest& manifest) {
+  const auto is_dropped = [](std::string_view path, const FileEntry& file_info) {
+    return _is_agent_bundle_declaration_file(path, file_info) ||
+           _is_unsupported_runtime_module_file(path, file_info) || _is_retired_found_pnl_long_file(path);
+  };
+  const bool is_clean = manifest->text() && !any_entry(manifest->entries(), is_dropped) &&
+                        !without_unsupported_artifacts(manifest->head());
+  if (is_clean) return manifest;
+  const SharedDocument document(manifest, &manifest->whole());
+  const SharedDocument rewritten = _sanitize_manifest_data_for_sync(document);
+  return rewritten == document ? manifest : std::make_shared<const ParsedManifest>(rewritten);
 }
 
 }  // namespace tidalcrest::sync

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "tidalcrest/sync/document.hpp"
 #include "tidalcrest/sync/manifest.hpp"
@@ -13,11 +14,11 @@ namespace tidalcrest::sync {
 // bundles, runtime modules of no supported kind, and the retired long PnL files. They are removed from the
 // parsed document before it becomes a `Manifest`; the served bytes stay as they were.
 
-bool _is_agent_bundle_declaration_file(const std::string& file_path, const Document& file_info);
-bool _is_unsupported_runtime_module_file(const std::string& file_path, const Document& file_info);
+bool _is_agent_bundle_declaration_file(std::string_view file_path, const FileEntry& file_info);
+bool _is_unsupported_runtime_module_file(std::string_view file_path, const FileEntry& file_info);
 std::optional<std::string> _retired_unsupported_runtime_module_name_from_path(const std::string& file_path);
 bool _is_retired_unsupported_runtime_module_path(const std::string& file_path);
-bool _is_retired_found_pnl_long_file(const std::string& file_path);
+bool _is_retired_found_pnl_long_file(std::string_view file_path);
 bool _manifest_has_agent_bundle_declarations(const Manifest& manifest);
 bool _manifest_has_retired_found_pnl_long_files(const Manifest& manifest);
 
@@ -28,5 +29,8 @@ SharedDocument _drop_agent_bundle_declaration_files(const SharedDocument& manife
 SharedDocument _drop_unsupported_runtime_module_files(const SharedDocument& manifest_data);
 SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest_data);
 SharedDocument _sanitize_manifest_data_for_sync(const SharedDocument& manifest_data);
+/// The same; no document is made of a manifest of which nothing is dropped.
+std::shared_ptr<const ParsedManifest> _sanitize_manifest_for_sync(
+    const std::shared_ptr<const ParsedManifest>& manifest);
 
 }  // namespace tidalcrest::sync

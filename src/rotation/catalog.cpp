@@ -39,7 +39,7 @@ std::optional<std::string> stripped_text(const Document* value) {
   return stripped;
 }
 
-void visit_artifact_section(const Document& raw_artifacts, const Document& files,
+void visit_artifact_section(const Document& raw_artifacts, const ManifestEntries& entries,
                             const RotationRowVisitor& visit) {
   for (const auto& raw : raw_artifacts) {
     if (!raw.is_object()) continue;
@@ -47,34 +47,33 @@ void visit_artifact_section(const Document& raw_artifacts, const Document& files
     if (named == nullptr) named = set_member(raw, "relative_path");
     if (named == nullptr) continue;
     const std::string file_path = text::str(*named);
-    const Document* entry = find_member(files, file_path);
-    if (entry == nullptr || !entry->is_object()) {
+    const auto entry = entries.find(file_path);
+    if (!entry || !entry->is_object()) {
       visit(file_path, raw);
       continue;
     }
-    Document merged = *entry;
+    Document merged = entry->document();
     for (const auto& [key, value] : raw.get_ref<const Document::object_t&>()) merged[key] = value;
     visit(file_path, merged);
   }
 }
 
-void visit_files_in_path_order(const Document& files, const RotationRowVisitor& visit) {
-  if (!files.is_object()) return;
-  std::vector<const Document::object_t::value_type*> members;
-  members.reserve(files.size());
-  for (const auto& member : files.get_ref<const Document::object_t&>()) members.push_back(&member);
-  const auto by_path = [](const auto* a, const auto* b) { return a->first < b->first; };
-  // Distributions list them in order, mostly.
-  if (!std::is_sorted(members.begin(), members.end(), by_path))
-    std::sort(members.begin(), members.end(), by_path);
-  for (const auto* member : members) visit(member->first, member->second);
+void visit_files_in_path_order(const ManifestEntries& entries, const RotationRowVisitor& visit) {
+  const auto by_path = [](const auto& a, const auto& b) { return a.first < b.first; };
+  if (std::is_sorted(entries.begin(), entries.end(), by_path)) {  // as distributions list them, mostly
+    for (const auto& [path, file_info] : entries) visit(path, file_info);
+    return;
+  }
+  std::vector<ManifestEntries::value_type> sorted(entries.begin(), entries.end());
+  std::sort(sorted.begin(), sorted.end(), by_path);
+  for (const auto& [path, file_info] : sorted) visit(path, file_info);
 }
 
 bool is_rotatable_feature(const ArtifactDescriptor& artifact) {
   return !artifact.mandatory && artifact.artifact_kind == "feature";
 }
 
-Artifact descriptor_of(const std::string& file_path, const Document& file_info,
+Artifact descriptor_of(std::string_view file_path, const FileEntry& file_info,
                        const RotationLegacyScope& legacy_scope) {
   auto artifact =
       std::make_shared<ArtifactDescriptor>(artifact_rotation::artifact_descriptor_from_manifest_file(
@@ -95,11 +94,11 @@ std::optional<PinnedRoot> pinned_if_present(const std::string& data_dir) {
 
 void _rotation_artifact_rows(const Manifest& manifest, const RotationRowVisitor& visit) {
   // A list is final, even an empty one.
-  const Document* raw_artifacts = find_member(manifest.data(), "artifacts");
+  const Document* raw_artifacts = find_member(manifest.head(), "artifacts");
   if (raw_artifacts != nullptr && raw_artifacts->is_array()) {
-    visit_artifact_section(*raw_artifacts, manifest.files(), visit);
+    visit_artifact_section(*raw_artifacts, manifest.entries(), visit);
   } else {
-    visit_files_in_path_order(manifest.files(), visit);
+    visit_files_in_path_order(manifest.entries(), visit);
   }
 }
 
@@ -144,10 +143,10 @@ std::string _rotation_manifest_default_market(const Document& manifest_data) {
 }
 
 Artifacts _rotation_manifest_artifacts(const Manifest& manifest) {
-  const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.data());
+  const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.head());
   Artifacts artifacts;
-  artifacts.reserve(manifest.files().size());
-  _rotation_artifact_rows(manifest, [&](const std::string& file_path, const Document& file_info) {
+  artifacts.reserve(manifest.entries().size());
+  _rotation_artifact_rows(manifest, [&](std::string_view file_path, const FileEntry& file_info) {
     if (manifest_file_kind(file_info) == "signals_index" || _manifest_file_is_sync_excluded(file_info))
       return;
     artifacts.push_back(descriptor_of(file_path, file_info, legacy_scope));
@@ -177,7 +176,7 @@ Document _rotation_catalog_context(const Manifest& manifest, const Artifacts& ar
     if (!artifact->subfamily.empty()) subfamilies.insert(artifact->subfamily);
   }
 
-  const Document& scope = member_or_null(member_or_null(manifest.data(), "rotation"), "scope");
+  const Document& scope = member_or_null(member_or_null(manifest.head(), "rotation"), "scope");
   const Document* scope_market = set_member(scope, "market");
   const Document* scope_universes = find_member(scope, "named_universes");
   const Document* scope_universe = set_member(scope, "named_universe");
@@ -220,14 +219,14 @@ void _apply_rotation_result_fields(SyncResult& result, const RotationSelection& 
 RotationPlan _rotation_plan_with_required_paths(RotationPlan rotation_plan, const Manifest& manifest,
                                                 const std::vector<std::string>& required_paths) {
   RotationSelection& selection = rotation_plan.selection;
-  const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.data());
+  const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.head());
   std::unordered_set<std::string> active(selection.active_relative_paths.begin(),
                                          selection.active_relative_paths.end());
   for (const auto& required_path : required_paths) {
     const std::string path = _safe_manifest_relative_path(required_path);
     if (active.contains(path)) continue;
-    const Document* file_info = find_member(manifest.files(), path);
-    if (file_info == nullptr) throw SyncError("required cohort artifact is absent from manifest: " + path);
+    const auto file_info = manifest.entries().find(path);
+    if (!file_info) throw SyncError("required cohort artifact is absent from manifest: " + path);
     if (_manifest_file_is_sync_excluded(*file_info)) {
       throw SyncError("required cohort artifact is excluded from sync: " + path);
     }
@@ -267,9 +266,8 @@ std::vector<std::string> _manifest_prefetched_feature_paths(const Manifest& mani
   std::set<std::string> features;
   for (const auto& given : paths) {
     const std::string path = text::strip(given);
-    const Document* file_info = find_member(manifest.files(), path);
-    if (!path.empty() && file_info != nullptr && manifest_file_kind(*file_info) == "feature")
-      features.insert(path);
+    const auto file_info = manifest.entries().find(path);
+    if (!path.empty() && file_info && manifest_file_kind(*file_info) == "feature") features.insert(path);
   }
   return {features.begin(), features.end()};
 }

@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "rotation/state.hpp"
@@ -21,7 +22,7 @@ using RotationSelection = artifact_rotation::Selection;
 /// Shows every row of the catalog to `visit`: the entries of the manifest's "artifacts" list in its order,
 /// each laid over the `files` entry of its path; without such a list the `files` in path order. The entry is
 /// the manifest's own wherever nothing has to be laid over it, and is valid during the call only.
-using RotationRowVisitor = std::function<void(const std::string& file_path, const Document& file_info)>;
+using RotationRowVisitor = std::function<void(std::string_view file_path, const FileEntry& file_info)>;
 void _rotation_artifact_rows(const Manifest& manifest, const RotationRowVisitor& visit);
 
 /// What stands in for the scope that the feature entries of older manifests leave open.

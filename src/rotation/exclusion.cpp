@@ -10,13 +10,13 @@
 
 namespace tidalcrest::sync {
 
-bool _rotation_file_is_platform_excluded(const Document& file_info) {
+bool _rotation_file_is_platform_excluded(const FileEntry& file_info) {
   if (!is_runtime_module_kind(artifact_rotation::manifest_file_kind(file_info))) return false;
-  const Document* platform = find_member(file_info, "platform");
-  return platform != nullptr && text::truthy(*platform) && text::str(*platform) != CURRENT_PLATFORM;
+  const Document platform = file_info.value("platform");
+  return text::truthy(platform) && text::str(platform) != CURRENT_PLATFORM;
 }
 
-bool _manifest_file_is_sync_excluded(const Document& file_info) {
+bool _manifest_file_is_sync_excluded(const FileEntry& file_info) {
   return _is_unsupported_runtime_module_file("", file_info) || _rotation_file_is_platform_excluded(file_info);
 }
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/manifest_entries.hpp"
 
 namespace tidalcrest::sync {
 
 /// True only for a runtime module that names a platform other than this one.
-bool _rotation_file_is_platform_excluded(const Document& file_info);
+bool _rotation_file_is_platform_excluded(const FileEntry& file_info);
 /// Files that this client never fetches.
-bool _manifest_file_is_sync_excluded(const Document& file_info);
+bool _manifest_file_is_sync_excluded(const FileEntry& file_info);
 
 }  // namespace tidalcrest::sync

@@ -91,8 +91,8 @@ std::vector<std::string> OnDemandFeatures::_request_feature_files_for_sync_impl(
 }
 
 bool OnDemandFeatures::_is_whole_member(const ActiveView& view, const std::string& path) const {
-  const Document* file_info = view.manifest->file_entry(path);
-  if (file_info == nullptr) return false;
+  const auto file_info = view.manifest->file_entry(path);
+  if (!file_info) return false;
   try {
     const client_manifest::PinnedRoot root(view.data_dir);
     return _with.hash_cache._local_file_matches_manifest(root, path, *file_info);

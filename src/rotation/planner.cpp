@@ -194,9 +194,10 @@ std::vector<std::pair<std::string, Document>> RotationPlanner::_rotation_scoped_
   std::vector<std::pair<std::string, Document>> files;
   for (const auto& artifact : selection.selected_artifacts()) {
     if (existing.contains(artifact->relative_path)) continue;
-    const Document* entry = manifest.file_entry(artifact->relative_path);
-    const bool declared = entry != nullptr && !entry->empty();
-    files.emplace_back(artifact->relative_path, declared ? *entry : entry_of_descriptor(*artifact));
+    const auto entry = manifest.file_entry(artifact->relative_path);
+    const bool declared = entry && !entry->empty();
+    files.emplace_back(artifact->relative_path,
+                       declared ? entry->document() : entry_of_descriptor(*artifact));
   }
   return files;
 }
@@ -244,7 +245,7 @@ void RotationPlanner::_cleanup_inactive_rotation_artifacts(
     if (!keep_paths) {
       std::set<std::string> protected_paths(active_relative_paths.begin(), active_relative_paths.end());
       protected_paths.insert(prefetched.begin(), prefetched.end());
-      keep_paths = artifact_rotation::rotation_cleanup_keep_paths(manifest.files(), protected_paths,
+      keep_paths = artifact_rotation::rotation_cleanup_keep_paths(manifest.entries(), protected_paths,
                                                                   texts_of(METADATA_RELATIVE_PATHS));
     }
     return keep_paths->contains(path);

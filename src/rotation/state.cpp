@@ -32,7 +32,7 @@ std::optional<Document> read_state_payload(const std::string& data_dir) {
 }
 
 bool is_retired_path(const std::string& path, const Manifest& manifest) {
-  return _is_retired_unsupported_runtime_module_path(path) && find_member(manifest.files(), path) == nullptr;
+  return _is_retired_unsupported_runtime_module_path(path) && !manifest.entries().contains(path);
 }
 
 }  // namespace

@@ -37,9 +37,10 @@ std::optional<std::string> read_status_manifest(const std::string& data_dir) {
   }
 }
 
-Document parse_status_manifest(const std::string& bytes) {
+SharedManifest parse_status_manifest(std::string bytes) {
   try {
-    return _parse_full_distribution_manifest_bytes(bytes, STATUS_MANIFEST_LABEL);
+    return _parse_full_distribution_manifest(std::make_shared<const std::string>(std::move(bytes)),
+                                             STATUS_MANIFEST_LABEL);
   } catch (const std::exception& failure) {
     throw_invalid_manifest(failure);
   }
@@ -103,8 +104,8 @@ const char* state_word(const std::optional<RotationState>& state,
 }  // namespace
 
 std::unique_ptr<Manifest> _load_feature_rotation_status_manifest(const std::string& data_dir) {
-  const auto bytes = read_status_manifest(data_dir);
-  return bytes ? std::make_unique<Manifest>(parse_status_manifest(*bytes)) : nullptr;
+  auto bytes = read_status_manifest(data_dir);
+  return bytes ? std::make_unique<Manifest>(parse_status_manifest(*std::move(bytes))) : nullptr;
 }
 
 std::optional<std::int64_t> _rotation_frequency_seconds(const Document& settings_payload) {

@@ -73,6 +73,25 @@ void check_staged_plan(const Manifest& manifest, const std::vector<std::string>&
   }
 }
 
+// The manifest as text and table, and as the document that the other reader makes.
+void check_same_document(const ParsedManifest& parsed, const Document& document) {
+  require(parsed.whole().dump() == document.dump(), "two readers read two manifests");
+  for (const auto& [key, value] : document.get_ref<const Document::object_t&>()) {
+    if (key != "files") require(parsed.head().at(key) == value, "a member differs");
+  }
+  const Document* files = find_member(document, "files");
+  require(parsed.entries().size() == (files != nullptr ? files->size() : 0), "the numbers of entries differ");
+  std::size_t index = 0;
+  for (const auto& [path, entry] : parsed.entries()) {
+    const auto& [expected_path, expected] = *(files->get_ref<const Document::object_t&>().begin() + index++);
+    require(path == expected_path && entry.document().dump() == expected.dump(), "an entry differs");
+    require(parsed.entries().contains(path), "an entry is not found");
+    for (const auto& [key, value] : expected.get_ref<const Document::object_t&>())
+      require(entry.value(key) == value && entry.text(key).has_value() == value.is_string(),
+              "a member differs");
+  }
+}
+
 }  // namespace
 
 void feed_manifest(std::string_view bytes) {
@@ -80,7 +99,10 @@ void feed_manifest(std::string_view bytes) {
   if (const auto plain = text::is_valid_utf8(bytes) ? read_plain_json(bytes) : std::nullopt) {
     require(plain->dump() == Document::parse(bytes).dump(), "two readers read two documents");
   }
-  const Manifest manifest(_parse_full_distribution_manifest_bytes(bytes, "fuzzed manifest"));
+  const auto text = std::make_shared<const std::string>(bytes);
+  const auto parsed = _parse_full_distribution_manifest(text, "fuzzed manifest");
+  check_same_document(*parsed, _parse_full_distribution_manifest_bytes(bytes, "fuzzed manifest"));
+  const Manifest manifest(parsed);
   check_declared_files(manifest);
   _require_manifest_market_identity(manifest, 1, "fuzzed manifest");
   const FeaturePaths paths(manifest);

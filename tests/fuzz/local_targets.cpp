@@ -59,7 +59,7 @@ void feed_selector(const std::string& bytes) {
   static SelectedBytes selected;
   selected.select(bytes);
   const auto selection = local_cohort::load_active_cohort(selected.data_dir(), /*required=*/false);
-  require(selection != nullptr && selection->manifest_bytes == bytes, "not the selected cohort is loaded");
+  require(selection != nullptr && *selection->manifest_bytes == bytes, "not the selected cohort is loaded");
 }
 
 }  // namespace

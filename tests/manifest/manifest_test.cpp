@@ -43,8 +43,8 @@ TEST(Manifest, GivesAttributesAsTheDocumentHasThem) {
   EXPECT_TRUE(manifest.version().is_null());
   EXPECT_EQ(manifest.pnl_column_count(), 0);
   EXPECT_TRUE(manifest.market_id().is_null());
-  EXPECT_NE(manifest.file_entry("a"), nullptr);
-  EXPECT_EQ(manifest.file_entry("b"), nullptr);
+  EXPECT_TRUE(manifest.file_entry("a").has_value());
+  EXPECT_FALSE(manifest.file_entry("b").has_value());
   EXPECT_EQ(manifest.membership(), nullptr);
   EXPECT_TRUE(Manifest(parse_json(R"({"era_number": 0})")).files().is_object());
 }

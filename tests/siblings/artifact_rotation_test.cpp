@@ -17,7 +17,7 @@ Artifact feature(const std::string& path, std::int64_t size = 10, const Document
 
 Artifact file(const std::string& path, std::int64_t size = 10) {
   return std::make_shared<const ArtifactDescriptor>(artifact_descriptor_from_manifest_file(
-      path, {{"kind", "vocabulary"}, {"size_bytes", size}}, FEATURE_ARTIFACT_KINDS()));
+      path, Document{{"kind", "vocabulary"}, {"size_bytes", size}}, FEATURE_ARTIFACT_KINDS()));
 }
 
 Artifacts features(int count, std::int64_t size = 10) {

@@ -53,9 +53,9 @@ TEST_F(LocalCohortTest, PublishesAndReadsBackTheExactBytes) {
   const auto published = publish_manifest(dir.path() + "/", bytes);
   EXPECT_EQ(published->base_dir, dir.path());
   EXPECT_EQ(published->root_dir, root);
-  EXPECT_EQ(published->manifest_bytes, bytes);
+  EXPECT_EQ(*published->manifest_bytes, bytes);
   EXPECT_THAT(published->members.active_relative_paths, ElementsAre("m/a.bin", "snapshot"));
-  EXPECT_EQ(published->manifest->at("version"), 1);
+  EXPECT_EQ(published->manifest->head().at("version"), 1);
   EXPECT_EQ(published->members.find("m/a.bin")->size_bytes, 5);
   EXPECT_EQ(dir.read("manifest.json"), bytes);
   EXPECT_EQ(load_active_cohort(dir.path(), true), published);  // the same bytes are not parsed again
@@ -205,7 +205,7 @@ TEST_F(LocalCohortTest, AFailureBeforeTheRenameKeepsTheOldSelection) {
     let_fail();
     EXPECT_THROW(publish_manifest(dir.path(), manifest(2)), OSError);
     disk_calls() = DiskCalls::real();
-    EXPECT_EQ(load_active_cohort(dir.path(), true)->manifest_bytes, manifest(1));
+    EXPECT_EQ(*load_active_cohort(dir.path(), true)->manifest_bytes, manifest(1));
   }
   for (const auto& file : testing::files_below(dir)) EXPECT_FALSE(file.ends_with(".tmp")) << file;
 }
@@ -219,7 +219,7 @@ TEST_F(LocalCohortTest, AFailureAfterTheRenameIsLogged) {
   };
   disk_calls().flush_file = [&](int) { return moved ? (errno = EIO, -1) : 0; };
   const testing::LogCapture log;
-  EXPECT_EQ(publish_manifest(dir.path(), manifest(1))->manifest_bytes, manifest(1));
+  EXPECT_EQ(*publish_manifest(dir.path(), manifest(1))->manifest_bytes, manifest(1));
   EXPECT_THAT(log.lines(LogLevel::warning),
               ElementsAre(HasSubstr("could not be flushed: Input/output error")));
 }
@@ -234,9 +234,9 @@ TEST_F(LocalCohortTest, APinShowsOneGenerationAndLocksIt) {
     const Pin another = pin_active_cohort(dir.path());
     stage(manifest(2));
     publish_manifest(dir.path(), manifest(2));
-    EXPECT_EQ(pin.selection->manifest_bytes, manifest(1));
+    EXPECT_EQ(*pin.selection->manifest_bytes, manifest(1));
     EXPECT_EQ(pin.root.read_regular_file("m/a.bin", "member"), "bytes");
-    EXPECT_EQ(pin_active_cohort(dir.path()).selection->manifest_bytes, manifest(2));
+    EXPECT_EQ(*pin_active_cohort(dir.path()).selection->manifest_bytes, manifest(2));
   }
   EXPECT_EQ(::flock(collector.descriptor(), LOCK_EX | LOCK_NB), 0);
 }
@@ -251,7 +251,7 @@ TEST_F(LocalCohortTest, APinFollowsASelectorThatMovesWhileItIsTaken) {
     return DiskCalls::real().lock(descriptor, operation);
   };
   const Pin pin = pin_active_cohort(dir.path());
-  EXPECT_EQ(pin.selection->manifest_bytes, manifest(2));
+  EXPECT_EQ(*pin.selection->manifest_bytes, manifest(2));
   EXPECT_EQ(pin.root.path(), pin.selection->root_dir);
 }
 

@@ -5,10 +5,14 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "tidalcrest/sync/document.hpp"
+#include "tidalcrest/sync/manifest_entries.hpp"
 
 namespace tidalcrest::sync {
+
+class ParsedManifest;
 
 /// The three membership sections, which are present or absent together. Immutable once shared.
 struct MembershipSections {
@@ -19,14 +23,14 @@ struct MembershipSections {
 
 /// In-memory representation of the server manifest.
 ///
-/// Holds the sanitised document and is treated as immutable by everything but the one installation of the
+/// Holds the sanitised manifest and is treated as immutable by everything but the one installation of the
 /// membership sections after a signals index has been validated. Reading is thread-safe, also beside that
 /// installation.
 class Manifest {
  public:
   /// Sanitises and validates. Throws `ManifestError`.
   explicit Manifest(Document data);
-  explicit Manifest(std::shared_ptr<const Document> data);
+  explicit Manifest(std::shared_ptr<const ParsedManifest> data);
   static Manifest from_dict(Document data) { return Manifest(std::move(data)); }
   Manifest(const Manifest&) = delete;
   Manifest& operator=(const Manifest&) = delete;
@@ -36,8 +40,16 @@ class Manifest {
   /// `found_signal_count`, or without any of these keys. Throws `ManifestError`.
   Document to_dict() const;
 
-  /// The sanitised document.
-  const Document& data() const noexcept { return *_data; }
+  /// The sanitised document. For a large manifest its making, when it is asked for the first time, takes as
+  /// long as reading the manifest did, and several times the memory: `entries` and `head` need neither.
+  const Document& data() const;
+  /// `files` of `data`; an empty object when it is missing.
+  const Document& files() const;
+  /// The `files` without a document of them.
+  const ManifestEntries& entries() const noexcept;
+  /// The members of the document, in general without `files`.
+  const Document& head() const noexcept;
+  const ParsedManifest& parsed() const noexcept { return *_data; }
   /// As in the document, not converted; 0 when missing (`version`, `pnl_column_count`), null when missing
   /// (`market_id`, `functions`, `signals_index`, and the string attributes).
   const Document& era_number() const noexcept { return _attribute("era_number", ZERO); }
@@ -48,13 +60,12 @@ class Manifest {
     return _attribute("shuffle_key_generation", NONE);
   }
   const Document& shuffle_key_source() const noexcept { return _attribute("shuffle_key_source", NONE); }
-  const Document& files() const noexcept { return _attribute("files", EMPTY); }
   const Document& pnl_column_count() const noexcept { return _attribute("pnl_column_count", ZERO); }
   const Document& signals_index() const noexcept { return _attribute("signals_index", NONE); }
   const Document& functions() const noexcept { return _attribute("functions", NONE); }
 
-  /// The entry of one path when it is an object, else null.
-  const Document* file_entry(const std::string& path) const noexcept;
+  /// The entry of one path when it is an object.
+  std::optional<FileEntry> file_entry(std::string_view path) const noexcept;
 
   /// Null until the document or a validated signals index gave them.
   std::shared_ptr<const MembershipSections> membership() const;
@@ -67,7 +78,7 @@ class Manifest {
   static const Document& EMPTY;
   const Document& _attribute(const char* key, const Document& missing) const noexcept;
 
-  std::shared_ptr<const Document> _data;
+  std::shared_ptr<const ParsedManifest> _data;
   mutable std::mutex _membership_mutex;  // guards `_membership`; a leaf, held for the copy of one pointer
   mutable std::shared_ptr<const MembershipSections> _membership;
 };

@@ -20,19 +20,14 @@ namespace {
 
 using Visit = std::function<void(const std::string& path)>;
 
-std::string declared_path(const Document& manifest) {
+std::string declared_path(const ParsedManifest& manifest) {
   auto path = validate_signals_index_manifest_declaration(manifest);
   if (!path) throw ValueError("manifest declares no signals_index");
   return *std::move(path);
 }
 
-const Document* manifest_entry(const Document& manifest, const std::string& path) {
-  const Document* files = find_member(manifest, "files");
-  return files == nullptr ? nullptr : find_member(*files, path);
-}
-
 // The first two checks prove the bytes; only their texts hold the phrases that stand for a damaged transfer.
-void check_bytes(const Document& entry, const std::string& path, std::string_view body) {
+void check_bytes(const FileEntry& entry, const std::string& path, std::string_view body) {
   const auto [size_known, expected_size] = manifest_file_size(entry);
   if (!size_known)
     throw ValueError(fmt::format("manifest files[{}].size_bytes is required", text::repr(path)));
@@ -40,14 +35,14 @@ void check_bytes(const Document& entry, const std::string& path, std::string_vie
     throw ValueError(fmt::format("signals_index sidecar size mismatch: expected {} bytes, got {}",
                                  expected_size, body.size()));
   }
-  const Document* sha256 = find_member(entry, "sha256");
-  if (sha256 == nullptr || !sha256->is_string()) {
+  const auto sha256 = entry.text("sha256");
+  if (!sha256) {
     throw ValueError(fmt::format("manifest files[{}].sha256 is required", text::repr(path)));
   }
   const std::string actual = sha256_hex(body);
   if (*sha256 != actual) {
-    throw ValueError(fmt::format("signals_index sidecar sha256 mismatch: expected {}, got {}",
-                                 sha256->get_ref<const std::string&>(), actual));
+    throw ValueError(
+        fmt::format("signals_index sidecar sha256 mismatch: expected {}, got {}", *sha256, actual));
   }
 }
 
@@ -113,10 +108,10 @@ Visit valid_path_of(const std::string& section) {
   };
 }
 
-Visit known_path_of(const std::string& section, const Document& manifest) {
-  return [section, valid = valid_path_of(section), &manifest](const std::string& path) {
+Visit known_path_of(const std::string& section, const ManifestEntries& entries) {
+  return [section, valid = valid_path_of(section), &entries](const std::string& path) {
     valid(path);
-    if (manifest_entry(manifest, path) == nullptr && !_is_retired_found_pnl_long_file(path)) {
+    if (!entries.contains(path) && !_is_retired_found_pnl_long_file(path)) {
       throw ValueError(
           fmt::format("signals_index {} lists {}, which the manifest does not", section, text::repr(path)));
     }
@@ -125,28 +120,28 @@ Visit known_path_of(const std::string& section, const Document& manifest) {
 
 }  // namespace
 
-AcceptedSet validate_accepted_distribution_set(const Document& manifest, std::string_view body) {
+AcceptedSet validate_accepted_distribution_set(const ParsedManifest& manifest, std::string_view body) {
   const std::string path = declared_path(manifest);
-  const Document* entry = manifest_entry(manifest, path);
-  if (entry == nullptr) throw ValueError(fmt::format("manifest files has no entry for {}", text::repr(path)));
+  const auto entry = manifest.entries().find(path);
+  if (!entry) throw ValueError(fmt::format("manifest files has no entry for {}", text::repr(path)));
   check_bytes(*entry, path, body);
   Document index = parse_index(body);
-  check_identity(index, manifest, "era_number");
-  check_identity(index, manifest, "market_id");
-  for_each_member(index, "found_signals", known_path_of("found_signals", manifest));
-  for_each_member(index, "found_strategies", known_path_of("found_strategies", manifest));
+  check_identity(index, manifest.head(), "era_number");
+  check_identity(index, manifest.head(), "market_id");
+  for_each_member(index, "found_signals", known_path_of("found_signals", manifest.entries()));
+  for_each_member(index, "found_strategies", known_path_of("found_strategies", manifest.entries()));
   for_each_member(index, "useful_signals", valid_path_of("useful_signals"));
   return {std::move(index)};
 }
 
-AcceptedSet load_accepted_distribution_set(const std::string& data_dir, const Document& manifest) {
+AcceptedSet load_accepted_distribution_set(const std::string& data_dir, const ParsedManifest& manifest) {
   const std::string sidecar_path = declared_path(manifest);
   const PinnedRoot root(data_dir);
   AcceptedSet accepted = validate_accepted_distribution_set(
       manifest, root.read_regular_file(sidecar_path, "signals_index sidecar"));
   const Visit require_member = [&](const std::string& path) {
-    const Document* entry = manifest_entry(manifest, path);
-    if (entry == nullptr || _manifest_file_is_sync_excluded(*entry)) return;
+    const auto entry = manifest.entries().find(path);
+    if (!entry || _manifest_file_is_sync_excluded(*entry)) return;
     root.stat_regular_file(path, "accepted set member");
   };
   for_each_member(accepted.signals_index_document, "found_signals", require_member);

@@ -57,16 +57,14 @@ StatusAccounting rotation_status_accounting(const std::vector<std::string>& acti
   return accounting;
 }
 
-std::set<std::string> rotation_cleanup_keep_paths(const Document& files,
+std::set<std::string> rotation_cleanup_keep_paths(const ManifestEntries& entries,
                                                   const std::set<std::string>& protected_paths,
                                                   const std::vector<std::string>& metadata_relative_paths) {
   std::set<std::string> keep = protected_paths;
   keep.insert(metadata_relative_paths.begin(), metadata_relative_paths.end());
-  if (!files.is_object()) return keep;
-  for (const auto& [path, file_info] : files.get_ref<const Document::object_t&>()) {
-    const bool feature = FEATURE_ARTIFACT_KINDS().contains(manifest_file_kind(file_info));
-    const Document* mandatory = find_member(file_info, "mandatory");
-    if (!feature || (mandatory != nullptr && *mandatory == true)) keep.insert(path);
+  for (const auto& [path, file_info] : entries) {
+    const bool feature = FEATURE_ARTIFACT_KINDS().contains(std::string(manifest_file_kind(file_info)));
+    if (!feature || file_info.value("mandatory") == true) keep.emplace(path);
   }
   return keep;
 }

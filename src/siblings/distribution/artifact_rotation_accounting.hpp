@@ -12,7 +12,7 @@ namespace tidalcrest::sync::artifact_rotation {
 
 /// What a sweep must spare: the metadata files, the protected paths, and every manifest file that rotation
 /// does not choose (no feature artifact, or a mandatory one).
-std::set<std::string> rotation_cleanup_keep_paths(const Document& files,
+std::set<std::string> rotation_cleanup_keep_paths(const ManifestEntries& entries,
                                                   const std::set<std::string>& protected_paths,
                                                   const std::vector<std::string>& metadata_relative_paths);
 

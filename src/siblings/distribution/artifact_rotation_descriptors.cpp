@@ -2,7 +2,6 @@
 
 #include <string_view>
 
-#include "host/json.hpp"
 #include "host/never_destroyed.hpp"
 #include "siblings/distribution/sync_progress.hpp"
 #include "siblings/era_config/epoch_name.hpp"
@@ -10,10 +9,8 @@
 namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
-const std::string& text_member(const Document& file_info, const char* key) {
-  static const auto& none = never_destroyed<const std::string>();
-  const Document* value = find_member(file_info, key);
-  return value != nullptr && value->is_string() ? value->get_ref<const std::string&>() : none;
+std::string_view text_member(const FileEntry& file_info, std::string_view key) {
+  return file_info.text(key).value_or(std::string_view());
 }
 
 std::string_view file_stem(std::string_view path) {
@@ -36,9 +33,9 @@ FamilyNames family_names_from_stem(std::string_view stem) {
   return names.family.empty() || names.subfamily.empty() ? FamilyNames{} : names;
 }
 
-bool is_mandatory(const Document& file_info, const std::string& artifact_kind) {
-  const Document* own = find_member(file_info, "mandatory");
-  return own != nullptr && own->is_boolean() ? own->get<bool>() : artifact_kind != "feature";
+bool is_mandatory(const FileEntry& file_info, const std::string& artifact_kind) {
+  const Document own = file_info.value("mandatory");
+  return own.is_boolean() ? own.get<bool>() : artifact_kind != "feature";
 }
 
 }  // namespace
@@ -48,10 +45,10 @@ const std::set<std::string>& FEATURE_ARTIFACT_KINDS() {
   return kinds;
 }
 
-const std::string& manifest_file_kind(const Document& file_info) { return text_member(file_info, "kind"); }
+std::string_view manifest_file_kind(const FileEntry& file_info) { return text_member(file_info, "kind"); }
 
-ArtifactDescriptor artifact_descriptor_from_manifest_file(const std::string& file_path,
-                                                          const Document& file_info,
+ArtifactDescriptor artifact_descriptor_from_manifest_file(std::string_view file_path,
+                                                          const FileEntry& file_info,
                                                           const std::set<std::string>& feature_kinds) {
   ArtifactDescriptor artifact;
   artifact.relative_path = file_path;
@@ -78,7 +75,7 @@ bool serves_named_universe(const ArtifactDescriptor& artifact, const std::string
          own == epoch_value(EpochName::STRATEGY_IS);
 }
 
-std::optional<std::string> vocabulary_named_universe_from_path(const std::string& relative_path) {
+std::optional<std::string> vocabulary_named_universe_from_path(std::string_view relative_path) {
   static constexpr std::string_view prefix = "named_universes/";
   static constexpr std::string_view suffix = "/vocabulary.json";
   std::string_view universe = relative_path;

@@ -42,14 +42,16 @@ ParsedSelections& parsed_selections() {
   return selections;
 }
 
+using SharedText = std::shared_ptr<const std::string>;
+
 [[noreturn]] void refuse(const std::string& root_dir, const std::string& reason) {
   throw LocalCohortError(fmt::format("local cohort generation {} is not complete: {}", root_dir, reason));
 }
 
-std::shared_ptr<const Document> parse_manifest(const std::string& manifest_bytes, const std::string& sha256,
-                                               const std::string& root_dir) {
+SharedManifest parse_manifest(const SharedText& manifest_bytes, const std::string& sha256,
+                              const std::string& root_dir) {
   try {
-    return client_manifest::shared_manifest_document(manifest_bytes, sha256, "local cohort manifest.json");
+    return client_manifest::shared_manifest(manifest_bytes, sha256, "local cohort manifest.json");
   } catch (const ManifestJsonError&) {
     throw;
   } catch (const ValueError& failure) {
@@ -107,29 +109,31 @@ CompletedMembers parse_completion(std::string completion_bytes, const std::strin
 }
 
 // `known` is a selection of the same bytes, or null.
-LoadedGeneration read_generation(const PinnedRoot& base, std::string manifest_bytes,
+LoadedGeneration read_generation(const PinnedRoot& base, SharedText manifest_bytes,
                                  const std::string& relative_root,
                                  const std::shared_ptr<const Selection>& known) {
   const std::string root_dir = base.display_path(relative_root);
   const std::string sha256 = relative_root.substr(relative_root.rfind('/') + 1);
-  std::shared_ptr<const Document> manifest;
+  SharedManifest manifest;
   std::optional<GenerationFiles> files;
   CompletedMembers members;
   const auto parse_the_manifest = [&] { manifest = parse_manifest(manifest_bytes, sha256, root_dir); };
   const auto read_the_record = [&] {
     files.emplace(look_at_generation(
-        root_dir, [&] { return read_generation_files(base, relative_root, manifest_bytes); }));
+        root_dir, [&] { return read_generation_files(base, relative_root, *manifest_bytes); }));
     if (!files->has_its_manifest) refuse(root_dir, "its manifest file does not hold the bytes that name it");
     const bool same_record = known && *known->members.record == files->completion_bytes;
     members = same_record ? known->members
                           : parse_completion(std::move(files->completion_bytes), root_dir, sha256,
-                                             manifest_bytes.size());
+                                             manifest_bytes->size());
   };
   // Of two failures the manifest's is told, as if the parts followed each other.
-  const std::size_t workers = !known && manifest_bytes.size() >= WORTH_A_THREAD_BYTES ? 2 : 1;
+  const std::size_t workers = !known && manifest_bytes->size() >= WORTH_A_THREAD_BYTES ? 2 : 1;
   parallel_in_order(2, workers,
                     [&](std::size_t part) { part == 0 ? parse_the_manifest() : read_the_record(); });
 
+  // One memory for the text, wherever it came from.
+  if (manifest->text()) manifest_bytes = manifest->text();
   auto selection = std::make_shared<const Selection>(
       Selection{base.path(), root_dir, std::move(manifest_bytes), std::move(manifest), std::move(members),
                 files->manifest_stat, files->completion_stat});
@@ -145,9 +149,10 @@ std::shared_ptr<const Selection> living_selection(const PinnedRoot& base) {
 
 LoadedGeneration load_generation(const PinnedRoot& base, std::string manifest_bytes) {
   auto known = living_selection(base);
-  if (known && known->manifest_bytes == manifest_bytes) return reload_generation(base, std::move(known));
+  if (known && *known->manifest_bytes == manifest_bytes) return reload_generation(base, std::move(known));
   const std::string relative_root = generation_relative_root(manifest_bytes);
-  return read_generation(base, std::move(manifest_bytes), relative_root, nullptr);
+  return read_generation(base, std::make_shared<const std::string>(std::move(manifest_bytes)), relative_root,
+                         nullptr);
 }
 
 LoadedGeneration reload_generation(const PinnedRoot& base, std::shared_ptr<const Selection> known) {

@@ -9,7 +9,6 @@
 
 #include "host/digest.hpp"
 #include "host/failures.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "siblings/distribution/contained_open.hpp"
 #include "siblings/distribution/disk_calls.hpp"
@@ -63,7 +62,7 @@ auto look_at_selector(const Look& look) {
 std::optional<LoadedGeneration> load_selected_generation(const PinnedRoot& base) {
   auto known = living_selection(base);
   const auto names_the_known = [&] {
-    return known && base.holds_exactly(SELECTOR_FILE, known->manifest_bytes, SELECTOR_LABEL);
+    return known && base.holds_exactly(SELECTOR_FILE, *known->manifest_bytes, SELECTOR_LABEL);
   };
   if (look_at_selector(names_the_known)) return reload_generation(base, std::move(known));
   auto manifest_bytes =
@@ -85,13 +84,10 @@ std::optional<Pin> try_pin(const PinnedRoot& base) {
   return Pin(std::move(generation->selection), std::move(generation->root));
 }
 
-const std::string* declared_sha256(const Document& manifest, const std::string& path) {
-  const Document* files = find_member(manifest, "files");
-  const Document* entry = files != nullptr ? find_member(*files, path) : nullptr;
-  const Document* sha256 = entry != nullptr ? find_member(*entry, "sha256") : nullptr;
-  if (sha256 == nullptr || !sha256->is_string() || sha256->get_ref<const std::string&>().empty())
-    return nullptr;
-  return &sha256->get_ref<const std::string&>();
+// Empty when the manifest declares none.
+std::string_view declared_sha256(const ParsedManifest& manifest, std::string_view path) {
+  const auto entry = manifest.entries().find(path);
+  return entry ? entry->text("sha256").value_or(std::string_view()) : std::string_view();
 }
 
 void require_sha256(const std::string& label, const std::string& path, std::string_view expected,
@@ -204,9 +200,8 @@ void Pin::verify_manifest_file_identity(const std::string& path, const std::stri
                                  expected->size_bytes, measured.size_bytes));
   }
   require_sha256(label, path, expected->sha256, measured.sha256);
-  if (const auto* declared = declared_sha256(*selection->manifest, path)) {
-    require_sha256(label, path, *declared, measured.sha256);
-  }
+  const std::string_view declared = declared_sha256(*selection->manifest, path);
+  if (!declared.empty()) require_sha256(label, path, declared, measured.sha256);
 }
 
 Pin pin_active_cohort(const std::string& data_dir) {

@@ -8,6 +8,7 @@
 
 #include "siblings/distribution/cohort_layout.hpp"
 #include "siblings/distribution/completion_record.hpp"
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "siblings/distribution/pinned_root.hpp"
 #include "tidalcrest/sync/document.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -27,10 +28,10 @@ namespace tidalcrest::sync::local_cohort {
 
 /// One selected, complete generation. Immutable; shared by pointer to const.
 struct Selection {
-  std::string base_dir;                      ///< the data directory, absolute
-  std::string root_dir;                      ///< the generation root, absolute
-  std::string manifest_bytes;                ///< the exact served bytes
-  std::shared_ptr<const Document> manifest;  ///< the parsed manifest bytes
+  std::string base_dir;                               ///< the data directory, absolute
+  std::string root_dir;                               ///< the generation root, absolute
+  std::shared_ptr<const std::string> manifest_bytes;  ///< the exact served bytes; never null
+  SharedManifest manifest;                            ///< the parsed manifest bytes
   CompletedMembers members;  ///< `active_relative_paths` and `artifact_identities` of the completion record
   client_manifest::FileStat manifest_stat;    ///< of the manifest file that was read
   client_manifest::FileStat completion_stat;  ///< of the record that was read

@@ -135,11 +135,7 @@ class DirectoryPrefixes {
   std::size_t _longest = 0;  // of any directory, with its slash
 };
 
-void validate_files(const Document& files, const std::string& label) {
-  if (!files.is_object()) {
-    throw ValueError(fmt::format("{} files must be a JSON object, got {}", label, text::type_name(files)));
-  }
-  const auto& entries = files.get_ref<const Document::object_t&>();
+void validate_entries(const ManifestEntries& entries, const std::string& label) {
   DirectoryPrefixes directories;
   for (const auto& [path, entry] : entries) {
     try {
@@ -151,7 +147,7 @@ void validate_files(const Document& files, const std::string& label) {
     }
     if (!entry.is_object()) {
       throw ValueError(fmt::format("{} files[{}] must be a JSON object, got {}", label, text::repr(path),
-                                   text::type_name(entry)));
+                                   text::type_name(entry.document())));
     }
     directories.add_parents_of(path);
   }
@@ -161,6 +157,19 @@ void validate_files(const Document& files, const std::string& label) {
           fmt::format("{} files has a path that is also a directory: {}", label, text::repr(path)));
     }
   }
+}
+
+void validate_files(const Document& files, const std::string& label) {
+  if (!files.is_object()) {
+    throw ValueError(fmt::format("{} files must be a JSON object, got {}", label, text::type_name(files)));
+  }
+  validate_entries(ManifestEntries(files), label);
+}
+
+void require_size(std::string_view body, const std::string& label) {
+  if (body.size() <= MANIFEST_BYTES_LIMIT) return;
+  throw ValueError(
+      fmt::format("{} is too large: {} bytes, at most {}", label, body.size(), MANIFEST_BYTES_LIMIT));
 }
 
 Document parse_document(std::string_view body, const std::string& label) {
@@ -174,14 +183,21 @@ Document parse_document(std::string_view body, const std::string& label) {
 }  // namespace
 
 Document parse_distribution_manifest_bytes(std::string_view body, const std::string& label) {
-  if (body.size() > MANIFEST_BYTES_LIMIT) {
-    throw ValueError(
-        fmt::format("{} is too large: {} bytes, at most {}", label, body.size(), MANIFEST_BYTES_LIMIT));
-  }
+  require_size(body, label);
   Document document = parse_document(body, label);
   if (!document.is_object()) throw ValueError(fmt::format("{} must contain a JSON object", label));
   if (const Document* files = find_member(document, "files")) validate_files(*files, label);
   return document;
+}
+
+SharedManifest parse_distribution_manifest(std::shared_ptr<const std::string> body,
+                                           const std::string& label) {
+  require_size(*body, label);
+  auto manifest = text::is_valid_utf8(*body) ? ParsedManifest::of_plain_text(body) : nullptr;
+  if (!manifest)
+    return std::make_shared<const ParsedManifest>(parse_distribution_manifest_bytes(*body, label));
+  validate_entries(manifest->entries(), label);
+  return manifest;
 }
 
 void check_manifest_relative_path(std::string_view path) { validate_path(path); }
@@ -198,8 +214,8 @@ std::string validate_manifest_relative_path(const Document& path) {
   return validate_manifest_relative_path(path.get_ref<const std::string&>());
 }
 
-std::optional<std::string> validate_signals_index_manifest_declaration(const Document& manifest) {
-  const Document* declaration = find_member(manifest, "signals_index");
+std::optional<std::string> validate_signals_index_manifest_declaration(const ParsedManifest& manifest) {
+  const Document* declaration = find_member(manifest.head(), "signals_index");
   if (declaration == nullptr || declaration->is_null()) return std::nullopt;
   if (!declaration->is_object()) {
     throw TypeError(
@@ -219,11 +235,8 @@ std::optional<std::string> validate_signals_index_manifest_declaration(const Doc
     throw ValueError(fmt::format("manifest signals_index.schema_version must be 1, got {}",
                                  schema == nullptr ? "None" : text::repr(*schema)));
   }
-  const Document* files = find_member(manifest, "files");
-  const Document* entry = files == nullptr ? nullptr : find_member(*files, relative_path);
-  if (entry == nullptr) return relative_path;
-  const Document* kind = find_member(*entry, "kind");
-  if (kind == nullptr || *kind != "signals_index") {
+  const auto entry = manifest.entries().find(relative_path);
+  if (entry && entry->text("kind") != "signals_index") {
     throw ValueError(fmt::format("manifest files[{}].kind must be signals_index", text::repr(relative_path)));
   }
   return relative_path;

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "tidalcrest/sync/document.hpp"
 
 namespace tidalcrest::sync::client_manifest {
@@ -13,6 +15,8 @@ namespace tidalcrest::sync::client_manifest {
 /// `ManifestJsonError` for corrupt JSON, `ValueError` for a wrong shape; every text names the label. Linear
 /// in the number of bytes.
 Document parse_distribution_manifest_bytes(std::string_view body, const std::string& label);
+/// The same, kept as its text where that is plain.
+SharedManifest parse_distribution_manifest(std::shared_ptr<const std::string> body, const std::string& label);
 
 /// The path itself when it obeys the manifest path rule; `ValueError` saying which rule broke otherwise.
 const std::string& validate_manifest_relative_path(const std::string& path);
@@ -21,6 +25,6 @@ void check_manifest_relative_path(std::string_view path);
 std::string validate_manifest_relative_path(const Document& path);
 
 /// The sidecar's relative path, or absent when the manifest declares none. `TypeError` or `ValueError`.
-std::optional<std::string> validate_signals_index_manifest_declaration(const Document& manifest);
+std::optional<std::string> validate_signals_index_manifest_declaration(const ParsedManifest& manifest);
 
 }  // namespace tidalcrest::sync::client_manifest

@@ -54,14 +54,13 @@ void require_known_generation(const Document& generation) {
 }
 
 ManifestFacts read_facts(std::string_view manifest_bytes, std::string manifest_sha256) {
-  std::shared_ptr<const Document> document;
+  SharedManifest parsed;
   try {
-    document =
-        client_manifest::shared_manifest_document(manifest_bytes, manifest_sha256, "shuffle seed manifest");
+    parsed = client_manifest::shared_manifest(manifest_bytes, manifest_sha256, "shuffle seed manifest");
   } catch (const ValueError& failure) {
     throw ShuffleSeedStateError(failure.what());
   }
-  const Document& manifest = *document;
+  const Document& manifest = parsed->head();
   ManifestFacts facts{std::move(manifest_sha256), true_integer(manifest, "market_id"),
                       true_integer(manifest, "era_number"), value_or_null(manifest, "shuffle_key_generation"),
                       value_or_null(manifest, "shuffle_key_source")};

@@ -47,7 +47,7 @@ std::string last_segment(const std::string& relative_path) {
 const std::string& CURRENT_PLATFORM =
     never_destroyed<const std::string>(std::string(SYSTEM_TAG) + "_" + MACHINE_TAG);
 
-bool is_runtime_module_kind(const std::string& kind) { return kind == SUPPORTED_RUNTIME_MODULE_KIND; }
+bool is_runtime_module_kind(std::string_view kind) { return kind == SUPPORTED_RUNTIME_MODULE_KIND; }
 
 std::optional<std::string> runtime_module_name_from_kind(const std::string& kind,
                                                          const std::string& relative_path) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tidalcrest/sync/document.hpp"
@@ -14,7 +15,7 @@ extern const std::string& CURRENT_PLATFORM;
 inline constexpr const char* RUNTIME_MODULE_KIND_SUFFIX = "_module";
 
 /// Whether a kind names a runtime module that is supported; the one supported kind is "vault_module".
-bool is_runtime_module_kind(const std::string& kind);
+bool is_runtime_module_kind(std::string_view kind);
 /// Module name of a runtime extension source, absent for any other file.
 std::optional<std::string> runtime_module_name_from_kind(const std::string& kind,
                                                          const std::string& relative_path);

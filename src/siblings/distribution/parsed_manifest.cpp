@@ -1,0 +1,48 @@
+#include "siblings/distribution/parsed_manifest.hpp"
+
+#include <utility>
+
+#include "host/json.hpp"
+
+namespace tidalcrest::sync {
+
+ParsedManifest::ParsedManifest(std::shared_ptr<const Document> whole)
+    : _whole(std::move(whole)), _table(nullptr) {
+  const Document* files = find_member(*_whole, "files");
+  if (files == nullptr) return;
+  _entries = ManifestEntries(*files);
+  _has_files = true;
+}
+
+ParsedManifest::ParsedManifest(std::shared_ptr<const std::string> text)
+    : _text(std::move(text)), _table(_text) {}
+
+SharedManifest ParsedManifest::of_plain_text(std::shared_ptr<const std::string> text) {
+  const std::shared_ptr<ParsedManifest> manifest(new ParsedManifest(std::move(text)));
+  return manifest->_read_plain_text() ? manifest : nullptr;
+}
+
+bool ParsedManifest::_read_plain_text() {
+  constexpr int ROOT_DEPTH = 1;
+  PlainJsonReader reader(*_text);
+  if (reader.next() != '{') return false;
+  auto& head = _head.get_ref<Document::object_t&>();
+  const bool plain = reader.members([&](std::string_view name) {
+    if (name == "files") {
+      if (std::exchange(_has_files, true) || reader.next() != '{') return false;
+      return _table.read(reader);
+    }
+    const auto [member, fresh] = head.emplace(name);
+    return fresh && reader.value(member->second, ROOT_DEPTH);
+  });
+  if (_has_files) _entries = ManifestEntries(_table);
+  return plain && reader.at_end();
+}
+
+const Document& ParsedManifest::whole() const {
+  if (_whole) return *_whole;
+  std::call_once(_whole_asked, [this] { _whole_of_text = parse_strict_json(*_text); });
+  return _whole_of_text;
+}
+
+}  // namespace tidalcrest::sync
