@@ -73,7 +73,7 @@ FoundPnlSortKey _found_pnl_sort_key(std::int64_t mtime_ns, const std::string& re
 
 std::optional<std::string> _manifest_signals_index_path(const Manifest& manifest) {
   return as_manifest_error(
-      [&] { return client_manifest::validate_signals_index_manifest_declaration(manifest.parsed()); });
+      [&] { return client_manifest::validate_signals_index_manifest_declaration(*manifest.parsed()); });
 }
 
 void _apply_manifest_signals_index(const Manifest& manifest, Document index_data) {
@@ -101,7 +101,7 @@ void _apply_signal_result_counts(SyncResult& result, const Manifest& manifest,
 
 Document _validate_signals_index_bytes(std::string_view body, const Manifest& manifest) {
   client_manifest::AcceptedSet accepted = as_manifest_error(
-      [&] { return client_manifest::validate_accepted_distribution_set(manifest.parsed(), body); });
+      [&] { return client_manifest::validate_accepted_distribution_set(*manifest.parsed(), body); });
   _apply_manifest_signals_index(manifest, accepted.signals_index_document);
   return std::move(accepted.signals_index_document);
 }
@@ -126,7 +126,7 @@ bool _load_manifest_signals_index(const std::string& data_dir, const Manifest& m
   const std::string rel_path = _manifest_signals_index_path(manifest).value_or("None");
   client_manifest::AcceptedSet loaded = wrap_unusable("Unable to load authenticated accepted set", [&] {
     try {
-      return client_manifest::load_accepted_distribution_set(data_dir, manifest.parsed());
+      return client_manifest::load_accepted_distribution_set(data_dir, *manifest.parsed());
     } catch (const FileNotFoundError&) {
       throw SyncError("signals_index.json or membership file missing from local sync: " + rel_path);
     }

@@ -73,13 +73,10 @@ bool is_rotatable_feature(const ArtifactDescriptor& artifact) {
   return !artifact.mandatory && artifact.artifact_kind == "feature";
 }
 
-Artifact descriptor_of(std::string_view file_path, const FileEntry& file_info,
-                       const RotationLegacyScope& legacy_scope) {
-  auto artifact =
-      std::make_shared<ArtifactDescriptor>(artifact_rotation::artifact_descriptor_from_manifest_file(
-          file_path, file_info, FEATURE_ARTIFACT_KINDS()));
-  _fill_legacy_scope(*artifact, legacy_scope);
-  return artifact;
+// Null unless the manifest has a list of its own of what rotation may choose.
+const Document* artifact_section(const Manifest& manifest) {
+  const Document* raw_artifacts = find_member(manifest.head(), "artifacts");
+  return raw_artifacts != nullptr && raw_artifacts->is_array() ? raw_artifacts : nullptr;
 }
 
 std::optional<PinnedRoot> pinned_if_present(const std::string& data_dir) {
@@ -93,10 +90,8 @@ std::optional<PinnedRoot> pinned_if_present(const std::string& data_dir) {
 }  // namespace
 
 void _rotation_artifact_rows(const Manifest& manifest, const RotationRowVisitor& visit) {
-  // A list is final, even an empty one.
-  const Document* raw_artifacts = find_member(manifest.head(), "artifacts");
-  if (raw_artifacts != nullptr && raw_artifacts->is_array()) {
-    visit_artifact_section(*raw_artifacts, manifest.entries(), visit);
+  if (const Document* section = artifact_section(manifest)) {
+    visit_artifact_section(*section, manifest.entries(), visit);  // final, even an empty one
   } else {
     visit_files_in_path_order(manifest.entries(), visit);
   }
@@ -107,18 +102,19 @@ RotationLegacyScope _rotation_legacy_scope(const Document& manifest_data) {
           _rotation_manifest_default_market(manifest_data)};
 }
 
-void _fill_legacy_scope(ArtifactDescriptor& artifact, const RotationLegacyScope& legacy_scope) {
+void _fill_legacy_scope(ArtifactDescriptor& artifact, const RotationLegacyScope& legacy_scope,
+                        ArtifactCatalog& catalog) {
   if (!FEATURE_ARTIFACT_KINDS().contains(artifact.kind)) return;
   if (artifact.named_universe.empty()) {
     auto universe = _feature_named_universe_from_path(artifact.relative_path);
     if (!universe) universe = legacy_scope.named_universe;
-    artifact.named_universe = universe.value_or("");
+    artifact.named_universe = catalog.keep(universe.value_or(""));
   }
-  if (artifact.market.empty()) artifact.market = legacy_scope.market;
+  if (artifact.market.empty()) artifact.market = catalog.keep(legacy_scope.market);
 }
 
-std::optional<std::string> _feature_named_universe_from_path(const std::string& file_path) {
-  std::string path = file_path;
+std::optional<std::string> _feature_named_universe_from_path(std::string_view file_path) {
+  std::string path(file_path);
   std::replace(path.begin(), path.end(), '\\', '/');
   const std::vector<std::string> parts = text::split(path, "/");
   if (parts.size() < 3 || parts[0] != "features") return std::nullopt;
@@ -144,14 +140,18 @@ std::string _rotation_manifest_default_market(const Document& manifest_data) {
 
 Artifacts _rotation_manifest_artifacts(const Manifest& manifest) {
   const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.head());
-  Artifacts artifacts;
-  artifacts.reserve(manifest.entries().size());
+  const bool rows_are_the_manifests = artifact_section(manifest) == nullptr;
+  ArtifactCatalog catalog(manifest.parsed(), rows_are_the_manifests ? manifest.entries().size() : 0);
   _rotation_artifact_rows(manifest, [&](std::string_view file_path, const FileEntry& file_info) {
     if (manifest_file_kind(file_info) == "signals_index" || _manifest_file_is_sync_excluded(file_info))
       return;
-    artifacts.push_back(descriptor_of(file_path, file_info, legacy_scope));
+    ArtifactDescriptor& artifact =
+        rows_are_the_manifests
+            ? catalog.add(file_path, file_info)
+            : catalog.add(catalog.keep(std::string(file_path)), catalog.keep(file_info.document()));
+    _fill_legacy_scope(artifact, legacy_scope, catalog);
   });
-  return artifacts;
+  return catalog.artifacts();
 }
 
 bool _rotation_artifacts_require_scoped_settings(const Artifacts& artifacts) {
@@ -169,11 +169,11 @@ Document _rotation_catalog_context(const Manifest& manifest, const Artifacts& ar
   std::map<std::string, std::set<std::string>> families;
   for (const auto& artifact : artifacts) {
     if (!is_rotatable_feature(*artifact)) continue;
-    if (!artifact->market.empty()) markets.insert(artifact->market);
-    if (!artifact->named_universe.empty()) universes.insert(artifact->named_universe);
+    if (!artifact->market.empty()) markets.emplace(artifact->market);
+    if (!artifact->named_universe.empty()) universes.emplace(artifact->named_universe);
     if (artifact->family.empty()) continue;
-    auto& subfamilies = families[artifact->family];
-    if (!artifact->subfamily.empty()) subfamilies.insert(artifact->subfamily);
+    auto& subfamilies = families[std::string(artifact->family)];
+    if (!artifact->subfamily.empty()) subfamilies.emplace(artifact->subfamily);
   }
 
   const Document& scope = member_or_null(member_or_null(manifest.head(), "rotation"), "scope");
@@ -220,6 +220,7 @@ RotationPlan _rotation_plan_with_required_paths(RotationPlan rotation_plan, cons
                                                 const std::vector<std::string>& required_paths) {
   RotationSelection& selection = rotation_plan.selection;
   const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.head());
+  ArtifactCatalog catalog(manifest.parsed());
   std::unordered_set<std::string> active(selection.active_relative_paths.begin(),
                                          selection.active_relative_paths.end());
   for (const auto& required_path : required_paths) {
@@ -230,9 +231,11 @@ RotationPlan _rotation_plan_with_required_paths(RotationPlan rotation_plan, cons
     if (_manifest_file_is_sync_excluded(*file_info)) {
       throw SyncError("required cohort artifact is excluded from sync: " + path);
     }
-    const Artifact artifact = descriptor_of(path, *file_info, legacy_scope);
-    (artifact->mandatory ? selection.mandatory_artifacts : selection.rotatable_artifacts).push_back(artifact);
+    _fill_legacy_scope(catalog.add(catalog.keep(path), *file_info), legacy_scope, catalog);
     active.insert(path);
+  }
+  for (const Artifact& artifact : catalog.artifacts()) {
+    (artifact->mandatory ? selection.mandatory_artifacts : selection.rotatable_artifacts).push_back(artifact);
   }
   selection.rebuild_active_relative_paths();
   rotation_plan.candidate_state.active_relative_paths = selection.active_relative_paths;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "rotation/state.hpp"
+#include "siblings/distribution/artifact_catalog.hpp"
 #include "siblings/distribution/artifact_rotation.hpp"
 #include "siblings/distribution/rotation_settings.hpp"
 #include "tidalcrest/sync/manifest.hpp"
@@ -14,6 +15,7 @@
 
 namespace tidalcrest::sync {
 
+using artifact_rotation::ArtifactCatalog;
 using artifact_rotation::ArtifactDescriptor;
 using artifact_rotation::Artifacts;
 using artifact_rotation::RotationPlan;
@@ -32,9 +34,10 @@ struct RotationLegacyScope {
 };
 RotationLegacyScope _rotation_legacy_scope(const Document& manifest_data);
 /// Fills the open scope of a descriptor of a feature kind: its universe from the path, else from the
-/// manifest.
-void _fill_legacy_scope(ArtifactDescriptor& artifact, const RotationLegacyScope& legacy_scope);
-std::optional<std::string> _feature_named_universe_from_path(const std::string& file_path);
+/// manifest. The descriptor is of this catalog, which keeps the texts.
+void _fill_legacy_scope(ArtifactDescriptor& artifact, const RotationLegacyScope& legacy_scope,
+                        ArtifactCatalog& catalog);
+std::optional<std::string> _feature_named_universe_from_path(std::string_view file_path);
 std::optional<std::string> _rotation_manifest_default_named_universe(const Document& manifest_data);
 std::string _rotation_manifest_default_market(const Document& manifest_data);
 

@@ -83,7 +83,7 @@ artifact_rotation::StatusAccounting account(const std::string& data_dir, const M
     artifacts = _rotation_manifest_artifacts(*manifest);
     std::vector<std::string> artifact_paths;
     artifact_paths.reserve(artifacts->size());
-    for (const auto& artifact : *artifacts) artifact_paths.push_back(artifact->relative_path);
+    for (const auto& artifact : *artifacts) artifact_paths.emplace_back(artifact->relative_path);
     existing_paths = _existing_rotation_paths(active_root_of(data_dir), artifact_paths);
   }
   return artifact_rotation::rotation_status_accounting(active_paths, artifacts, settings_payload,

@@ -12,7 +12,7 @@ Manifest manifest_with(const char* members) {
 
 std::vector<std::string> paths_of(const Artifacts& artifacts) {
   std::vector<std::string> paths;
-  for (const auto& artifact : artifacts) paths.push_back(artifact->relative_path);
+  for (const auto& artifact : artifacts) paths.emplace_back(artifact->relative_path);
   return paths;
 }
 
@@ -49,7 +49,7 @@ TEST(LegacyScope, FillsWhatFeatureEntriesLeaveOpen) {
           "features/y.arrow": {"kind": "feature", "named_universe": "own", "market": "own"},
           "universe_masks/u1/m": {"kind": "mask"}})"));
   std::vector<std::string> scopes;
-  for (const auto& artifact : artifacts) scopes.push_back(artifact->named_universe + "/" + artifact->market);
+  for (const auto& artifact : artifacts) scopes.push_back(fmt::format("{}/{}", artifact->named_universe, artifact->market));
   EXPECT_THAT(scopes, ElementsAre("u1/fx", "u9/fx", "own/own", "/"));
 }
 

@@ -2,22 +2,28 @@
 
 #include <algorithm>
 
+#include "siblings/distribution/artifact_catalog.hpp"
 #include "siblings/distribution/artifact_rotation_generator.hpp"
 #include "support/test.hpp"
 
 namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
+// Keeps alive what it was made from.
+Artifact artifact_of(const std::string& path, Document entry) {
+  ArtifactCatalog catalog(nullptr);
+  catalog.add(catalog.keep(path), catalog.keep(std::move(entry)));
+  return catalog.artifacts().front();
+}
+
 Artifact feature(const std::string& path, std::int64_t size = 10, const Document& more = Document::object()) {
   Document entry = {{"kind", "feature"}, {"size_bytes", size}};
   entry.update(more);
-  return std::make_shared<const ArtifactDescriptor>(
-      artifact_descriptor_from_manifest_file(path, entry, FEATURE_ARTIFACT_KINDS()));
+  return artifact_of(path, std::move(entry));
 }
 
 Artifact file(const std::string& path, std::int64_t size = 10) {
-  return std::make_shared<const ArtifactDescriptor>(artifact_descriptor_from_manifest_file(
-      path, Document{{"kind", "vocabulary"}, {"size_bytes", size}}, FEATURE_ARTIFACT_KINDS()));
+  return artifact_of(path, {{"kind", "vocabulary"}, {"size_bytes", size}});
 }
 
 Artifacts features(int count, std::int64_t size = 10) {
@@ -31,7 +37,7 @@ ArtifactRotationSettings with_budget(std::int64_t bytes) { return {.feature_budg
 
 std::vector<std::string> chosen(const RotationPlan& plan) {
   std::vector<std::string> paths;
-  for (const auto& artifact : plan.selection.rotatable_artifacts) paths.push_back(artifact->relative_path);
+  for (const auto& artifact : plan.selection.rotatable_artifacts) paths.emplace_back(artifact->relative_path);
   return paths;
 }
 
@@ -67,14 +73,14 @@ TEST(Descriptors, ReadWhatTheEntrySaysAndDeriveTheRest) {
   const auto derived = feature("features/u1/signal_is/alpha__beta__x__y.arrow");
   EXPECT_FALSE(derived->mandatory);
   EXPECT_EQ(derived->artifact_kind, "feature");
-  EXPECT_EQ(derived->family + "/" + derived->subfamily, "alpha/beta");
+  EXPECT_EQ(fmt::format("{}/{}", derived->family, derived->subfamily), "alpha/beta");
   EXPECT_EQ(feature("features/u1/signal_is/alpha__beta__x.arrow")->family, "");
   EXPECT_EQ(feature("features/u1/signal_is/____x__y.arrow")->family, "");
 
   const auto own =
       feature("a__b__c__d", 3, {{"family", "f"}, {"subfamily", "s"}, {"mandatory", true}, {"market", "m"}});
   EXPECT_TRUE(own->mandatory);
-  EXPECT_EQ(own->family + own->subfamily + own->market, "fsm");
+  EXPECT_EQ(fmt::format("{}{}{}", own->family, own->subfamily, own->market), "fsm");
   EXPECT_EQ(own->size_bytes, 3);
   EXPECT_EQ(feature("a", 3, {{"mandatory", "no"}, {"size_bytes", "3"}})->mandatory, false);
   EXPECT_TRUE(file("v")->mandatory);
@@ -132,7 +138,7 @@ TEST(PlanRotation, BalancesFamilies) {
   std::map<std::string, int> taken;
   for (const auto& artifact :
        plan_rotation(artifacts, settings, std::nullopt).selection.rotatable_artifacts) {
-    ++taken[artifact->family];
+    ++taken[std::string(artifact->family)];
   }
   EXPECT_EQ(taken, (std::map<std::string, int>{{"a", 4}, {"b", 3}, {"c", 1}}));
 
@@ -140,7 +146,7 @@ TEST(PlanRotation, BalancesFamilies) {
   settings.feature_budget_bytes = std::int64_t{10};
   std::set<std::string> first_families;
   for (settings.seed = 0; settings.seed < 20; ++settings.seed) {
-    first_families.insert(
+    first_families.emplace(
         plan_rotation(artifacts, settings, std::nullopt).selection.rotatable_artifacts[0]->family);
   }
   EXPECT_EQ(first_families.size(), 3u);

@@ -49,7 +49,7 @@ class Manifest {
   const ManifestEntries& entries() const noexcept;
   /// The members of the document, in general without `files`.
   const Document& head() const noexcept;
-  const ParsedManifest& parsed() const noexcept { return *_data; }
+  const std::shared_ptr<const ParsedManifest>& parsed() const noexcept { return _data; }
   /// As in the document, not converted; 0 when missing (`version`, `pnl_column_count`), null when missing
   /// (`market_id`, `functions`, `signals_index`, and the string attributes).
   const Document& era_number() const noexcept { return _attribute("era_number", ZERO); }

@@ -41,10 +41,10 @@ StatusAccounting rotation_status_accounting(const std::vector<std::string>& acti
   if (artifacts) {
     for (const auto& artifact : *artifacts) known.insert(artifact->relative_path);
     for (const auto& artifact : artifacts_in_scope(*artifacts, "feature", scope_of(settings_payload))) {
-      const std::string& path = artifact->relative_path;
-      accounting.eligible_relative_paths.push_back(path);
+      const std::string_view path = artifact->relative_path;
+      accounting.eligible_relative_paths.emplace_back(path);
       (active.contains(path) ? accounting.selected_relative_paths : accounting.skipped_relative_paths)
-          .push_back(path);
+          .emplace_back(path);
     }
   }
   for (const auto& path : active_paths) {
@@ -63,7 +63,7 @@ std::set<std::string> rotation_cleanup_keep_paths(const ManifestEntries& entries
   std::set<std::string> keep = protected_paths;
   keep.insert(metadata_relative_paths.begin(), metadata_relative_paths.end());
   for (const auto& [path, file_info] : entries) {
-    const bool feature = FEATURE_ARTIFACT_KINDS().contains(std::string(manifest_file_kind(file_info)));
+    const bool feature = FEATURE_ARTIFACT_KINDS().contains(manifest_file_kind(file_info));
     if (!feature || file_info.value("mandatory") == true) keep.emplace(path);
   }
   return keep;

@@ -33,15 +33,15 @@ FamilyNames family_names_from_stem(std::string_view stem) {
   return names.family.empty() || names.subfamily.empty() ? FamilyNames{} : names;
 }
 
-bool is_mandatory(const FileEntry& file_info, const std::string& artifact_kind) {
+bool is_mandatory(const FileEntry& file_info, std::string_view artifact_kind) {
   const Document own = file_info.value("mandatory");
   return own.is_boolean() ? own.get<bool>() : artifact_kind != "feature";
 }
 
 }  // namespace
 
-const std::set<std::string>& FEATURE_ARTIFACT_KINDS() {
-  static const auto& kinds = never_destroyed<const std::set<std::string>>(std::set<std::string>{"feature"});
+const KindSet& FEATURE_ARTIFACT_KINDS() {
+  static const auto& kinds = never_destroyed<const KindSet>(KindSet{"feature"});
   return kinds;
 }
 
@@ -49,7 +49,7 @@ std::string_view manifest_file_kind(const FileEntry& file_info) { return text_me
 
 ArtifactDescriptor artifact_descriptor_from_manifest_file(std::string_view file_path,
                                                           const FileEntry& file_info,
-                                                          const std::set<std::string>& feature_kinds) {
+                                                          const KindSet& feature_kinds) {
   ArtifactDescriptor artifact;
   artifact.relative_path = file_path;
   artifact.kind = manifest_file_kind(file_info);
@@ -69,8 +69,8 @@ ArtifactDescriptor artifact_descriptor_from_manifest_file(std::string_view file_
   return artifact;
 }
 
-bool serves_named_universe(const ArtifactDescriptor& artifact, const std::string& named_universe) {
-  const std::string& own = artifact.named_universe;
+bool serves_named_universe(const ArtifactDescriptor& artifact, std::string_view named_universe) {
+  const std::string_view own = artifact.named_universe;
   return own == named_universe || own.empty() || own == epoch_value(EpochName::SIGNAL_IS) ||
          own == epoch_value(EpochName::STRATEGY_IS);
 }

@@ -63,7 +63,7 @@ RotationPlan finished_plan(const Artifacts& artifacts, const ArtifactRotationSet
 std::vector<std::string> paths_of(const Artifacts& artifacts) {
   std::vector<std::string> paths;
   paths.reserve(artifacts.size());
-  for (const auto& artifact : artifacts) paths.push_back(artifact->relative_path);
+  for (const auto& artifact : artifacts) paths.emplace_back(artifact->relative_path);
   return paths;
 }
 
@@ -82,7 +82,7 @@ PathList Selection::skipped_relative_paths() const {
   const PathSet active(active_relative_paths.begin(), active_relative_paths.end());
   std::vector<std::string> skipped;
   for (const auto& artifact : eligible_artifacts) {
-    if (!active.contains(artifact->relative_path)) skipped.push_back(artifact->relative_path);
+    if (!active.contains(artifact->relative_path)) skipped.emplace_back(artifact->relative_path);
   }
   return skipped;
 }
