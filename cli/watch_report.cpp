@@ -72,12 +72,12 @@ void WatchReport::active(const sync::Manifest* manifest, const std::string& root
   const Document fields = {{"era_number", manifest->era_number()},
                            {"version", manifest->version()},
                            {"root_dir", root_dir},
-                           {"files", manifest->files().size()},
+                           {"files", manifest->entries().size()},
                            {"files_fetched", files_fetched},
                            {"bytes_fetched", bytes_fetched}};
   tell(same_root ? "renewed" : "published", fields,
        fmt::format("{} {}: {}{}", name, same_root ? "was proven anew in place" : "is published",
-                   counted(static_cast<std::int64_t>(manifest->files().size()), "file"), fetched));
+                   counted(static_cast<std::int64_t>(manifest->entries().size()), "file"), fetched));
 }
 
 void WatchReport::status_message(const std::string& message) {

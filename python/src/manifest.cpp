@@ -48,10 +48,59 @@ class DocumentView {
   const Document::object_t& _members;
 };
 
+// The same for the files, of which no document need be made.
+class FilesView {
+ public:
+  explicit FilesView(std::shared_ptr<const Manifest> manifest) : _manifest(std::move(manifest)) {}
+
+  std::size_t size() const noexcept { return _files().size(); }
+  bool contains(const py::handle& key) const { return _find(key).has_value(); }
+  py::object member(const py::object& key) const {
+    const auto found = _find(key);
+    if (!found) {
+      PyErr_SetObject(PyExc_KeyError, key.ptr());
+      throw py::error_already_set();
+    }
+    return to_python(found->document());
+  }
+  py::object first_key() const {
+    if (_files().empty()) return py::none();
+    return text_to_python(std::string(_files()[0].first));
+  }
+  py::list keys() const {
+    py::list names(size());
+    Py_ssize_t index = 0;
+    for (const auto& [path, entry] : _files())
+      PyList_SET_ITEM(names.ptr(), index++, text_to_python(std::string(path)).release().ptr());
+    return names;
+  }
+
+ private:
+  const ManifestEntries& _files() const noexcept { return _manifest->entries(); }
+  std::optional<FileEntry> _find(const py::handle& key) const {
+    return PyUnicode_Check(key.ptr()) ? _files().find(text_from_python(key)) : std::nullopt;
+  }
+  const std::shared_ptr<const Manifest> _manifest;
+};
+
+template <class View>
+py::object lazy_dict_of(View view) {
+  return py::module_::import("tidalcrest.sync._lazy_dict").attr("LazyDict")(std::move(view));
+}
+
 py::object lazy_dict(std::shared_ptr<const void> owner, const Document& value) {
   if (!value.is_object()) return to_python(value);
-  return py::module_::import("tidalcrest.sync._lazy_dict")
-      .attr("LazyDict")(DocumentView(std::move(owner), value));
+  return lazy_dict_of(DocumentView(std::move(owner), value));
+}
+
+template <class View>
+void bind_view(py::module_& module, const char* name) {
+  py::class_<View>(module, name)
+      .def("__len__", &View::size)
+      .def("__contains__", &View::contains)
+      .def("__getitem__", &View::member)
+      .def("first_key", &View::first_key)
+      .def("keys", &View::keys);
 }
 
 // Made once for each Python object: asking twice gives the same dict.
@@ -74,6 +123,11 @@ auto lazy(const char* name, Attribute attribute) {
       return lazy_dict(std::move(manifest), value);
     });
   };
+}
+
+py::object files_getter(const py::object& self) {
+  return remembered(self, "files",
+                    [&] { return lazy_dict_of(FilesView(self.cast<std::shared_ptr<Manifest>>())); });
 }
 
 auto plain(Attribute attribute) {
@@ -113,12 +167,8 @@ std::shared_ptr<Manifest> manifest_of(const py::object& data) {
 }  // namespace
 
 void bind_manifest(py::module_& module) {
-  py::class_<DocumentView>(module, "DocumentView")
-      .def("__len__", &DocumentView::size)
-      .def("__contains__", &DocumentView::contains)
-      .def("__getitem__", &DocumentView::member)
-      .def("first_key", &DocumentView::first_key)
-      .def("keys", &DocumentView::keys);
+  bind_view<DocumentView>(module, "DocumentView");
+  bind_view<FilesView>(module, "FilesView");
 
   py::class_<Manifest, std::shared_ptr<Manifest>> manifest(
       module, "Manifest", py::dynamic_attr(), "In-memory representation of the server manifest.");
@@ -143,7 +193,7 @@ void bind_manifest(py::module_& module) {
                              "Source of the shuffle key, or None.")
       .def_property_readonly("pnl_column_count", plain(&Manifest::pnl_column_count), "0 when missing.")
       .def_property_readonly(
-          "files", lazy("files", &Manifest::files),
+          "files", files_getter,
           "Manifest relative path to file entry. A dict whose entries are converted when asked for.")
       .def_property_readonly("signals_index", lazy("signals_index", &Manifest::signals_index),
                              "Declaration of the signals index sidecar, or None.")

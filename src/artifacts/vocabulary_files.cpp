@@ -9,7 +9,6 @@
 #include "host/digest.hpp"
 #include "host/equality.hpp"
 #include "host/integer.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/text.hpp"
 #include "host/unusable.hpp"

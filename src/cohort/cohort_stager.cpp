@@ -17,7 +17,6 @@
 #include "cohort/staging_roots.hpp"
 #include "download/local_files.hpp"
 #include "host/integer.hpp"
-#include "host/json.hpp"
 #include "host/release_memory.hpp"
 #include "host/scope_exit.hpp"
 #include "host/text.hpp"

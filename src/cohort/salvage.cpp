@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "cohort/earlier_roots.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/parallel.hpp"
 #include "host/path_set.hpp"

@@ -6,7 +6,6 @@
 
 #include "host/descriptor.hpp"
 #include "host/integer.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/parallel.hpp"
 #include "host/text.hpp"

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "artifacts/signals_index.hpp"
-#include "host/json.hpp"
 #include "host/scope_exit.hpp"
 #include "manifest/paths.hpp"
 #include "rotation/exclusion.hpp"

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "host/background_thread.hpp"
-#include "host/json.hpp"
 #include "host/log.hpp"
 #include "host/stoppable.hpp"
 #include "tidalcrest/sync/errors.hpp"
@@ -15,7 +14,7 @@ void RepairQueue::report_corruption(const std::shared_ptr<RepairQueue>& queue, c
     throw StateError("Sync thread is not running. Call start() or acquire() first.");
   }
   const auto view = queue->_active.get();
-  if (view->manifest && find_member(view->manifest->files(), file_path) == nullptr) {
+  if (view->manifest && !view->manifest->entries().contains(file_path)) {
     throw ValueError("File not in manifest: " + file_path);
   }
   queue->_append(file_path);

@@ -6,7 +6,6 @@
 
 #include "download/file_transfer.hpp"
 #include "host/integer.hpp"
-#include "host/json.hpp"
 #include "host/text.hpp"
 #include "host/unusable.hpp"
 #include "manifest/file_kinds.hpp"

@@ -1,7 +1,6 @@
 #include "host/plain_json.hpp"
 
 #include <cstdint>
-#include <utility>
 
 #include "host/plain_json_reader.hpp"
 
@@ -71,7 +70,7 @@ bool PlainJsonReader::_object(Document& value, int depth) {
     // The parent does not grow while its member is read.
     return fresh && this->value(member->second, depth);
   });
-  if (read.size() <= SMALL_OBJECT) _likely_members = read.size();
+  if (!read.empty() && read.size() <= SMALL_OBJECT) _likely_members = read.size();
   return whole;
 }
 

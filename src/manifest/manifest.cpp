@@ -11,6 +11,7 @@
 #include "manifest/as_manifest_error.hpp"
 #include "manifest/sanitising.hpp"
 #include "siblings/distribution/manifest_document.hpp"
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
 namespace tidalcrest::sync {
@@ -80,7 +81,7 @@ Manifest::Manifest(SharedManifest data) : _data(sanitised(data)) {
 Manifest::Manifest(Manifest&& other) noexcept : _data(other._data), _membership(other.membership()) {}
 
 Document Manifest::to_dict() const {
-  Document copy = data();
+  Document copy = _data->document();
   const auto sections = membership();
   std::size_t absent = 0;
   for (const Section& section : SIGNALS_INDEX_SECTIONS) {

@@ -142,6 +142,23 @@ Document section_without_paths(const Document& section, const OwnedPaths& retire
   return kept;
 }
 
+void replace_found_sections(const Document& head, const OwnedPaths& retired, Replacements& replaced) {
+  for (const char* name : FOUND_SECTIONS) {
+    const Document* section = find_member(head, name);
+    if (section == nullptr || !section->is_object()) continue;
+    replaced.emplace(name, section_without_paths(*section, retired));
+  }
+}
+
+bool is_never_fetched(std::string_view path, const FileEntry& file_info) {
+  return _is_agent_bundle_declaration_file(path, file_info) ||
+         _is_unsupported_runtime_module_file(path, file_info);
+}
+
+bool is_dropped(std::string_view path, const FileEntry& file_info) {
+  return is_never_fetched(path, file_info) || _is_retired_found_pnl_long_file(path);
+}
+
 OwnedPaths retired_found_paths(const Document& files) {
   OwnedPaths retired;
   for (const auto& [path, entry] : members(files)) {
@@ -226,11 +243,7 @@ SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest
   };
   Replacements replaced;
   replaced.emplace("files", *without_entries(files, is_retired));
-  for (const char* name : FOUND_SECTIONS) {
-    const Document* section = find_member(*manifest_data, name);
-    if (section == nullptr || !section->is_object()) continue;
-    replaced.emplace(name, section_without_paths(*section, retired));
-  }
+  replace_found_sections(*manifest_data, retired, replaced);
   return shared(with_members(*manifest_data, std::move(replaced)));
 }
 
@@ -240,16 +253,24 @@ SharedDocument _sanitize_manifest_data_for_sync(const SharedDocument& manifest_d
 }
 
 SharedManifest _sanitize_manifest_for_sync(const SharedManifest& manifest) {
-  const auto is_dropped = [](std::string_view path, const FileEntry& file_info) {
-    return _is_agent_bundle_declaration_file(path, file_info) ||
-           _is_unsupported_runtime_module_file(path, file_info) || _is_retired_found_pnl_long_file(path);
-  };
-  const bool is_clean = manifest->text() && !any_entry(manifest->entries(), is_dropped) &&
-                        !without_unsupported_artifacts(manifest->head());
-  if (is_clean) return manifest;
-  const SharedDocument document(manifest, &manifest->whole());
-  const SharedDocument rewritten = _sanitize_manifest_data_for_sync(document);
-  return rewritten == document ? manifest : std::make_shared<const ParsedManifest>(rewritten);
+  if (!manifest->text()) {
+    const SharedDocument document(manifest, &manifest->whole());
+    const SharedDocument rewritten = _sanitize_manifest_data_for_sync(document);
+    return rewritten == document ? manifest : std::make_shared<const ParsedManifest>(rewritten);
+  }
+  OwnedPaths retired;
+  bool anything_is_dropped = false;
+  for (const auto& [path, file_info] : manifest->entries()) {
+    if (!is_dropped(path, file_info)) continue;
+    anything_is_dropped = true;
+    if (!is_never_fetched(path, file_info)) retired.emplace(path);
+  }
+  auto artifacts = without_unsupported_artifacts(manifest->head());
+  if (!anything_is_dropped && !artifacts) return manifest;
+  Replacements replaced;
+  if (artifacts) replaced.emplace("artifacts", *std::move(artifacts));
+  if (!retired.empty()) replace_found_sections(manifest->head(), retired, replaced);
+  return manifest->rewritten(with_members(manifest->head(), std::move(replaced)), is_dropped);
 }
 
 }  // namespace tidalcrest::sync

@@ -11,8 +11,8 @@
 namespace tidalcrest::sync {
 
 // A served manifest can list files that this client must never see or fetch: declaration files of agent
-// bundles, runtime modules of no supported kind, and the retired long PnL files. They are removed from the
-// parsed document before it becomes a `Manifest`; the served bytes stay as they were.
+// bundles, runtime modules of no supported kind, and the retired long PnL files. They are removed from what
+// was parsed before it becomes a `Manifest`; the served bytes stay as they were.
 
 bool _is_agent_bundle_declaration_file(std::string_view file_path, const FileEntry& file_info);
 bool _is_unsupported_runtime_module_file(std::string_view file_path, const FileEntry& file_info);
@@ -29,7 +29,7 @@ SharedDocument _drop_agent_bundle_declaration_files(const SharedDocument& manife
 SharedDocument _drop_unsupported_runtime_module_files(const SharedDocument& manifest_data);
 SharedDocument _drop_retired_found_pnl_long_files(const SharedDocument& manifest_data);
 SharedDocument _sanitize_manifest_data_for_sync(const SharedDocument& manifest_data);
-/// The same; no document is made of a manifest of which nothing is dropped.
+/// The same; what is kept as its text stays that.
 std::shared_ptr<const ParsedManifest> _sanitize_manifest_for_sync(
     const std::shared_ptr<const ParsedManifest>& manifest);
 

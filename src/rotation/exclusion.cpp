@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "host/json.hpp"
 #include "host/text.hpp"
 #include "manifest/sanitising.hpp"
 #include "siblings/distribution/artifact_rotation.hpp"

@@ -144,7 +144,7 @@ void feed_signals_index(std::string_view bytes) {
        {{"signals_index.json",
          {{"kind", "signals_index"}, {"sha256", sha256_hex(bytes)}, {"size_bytes", bytes.size()}}},
         {"found_signals/u1/s1/is/pnl.arrow", {{"kind", "found_signal_is_pnl"}}}}}};
-  const auto accepted = client_manifest::validate_accepted_distribution_set(manifest, bytes);
+  const auto accepted = client_manifest::validate_accepted_distribution_set(ParsedManifest(manifest), bytes);
   for (const char* section : {"found_signals", "found_strategies", "useful_signals"})
     require(accepted.signals_index_document.at(section).is_object(), "a section is no object");
 }

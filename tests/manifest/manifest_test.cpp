@@ -2,6 +2,7 @@
 
 #include "manifest/identity.hpp"
 #include "manifest/sanitising.hpp"
+#include "siblings/distribution/parsed_manifest.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "support/test.hpp"
 
@@ -93,6 +94,43 @@ TEST(Sanitising, DropsDeclarationsModulesAndRetiredFiles) {
   EXPECT_EQ(*clean, parse_json(R"({"era_number": 1, "files": {"keep": {}}, "artifacts": [5, {"path": "keep"}],
       "found_signals": {"thinner": {"n": 1, "files": ["keep"]}, "odd": 3, "no list": {"files": 4}},
       "found_strategies": [], "last": true})"));
+}
+
+// A manifest that is kept as its text and one that is a document come to the same, whichever of the rules
+// drops something.
+TEST(Sanitising, IsTheSameForATextAsForADocument) {
+  const std::string sections =
+      R"(, "found_signals": {"s": {"files": ["found_signals/u/s/is/pnl_long.arrow"]}},
+      "found_strategies": {}, "useful_signals": {})";
+  const std::pair<const char*, std::string> cases[] = {
+      {R"("keep": {"kind": "vault_module"})", sections},
+      {R"("a/x.pxd": {"kind": "feature", "n": 1}, "keep": {"m": [2]})", ""},
+      {R"("keep": {}, "b": {"kind": "vault_declaration"})", sections},
+      {R"("keep": {}, "d": {"kind": "risk_module"}, "z": {"size_bytes": 4})", ""},
+      {R"("keep": {})", R"(, "artifacts": [{"path": "d", "kind": "risk_module"}, {"path": "keep"}])"},
+      {R"("found_signals/u/s/is/pnl_long.arrow": {}, "keep": {})", sections},
+      {R"("found_signals/u/s/is/pnl_long.arrow": {"kind": "vault_declaration"})", sections},
+  };
+  for (const auto& [files, more] : cases) {
+    for (const std::string& text :
+         {R"({"files": {)" + std::string(files) + R"(}, "era_number": 1)" + more + "}",
+          R"({"era_number": 1)" + more + R"(, "files": {)" + std::string(files) + "}}"}) {
+      const auto parsed = ParsedManifest::of_plain_text(std::make_shared<const std::string>(text));
+      ASSERT_NE(parsed, nullptr) << text;
+      const Manifest of_text(parsed);
+      const Manifest of_document(parse_json(text));
+      EXPECT_EQ(of_text.to_dict().dump(), of_document.to_dict().dump()) << text;
+      EXPECT_EQ(of_text.data().dump(), of_document.data().dump()) << text;
+      EXPECT_NE(of_text.parsed()->text(), nullptr);
+      ASSERT_EQ(of_text.entries().size(), of_document.entries().size()) << text;
+      for (const auto& [path, entry] : of_document.entries())
+        EXPECT_EQ(of_text.file_entry(path)->document(), entry.document()) << text;
+      EXPECT_FALSE(of_text.entries().contains("d"));
+      EXPECT_EQ(parsed->whole(), parse_json(text)) << text;
+      const bool is_clean = of_document.data() == parse_json(text);
+      EXPECT_EQ(of_text.parsed() == parsed, is_clean) << text;
+    }
+  }
 }
 
 TEST(Sanitising, KnowsRetiredPathsByTheirShape) {

@@ -1,5 +1,6 @@
 #include "rotation/catalog.hpp"
 
+#include "manifest/persistence.hpp"
 #include "siblings/runtime/modules.hpp"
 #include "support/test.hpp"
 
@@ -7,7 +8,9 @@ namespace tidalcrest::sync {
 namespace {
 
 Manifest manifest_with(const char* members) {
-  return Manifest(parse_json(std::string(R"({"era_number": 7, "version": 1, )") + members + "}"));
+  return Manifest(_parse_full_distribution_manifest(
+      std::make_shared<const std::string>(std::string(R"({"era_number": 7, "version": 1, )") + members + "}"),
+      "manifest"));
 }
 
 std::vector<std::string> paths_of(const Artifacts& artifacts) {
@@ -49,7 +52,8 @@ TEST(LegacyScope, FillsWhatFeatureEntriesLeaveOpen) {
           "features/y.arrow": {"kind": "feature", "named_universe": "own", "market": "own"},
           "universe_masks/u1/m": {"kind": "mask"}})"));
   std::vector<std::string> scopes;
-  for (const auto& artifact : artifacts) scopes.push_back(fmt::format("{}/{}", artifact->named_universe, artifact->market));
+  for (const auto& artifact : artifacts)
+    scopes.push_back(fmt::format("{}/{}", artifact->named_universe, artifact->market));
   EXPECT_THAT(scopes, ElementsAre("u1/fx", "u9/fx", "own/own", "/"));
 }
 

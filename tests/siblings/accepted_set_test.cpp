@@ -27,7 +27,7 @@ Document manifest_for(const std::string& body) {
 }
 
 std::string failure_for(const std::string& body) {
-  return failure_of([&] { validate_accepted_distribution_set(manifest_for(body), body); });
+  return failure_of([&] { validate_accepted_distribution_set(ParsedManifest(manifest_for(body)), body); });
 }
 
 TEST(AcceptedSet, ChecksInItsFixedOrder) {
@@ -64,13 +64,13 @@ TEST(AcceptedSet, NeedsItsOwnDeclaration) {
   const std::string body = dump_json(index_document());
   Document manifest = manifest_for(body);
   manifest["files"]["signals_index.json"].erase("size_bytes");
-  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(manifest, body); }),
+  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(ParsedManifest(manifest), body); }),
             "ValueError: manifest files['signals_index.json'].size_bytes is required");
   manifest["files"].erase("signals_index.json");
-  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(manifest, body); }),
+  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(ParsedManifest(manifest), body); }),
             "ValueError: manifest files has no entry for 'signals_index.json'");
   manifest.erase("signals_index");
-  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(manifest, body); }),
+  EXPECT_EQ(failure_of([&] { validate_accepted_distribution_set(ParsedManifest(manifest), body); }),
             "ValueError: manifest declares no signals_index");
 }
 
@@ -80,7 +80,7 @@ TEST(AcceptedSet, LoadsOnlyWithEveryMemberInPlace) {
   const std::string body = dump_json(index_document());
   const Document manifest = manifest_for(body);
   const auto load = [&] {
-    return failure_of([&] { load_accepted_distribution_set(root.path(), manifest); });
+    return failure_of([&] { load_accepted_distribution_set(root.path(), ParsedManifest(manifest)); });
   };
   EXPECT_THAT(load(), StartsWith("FileNotFoundError: "));
   root.write("signals_index.json", body);

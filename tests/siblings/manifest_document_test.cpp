@@ -89,21 +89,27 @@ TEST(ManifestBytes, StayLinearForManyFilesAndForDeepOnes) {
   for (int i = 0; i < 1000; ++i) paths.push_back(fmt::format("{}/{}{}", i, deep, i));
   const std::string body = files_body(paths);
   const double plainly = processor_seconds([&] { parse_json(body); });
-  Document manifest;
-  const double proven =
-      processor_seconds([&] { manifest = parse_distribution_manifest_bytes(body, "served manifest"); });
-  EXPECT_EQ(manifest.at("files").size(), paths.size());
-  EXPECT_EQ(manifest.at("files").get_ref<const Document::object_t&>().begin()->first, paths.front());
-  EXPECT_LT(proven, 50 * plainly);
+  Document document;
+  EXPECT_LT(processor_seconds([&] { document = parse_distribution_manifest_bytes(body, "served manifest"); }),
+            50 * plainly);
+  EXPECT_EQ(document.at("files").size(), paths.size());
+  std::size_t found = 0;
+  const auto read_and_look_up = [&] {
+    const auto manifest =
+        parse_distribution_manifest(std::make_shared<const std::string>(body), "served manifest");
+    for (const auto& path : paths) found += manifest->entries().contains(path) ? 1 : 0;
+  };
+  EXPECT_LT(processor_seconds(read_and_look_up), 50 * plainly);
+  EXPECT_EQ(found, paths.size());
 }
 
 TEST(SignalsIndexDeclaration, IsAbsentOrWhole) {
   const auto declaration = [](const std::string& value, const char* files = "{}") {
     return validate_signals_index_manifest_declaration(
-        parse_json(R"({"signals_index": )" + value + R"(, "files": )" + files + "}"));
+        ParsedManifest(parse_json(R"({"signals_index": )" + value + R"(, "files": )" + files + "}")));
   };
   const char* const whole = R"({"schema_version": 1, "path": "i"})";
-  EXPECT_EQ(validate_signals_index_manifest_declaration(Document::object()), std::nullopt);
+  EXPECT_EQ(validate_signals_index_manifest_declaration(ParsedManifest(Document::object())), std::nullopt);
   EXPECT_EQ(declaration("null"), std::nullopt);
   EXPECT_EQ(declaration(whole), "i");
   EXPECT_EQ(declaration(whole, R"({"i": {"kind": "signals_index"}})"), "i");

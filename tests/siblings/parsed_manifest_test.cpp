@@ -4,6 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <set>
+#include <thread>
+
 #include "host/json.hpp"
 #include "siblings/distribution/manifest_document.hpp"
 #include "support/test.hpp"
@@ -92,6 +96,16 @@ TEST(ParsedManifest, FailsAsItsDocumentDoes) {
     EXPECT_NE(failure, "nothing") << text;
     EXPECT_EQ(failure_of([&] { parsed(text); }), failure) << text;
   }
+}
+
+TEST(ParsedManifest, GivesItsDocumentToSeveralThreadsAtOnce) {
+  const auto manifest = parsed(R"({"files": {"a": {"n": 1}}, "version": 2})");
+  std::array<const Document*, 4> seen{};
+  std::vector<std::thread> threads;
+  for (auto& document : seen) threads.emplace_back([&] { document = &manifest->whole(); });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(std::set<const Document*>(seen.begin(), seen.end()).size(), 1u);
+  EXPECT_EQ(seen[0]->dump(), R"({"files":{"a":{"n":1}},"version":2})");
 }
 
 TEST(ManifestEntries, OfADocumentMayHoldAnyValue) {

@@ -41,7 +41,8 @@ class Manifest {
   Document to_dict() const;
 
   /// The sanitised document. For a large manifest its making, when it is asked for the first time, takes as
-  /// long as reading the manifest did, and several times the memory: `entries` and `head` need neither.
+  /// long as reading the manifest did, and it stays in several times the memory: `entries` and `head` need
+  /// neither.
   const Document& data() const;
   /// `files` of `data`; an empty object when it is missing.
   const Document& files() const;

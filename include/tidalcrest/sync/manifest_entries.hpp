@@ -1,9 +1,7 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +23,7 @@ class FileEntry {
   /// A view of a document, which may hold any value; null stands for no entry.
   FileEntry(const Document* value) noexcept : _value(value) {}
   FileEntry(const Document& value) noexcept : _value(&value) {}
+  FileEntry(const Document&& value) = delete;
   FileEntry(const FileTable& table, std::size_t row) noexcept : _table(&table), _row(row) {}
 
   bool is_none() const noexcept { return _value == nullptr && _table == nullptr; }
@@ -46,7 +45,7 @@ class FileEntry {
   std::size_t _row = 0;
 };
 
-/// The `files` of a manifest in its order: path and entry. Refers to the manifest.
+/// The `files` of a manifest in its order: path and entry. Refers to the manifest, and its iterators to it.
 class ManifestEntries {
  public:
   using value_type = std::pair<std::string_view, FileEntry>;

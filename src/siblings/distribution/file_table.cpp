@@ -3,11 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <functional>
-#include <utility>
-
-#include "host/json.hpp"
-#include "host/text.hpp"
-#include "tidalcrest/sync/manifest_entries.hpp"
 
 namespace tidalcrest::sync {
 
@@ -21,14 +16,17 @@ bool FileTable::read(PlainJsonReader& reader) {
 }
 
 bool FileTable::_read_entry(PlainJsonReader& reader, std::string_view path) {
-  const std::size_t row = _rows.size();
-  _rows.push_back({_place(path), static_cast<Place>(path.size()), static_cast<Place>(_members.size())});
-  return reader.members([&](std::string_view key) {
-    if (members_of(row) == MEMBERS_LIMIT || _find_member(row, key) != nullptr) return false;
+  if (path.size() > PATH_BYTES_LIMIT) return false;
+  Row row{_place(path), static_cast<Place>(_members.size()), static_cast<std::uint16_t>(path.size()), 0};
+  const bool plain = reader.members([&](std::string_view key) {
+    if (row.members == MEMBERS_LIMIT || _find_member(row, key) != nullptr) return false;
     reader.next();
     _members.push_back({_place(key), static_cast<Place>(reader.position())});
+    ++row.members;
     return reader.skip_value(ENTRY_DEPTH);
   });
+  _rows.push_back(row);
+  return plain;
 }
 
 // False for two equal paths.
@@ -56,15 +54,14 @@ std::optional<std::size_t> FileTable::find(std::string_view path) const noexcept
   return row == FREE ? std::nullopt : std::optional<std::size_t>(row);
 }
 
-const FileTable::Member* FileTable::_find_member(std::size_t row, std::string_view key) const noexcept {
+const FileTable::Member* FileTable::_find_member(const Row& row, std::string_view key) const noexcept {
   const std::string_view text = *_text;
   const auto is_named = [&](const Member& member) {
     return text.compare(member.key_begin, key.size(), key) == 0 && text[member.key_begin + key.size()] == '"';
   };
-  const Member* const first = _members.data() + _rows[row].first_member;
-  const Member* const last = _members.data() + _end_of(row);
-  const Member* const found = std::find_if(first, last, is_named);
-  return found == last ? nullptr : found;
+  const auto members = _members_of(row);
+  const auto found = std::find_if(members.begin(), members.end(), is_named);
+  return found == members.end() ? nullptr : &*found;
 }
 
 Document FileTable::_value(const Member& member) const {
@@ -74,72 +71,22 @@ Document FileTable::_value(const Member& member) const {
 }
 
 Document FileTable::value(std::size_t row, std::string_view key) const {
-  const Member* const member = _find_member(row, key);
+  const Member* const member = _find_member(_rows[row], key);
   return member == nullptr ? Document() : _value(*member);
 }
 
 std::optional<std::string_view> FileTable::text(std::size_t row, std::string_view key) const noexcept {
-  const Member* const member = _find_member(row, key);
+  const Member* const member = _find_member(_rows[row], key);
   if (member == nullptr || (*_text)[member->value_begin] != '"') return std::nullopt;
   return _quoted(member->value_begin + 1);
 }
 
 Document FileTable::document(std::size_t row) const {
   Document entry = Document::object();
-  for (std::size_t i = _rows[row].first_member; i < _end_of(row); ++i) {
-    entry.get_ref<Document::object_t&>().emplace(_key(_members[i]), _value(_members[i]));
-  }
+  auto& members = entry.get_ref<Document::object_t&>();
+  members.reserve(_rows[row].members);
+  for (const Member& member : _members_of(_rows[row])) members.emplace(_key(member), _value(member));
   return entry;
-}
-
-bool FileEntry::empty() const noexcept {
-  if (_table != nullptr) return _table->members_of(_row) == 0;
-  return _value == nullptr || _value->empty();
-}
-
-Document FileEntry::value(std::string_view key) const {
-  if (_table != nullptr) return _table->value(_row, key);
-  const Document* const member = _value != nullptr ? find_member(*_value, key) : nullptr;
-  return member != nullptr ? *member : Document();
-}
-
-std::optional<std::string_view> FileEntry::text(std::string_view key) const noexcept {
-  if (_table != nullptr) return _table->text(_row, key);
-  const Document* const member = _value != nullptr ? find_member(*_value, key) : nullptr;
-  if (member == nullptr || !member->is_string()) return std::nullopt;
-  return member->get_ref<const std::string&>();
-}
-
-std::string FileEntry::plain_text(std::string_view key) const {
-  if (const auto known = text(key)) return std::string(*known);
-  const Document member = value(key);
-  return sync::text::truthy(member) ? sync::text::str(member) : std::string();
-}
-
-Document FileEntry::document() const {
-  if (_table != nullptr) return _table->document(_row);
-  return _value != nullptr ? *_value : Document::object();
-}
-
-std::size_t ManifestEntries::size() const noexcept {
-  if (_table != nullptr) return _table->size();
-  return _files != nullptr ? _files->size() : 0;
-}
-
-ManifestEntries::value_type ManifestEntries::operator[](std::size_t index) const noexcept {
-  if (_table != nullptr) return {_table->path(index), FileEntry(*_table, index)};
-  const auto& [path, entry] = *(_files->begin() + index);
-  return {path, FileEntry(entry)};
-}
-
-std::optional<FileEntry> ManifestEntries::find(std::string_view path) const noexcept {
-  if (_table != nullptr) {
-    const auto row = _table->find(path);
-    return row ? std::optional<FileEntry>(std::in_place, *_table, *row) : std::nullopt;
-  }
-  if (_files == nullptr) return std::nullopt;
-  const auto entry = _files->find(path);
-  return entry != _files->end() ? std::optional<FileEntry>(std::in_place, entry->second) : std::nullopt;
 }
 
 }  // namespace tidalcrest::sync

@@ -17,7 +17,7 @@ namespace {
 
 using client_manifest::PinnedRoot;
 
-/// The living selections. Parsing a large manifest costs a hundred times what comparing its bytes does, and
+/// The living selections. Parsing a large manifest costs many times what comparing its bytes does, and
 /// readers load the same cohort again and again; the same two files give the same selection.
 class ParsedSelections {
  public:

@@ -17,6 +17,15 @@ ParsedManifest::ParsedManifest(std::shared_ptr<const Document> whole)
 ParsedManifest::ParsedManifest(std::shared_ptr<const std::string> text)
     : _text(std::move(text)), _table(_text) {}
 
+ParsedManifest::ParsedManifest(const ParsedManifest& from, Document head, FileTable table)
+    : _text(from._text),
+      _head(std::move(head)),
+      _table(std::move(table)),
+      _has_files(from._has_files),
+      _members_before_files(from._members_before_files) {
+  if (_has_files) _entries = ManifestEntries(_table);
+}
+
 SharedManifest ParsedManifest::of_plain_text(std::shared_ptr<const std::string> text) {
   const std::shared_ptr<ParsedManifest> manifest(new ParsedManifest(std::move(text)));
   return manifest->_read_plain_text() ? manifest : nullptr;
@@ -30,6 +39,7 @@ bool ParsedManifest::_read_plain_text() {
   const bool plain = reader.members([&](std::string_view name) {
     if (name == "files") {
       if (std::exchange(_has_files, true) || reader.next() != '{') return false;
+      _members_before_files = head.size();
       return _table.read(reader);
     }
     const auto [member, fresh] = head.emplace(name);
@@ -39,10 +49,28 @@ bool ParsedManifest::_read_plain_text() {
   return plain && reader.at_end();
 }
 
+Document ParsedManifest::document() const {
+  if (_whole) return *_whole;
+  if (!_has_files) return _head;
+  Document files = Document::object();
+  files.get_ref<Document::object_t&>().reserve(_entries.size());
+  for (const auto& [path, entry] : _entries)
+    files.get_ref<Document::object_t&>().emplace(path, entry.document());
+
+  Document document = Document::object();
+  auto& members = document.get_ref<Document::object_t&>();
+  for (const auto& [name, value] : _head.get_ref<const Document::object_t&>()) {
+    if (members.size() == _members_before_files) members.emplace("files", std::move(files));
+    members.emplace(name, value);
+  }
+  members.emplace("files", std::move(files));  // where they are the last
+  return document;
+}
+
 const Document& ParsedManifest::whole() const {
   if (_whole) return *_whole;
-  std::call_once(_whole_asked, [this] { _whole_of_text = parse_strict_json(*_text); });
-  return _whole_of_text;
+  std::call_once(_whole_asked, [this] { _whole_of_table = document(); });
+  return _whole_of_table;
 }
 
 }  // namespace tidalcrest::sync
