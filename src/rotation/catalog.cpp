@@ -145,10 +145,9 @@ Artifacts _rotation_manifest_artifacts(const Manifest& manifest) {
   _rotation_artifact_rows(manifest, [&](std::string_view file_path, const FileEntry& file_info) {
     if (manifest_file_kind(file_info) == "signals_index" || _manifest_file_is_sync_excluded(file_info))
       return;
-    ArtifactDescriptor& artifact =
-        rows_are_the_manifests
-            ? catalog.add(file_path, file_info)
-            : catalog.add(catalog.keep(std::string(file_path)), catalog.keep(file_info.document()));
+    ArtifactDescriptor& artifact = rows_are_the_manifests ? catalog.add(file_path, file_info)
+                                                          : catalog.add(catalog.keep(std::string(file_path)),
+                                                                        catalog.keep(file_info.document()));
     _fill_legacy_scope(artifact, legacy_scope, catalog);
   });
   return catalog.artifacts();

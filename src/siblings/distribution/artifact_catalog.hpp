@@ -21,7 +21,8 @@ class ArtifactCatalog {
   std::string_view keep(std::string text);
   FileEntry keep(Document entry);
 
-  /// The path and the entry are the manifest's own, or kept. The reference is good until the next one is added.
+  /// The path and the entry are the manifest's own, or kept. The reference is good until the next one is
+  /// added.
   ArtifactDescriptor& add(std::string_view file_path, const FileEntry& file_info,
                           const KindSet& feature_kinds = FEATURE_ARTIFACT_KINDS());
   /// In the order in which they were added.

@@ -17,8 +17,8 @@ using KindSet = std::set<std::string, std::less<>>;
 /// The kinds that count as feature artifacts.
 const KindSet& FEATURE_ARTIFACT_KINDS();
 
-/// What rotation knows of one file. Unknown texts are empty, an unknown size is 0. The texts live as long as what
-/// the descriptor was made from (see `ArtifactCatalog`).
+/// What rotation knows of one file. Unknown texts are empty, an unknown size is 0. The texts live as long as
+/// what the descriptor was made from (see `ArtifactCatalog`).
 struct ArtifactDescriptor {
   std::string_view relative_path;
   std::string_view kind;
@@ -31,8 +31,8 @@ struct ArtifactDescriptor {
   std::string_view subfamily;
 };
 
-/// Descriptors are made once per manifest, by an `ArtifactCatalog`, and shared by every list that names them; each
-/// keeps what its texts refer to. Never null.
+/// Descriptors are made once per manifest, by an `ArtifactCatalog`, and shared by every list that names them;
+/// each keeps what its texts refer to. Never null.
 using Artifact = std::shared_ptr<const ArtifactDescriptor>;
 using Artifacts = std::vector<Artifact>;
 

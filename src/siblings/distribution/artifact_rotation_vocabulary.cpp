@@ -35,8 +35,7 @@ FeatureNames features_by_place(const std::string& universe,
     const auto slash = path.find('/', directory.size());
     ArtifactDescriptor artifact;
     if (slash != std::string::npos)
-      artifact.named_universe =
-          std::string_view(path).substr(directory.size(), slash - directory.size());
+      artifact.named_universe = std::string_view(path).substr(directory.size(), slash - directory.size());
     if (universe.empty() || serves_named_universe(artifact, universe)) names.insert(feature_name_of(path));
   }
   return names;
@@ -49,7 +48,8 @@ FeatureNames held_features(const std::string& universe,
   FeatureNames names;
   for (const auto& artifact : manifest_artifacts) {
     if (artifact->artifact_kind != "feature") continue;
-    if (!artifact->mandatory && !active_relative_paths.contains(std::string(artifact->relative_path))) continue;
+    if (!artifact->mandatory && !active_relative_paths.contains(std::string(artifact->relative_path)))
+      continue;
     if (universe.empty() || serves_named_universe(*artifact, universe)) {
       names.insert(feature_name_of(artifact->relative_path));
     }

@@ -52,19 +52,22 @@ bool ParsedManifest::_read_plain_text() {
 Document ParsedManifest::document() const {
   if (_whole) return *_whole;
   if (!_has_files) return _head;
-  Document files = Document::object();
-  files.get_ref<Document::object_t&>().reserve(_entries.size());
-  for (const auto& [path, entry] : _entries)
-    files.get_ref<Document::object_t&>().emplace(path, entry.document());
-
   Document document = Document::object();
   auto& members = document.get_ref<Document::object_t&>();
-  for (const auto& [name, value] : _head.get_ref<const Document::object_t&>()) {
-    if (members.size() == _members_before_files) members.emplace("files", std::move(files));
-    members.emplace(name, value);
-  }
-  members.emplace("files", std::move(files));  // where they are the last
+  const auto& head = _head.get_ref<const Document::object_t&>();
+  const auto* const behind_files = head.begin() + _members_before_files;
+  members.insert(head.begin(), behind_files);
+  members.emplace("files", _files());
+  members.insert(behind_files, head.end());
   return document;
+}
+
+Document ParsedManifest::_files() const {
+  Document files = Document::object();
+  auto& members = files.get_ref<Document::object_t&>();
+  members.reserve(_entries.size());
+  for (const auto& [path, entry] : _entries) members.emplace(path, entry.document());
+  return files;
 }
 
 const Document& ParsedManifest::whole() const {

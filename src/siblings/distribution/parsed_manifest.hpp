@@ -55,6 +55,7 @@ class ParsedManifest {
   explicit ParsedManifest(std::shared_ptr<const std::string> text);
   ParsedManifest(const ParsedManifest& from, Document head, FileTable table);
   bool _read_plain_text();
+  Document _files() const;
 
   const std::shared_ptr<const Document> _whole;
   const std::shared_ptr<const std::string> _text;
