@@ -95,6 +95,14 @@ def test_manifest_files_are_converted_when_asked_for(manager):
     assert pickle.loads(pickle.dumps(unread)) == copy.deepcopy(unread) == {**unread} == plain
 
 
+def test_files_of_a_dict_may_be_odd():
+    odd = tc.Manifest({"era_number": 1, "files": {"a": None, "b": 5}}).files
+    assert next(iter(odd)) == "a" and odd["b"] == 5 and odd["a"] is None and 5 not in odd
+    with pytest.raises(KeyError):
+        odd[5]
+    assert tc.Manifest({"era_number": 1}).files == {}
+
+
 def test_threads_share_the_files_of_a_manifest():
     plain = {f"features/u1/signal_is/{i}.arrow": {"kind": "feature", "size_bytes": i} for i in range(300)}
 

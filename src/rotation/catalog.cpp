@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
 #include <set>
 #include <unordered_set>
+#include <utility>
 
 #include "host/integer.hpp"
 #include "host/json.hpp"
@@ -49,34 +49,28 @@ void visit_artifact_section(const Document& raw_artifacts, const ManifestEntries
     const std::string file_path = text::str(*named);
     const auto entry = entries.find(file_path);
     if (!entry || !entry->is_object()) {
-      visit(file_path, raw);
+      visit({file_path, raw, /*is_the_manifests=*/false});
       continue;
     }
     Document merged = entry->document();
     for (const auto& [key, value] : raw.get_ref<const Document::object_t&>()) merged[key] = value;
-    visit(file_path, merged);
+    visit({file_path, merged, /*is_the_manifests=*/false});
   }
 }
 
 void visit_files_in_path_order(const ManifestEntries& entries, const RotationRowVisitor& visit) {
   const auto by_path = [](const auto& a, const auto& b) { return a.first < b.first; };
   if (std::is_sorted(entries.begin(), entries.end(), by_path)) {  // as distributions list them, mostly
-    for (const auto& [path, file_info] : entries) visit(path, file_info);
+    for (const auto& [path, file_info] : entries) visit({path, file_info, /*is_the_manifests=*/true});
     return;
   }
   std::vector<ManifestEntries::value_type> sorted(entries.begin(), entries.end());
   std::sort(sorted.begin(), sorted.end(), by_path);
-  for (const auto& [path, file_info] : sorted) visit(path, file_info);
+  for (const auto& [path, file_info] : sorted) visit({path, file_info, /*is_the_manifests=*/true});
 }
 
 bool is_rotatable_feature(const ArtifactDescriptor& artifact) {
   return !artifact.mandatory && artifact.artifact_kind == "feature";
-}
-
-// Null unless the manifest has a list of its own of what rotation may choose.
-const Document* artifact_section(const Manifest& manifest) {
-  const Document* raw_artifacts = find_member(manifest.head(), "artifacts");
-  return raw_artifacts != nullptr && raw_artifacts->is_array() ? raw_artifacts : nullptr;
 }
 
 std::optional<PinnedRoot> pinned_if_present(const std::string& data_dir) {
@@ -90,8 +84,10 @@ std::optional<PinnedRoot> pinned_if_present(const std::string& data_dir) {
 }  // namespace
 
 void _rotation_artifact_rows(const Manifest& manifest, const RotationRowVisitor& visit) {
-  if (const Document* section = artifact_section(manifest)) {
-    visit_artifact_section(*section, manifest.entries(), visit);  // final, even an empty one
+  // A list is final, even an empty one.
+  const Document* raw_artifacts = find_member(manifest.head(), "artifacts");
+  if (raw_artifacts != nullptr && raw_artifacts->is_array()) {
+    visit_artifact_section(*raw_artifacts, manifest.entries(), visit);
   } else {
     visit_files_in_path_order(manifest.entries(), visit);
   }
@@ -140,17 +136,16 @@ std::string _rotation_manifest_default_market(const Document& manifest_data) {
 
 Artifacts _rotation_manifest_artifacts(const Manifest& manifest) {
   const RotationLegacyScope legacy_scope = _rotation_legacy_scope(manifest.head());
-  const bool rows_are_the_manifests = artifact_section(manifest) == nullptr;
-  ArtifactCatalog catalog(manifest.parsed(), rows_are_the_manifests ? manifest.entries().size() : 0);
-  _rotation_artifact_rows(manifest, [&](std::string_view file_path, const FileEntry& file_info) {
+  ArtifactCatalog catalog(manifest.parsed(), manifest.entries().size());
+  _rotation_artifact_rows(manifest, [&](const RotationRow& row) {
+    const auto& [file_path, file_info, is_the_manifests] = row;
     if (manifest_file_kind(file_info) == "signals_index" || _manifest_file_is_sync_excluded(file_info))
       return;
-    ArtifactDescriptor& artifact = rows_are_the_manifests ? catalog.add(file_path, file_info)
-                                                          : catalog.add(catalog.keep(std::string(file_path)),
-                                                                        catalog.keep(file_info.document()));
+    ArtifactDescriptor& artifact =
+        is_the_manifests ? catalog.add(file_path, file_info) : catalog.add_copy(file_path, file_info);
     _fill_legacy_scope(artifact, legacy_scope, catalog);
   });
-  return catalog.artifacts();
+  return std::move(catalog).artifacts();
 }
 
 bool _rotation_artifacts_require_scoped_settings(const Artifacts& artifacts) {
@@ -230,10 +225,10 @@ RotationPlan _rotation_plan_with_required_paths(RotationPlan rotation_plan, cons
     if (_manifest_file_is_sync_excluded(*file_info)) {
       throw SyncError("required cohort artifact is excluded from sync: " + path);
     }
-    _fill_legacy_scope(catalog.add(catalog.keep(path), *file_info), legacy_scope, catalog);
+    _fill_legacy_scope(catalog.add_copy(path, *file_info), legacy_scope, catalog);
     active.insert(path);
   }
-  for (const Artifact& artifact : catalog.artifacts()) {
+  for (const Artifact& artifact : std::move(catalog).artifacts()) {
     (artifact->mandatory ? selection.mandatory_artifacts : selection.rotatable_artifacts).push_back(artifact);
   }
   selection.rebuild_active_relative_paths();

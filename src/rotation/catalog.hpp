@@ -21,10 +21,15 @@ using artifact_rotation::Artifacts;
 using artifact_rotation::RotationPlan;
 using RotationSelection = artifact_rotation::Selection;
 
-/// Shows every row of the catalog to `visit`: the entries of the manifest's "artifacts" list in its order,
-/// each laid over the `files` entry of its path; without such a list the `files` in path order. The entry is
-/// the manifest's own wherever nothing has to be laid over it, and is valid during the call only.
-using RotationRowVisitor = std::function<void(std::string_view file_path, const FileEntry& file_info)>;
+/// One row of the catalog.
+struct RotationRow {
+  std::string_view file_path;
+  FileEntry file_info;
+  bool is_the_manifests;  ///< path and entry live as long as the manifest; otherwise during the visit only
+};
+/// Shows every row to `visit`: the entries of the manifest's "artifacts" list in its order, each laid over
+/// the `files` entry of its path; without such a list the `files` in path order.
+using RotationRowVisitor = std::function<void(const RotationRow& row)>;
 void _rotation_artifact_rows(const Manifest& manifest, const RotationRowVisitor& visit);
 
 /// What stands in for the scope that the feature entries of older manifests leave open.

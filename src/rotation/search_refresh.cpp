@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <map>
-#include <unordered_set>
 
 #include "host/json.hpp"
+#include "host/path_set.hpp"
 #include "host/text.hpp"
 #include "tidalcrest/sync/errors.hpp"
 
@@ -24,8 +24,7 @@ const Document& document_of_universe(const Vocabularies& vocabulary, const std::
 class VocabularyScoper {
  public:
   VocabularyScoper(const RotationState& rotation_state, const Manifest* manifest)
-      : _active_paths(rotation_state.active_relative_paths.begin(),
-                      rotation_state.active_relative_paths.end()) {
+      : _paths(rotation_state.active_relative_paths), _active_paths(_paths.begin(), _paths.end()) {
     if (manifest != nullptr) _manifest_artifacts = _rotation_manifest_artifacts(*manifest);
   }
 
@@ -39,7 +38,8 @@ class VocabularyScoper {
   }
 
  private:
-  const std::unordered_set<std::string> _active_paths;
+  const PathList _paths;
+  const PathSet _active_paths;
   Artifacts _manifest_artifacts;
   std::map<const Document*, std::shared_ptr<const Document>> _scoped;
 };

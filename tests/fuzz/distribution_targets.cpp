@@ -14,6 +14,7 @@
 #include "manifest/identity.hpp"
 #include "manifest/paths.hpp"
 #include "manifest/persistence.hpp"
+#include "manifest/sanitising.hpp"
 #include "rotation/catalog.hpp"
 #include "rotation/planner.hpp"
 #include "rotation/search_refresh.hpp"
@@ -103,6 +104,9 @@ void feed_manifest(std::string_view bytes) {
   const auto parsed = _parse_full_distribution_manifest(text, "fuzzed manifest");
   check_same_document(*parsed, _parse_full_distribution_manifest_bytes(bytes, "fuzzed manifest"));
   const Manifest manifest(parsed);
+  const auto served = std::make_shared<const Document>(parsed->document());
+  require(manifest.data().dump() == _sanitize_manifest_data_for_sync(served)->dump(),
+          "a text and a document are sanitised to two manifests");
   check_declared_files(manifest);
   _require_manifest_market_identity(manifest, 1, "fuzzed manifest");
   const FeaturePaths paths(manifest);

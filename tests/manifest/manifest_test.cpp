@@ -110,11 +110,15 @@ TEST(Sanitising, IsTheSameForATextAsForADocument) {
       {R"("keep": {})", R"(, "artifacts": [{"path": "d", "kind": "risk_module"}, {"path": "keep"}])"},
       {R"("found_signals/u/s/is/pnl_long.arrow": {}, "keep": {})", sections},
       {R"("found_signals/u/s/is/pnl_long.arrow": {"kind": "vault_declaration"})", sections},
+      {R"("x.pxd": {}, "m": {"kind": "old_module"}, "found_strategies/u/s/is/pnl.long.arrow": {}, "keep": {})",
+       R"(, "artifacts": [{"path": "m", "kind": "old_module"}], "found_signals": {}, "useful_signals": {},
+          "found_strategies": {"t": {"files": ["keep", "found_strategies/u/s/is/pnl.long.arrow"]}})"},
   };
   for (const auto& [files, more] : cases) {
-    for (const std::string& text :
-         {R"({"files": {)" + std::string(files) + R"(}, "era_number": 1)" + more + "}",
-          R"({"era_number": 1)" + more + R"(, "files": {)" + std::string(files) + "}}"}) {
+    const std::string all = "\"files\": {" + std::string(files) + "}";
+    const std::string era = "\"era_number\": 1";
+    for (const std::string& text : {"{" + all + ", " + era + more + "}", "{" + era + more + ", " + all + "}",
+                                    "{" + era + ", " + all + more + "}", "{" + era + more + "}"}) {
       const auto parsed = ParsedManifest::of_plain_text(std::make_shared<const std::string>(text));
       ASSERT_NE(parsed, nullptr) << text;
       const Manifest of_text(parsed);

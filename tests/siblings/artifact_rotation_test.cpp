@@ -10,16 +10,16 @@ namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
 // Keeps alive what it was made from.
-Artifact artifact_of(const std::string& path, Document entry) {
+Artifact artifact_of(const std::string& path, const Document& entry) {
   ArtifactCatalog catalog(nullptr);
-  catalog.add(catalog.keep(path), catalog.keep(std::move(entry)));
-  return catalog.artifacts().front();
+  catalog.add_copy(path, entry);
+  return std::move(catalog).artifacts().front();
 }
 
 Artifact feature(const std::string& path, std::int64_t size = 10, const Document& more = Document::object()) {
   Document entry = {{"kind", "feature"}, {"size_bytes", size}};
   entry.update(more);
-  return artifact_of(path, std::move(entry));
+  return artifact_of(path, entry);
 }
 
 Artifact file(const std::string& path, std::int64_t size = 10) {

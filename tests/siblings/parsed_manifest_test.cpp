@@ -83,14 +83,19 @@ TEST(ParsedManifest, IsADocumentWhereTheTextIsNotPlain) {
 }
 
 TEST(ParsedManifest, FailsAsItsDocumentDoes) {
-  for (
-      const char* text :
-      {"", "[]", "{", R"({"files": {"a": {}, "a": {}}})", R"({"files": {"a": {"b": 1, "b": 1}}})",
-       R"({"files": {}, "files": {}})", R"({"files": null})", R"({"files": {"a": 1}})",
-       R"({"files": {"a": {}}} x)", R"({"version": 1, "files": {}, "version": 2})",
-       R"({"files": {"../a": {}}})", R"({"files": {"a": {"b":}}})", R"({"files": {"a": {}, "a/b": {}}})",
-       "{\"files\": {\"a\": {\"b\": \"\xff\"}}}", "\xef\xbb\xbf{}",
-       R"({"files": {"a": {"b": [[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[1]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]]}}})"}) {
+  const auto nested = [](const char* begin, int depth, const char* end) {
+    return begin + std::string(depth, '[') + std::string(depth, ']') + end;
+  };
+  // As a number of 16 bits, the length of this path would be that of a good one.
+  const std::string too_long = R"({"files": {")" + std::string(65536 + 4, 'a') + R"(": {}}})";
+  const std::string too_deep = nested(R"({"x": )", 64, "}");
+  const std::string entry_too_deep = nested(R"({"files": {"a": {"b": )", 62, "}}}");
+  for (const std::string& text : std::vector<std::string>{
+           "", "[]", "{", R"({"files": {"a": {}, "a": {}}})", R"({"files": {"a": {"b": 1, "b": 1}}})",
+           R"({"files": {}, "files": {}})", R"({"files": null})", R"({"files": {"a": 1}})",
+           R"({"files": {"a": {}}} x)", R"({"version": 1, "files": {}, "version": 2})",
+           R"({"files": {"../a": {}}})", R"({"files": {"a": {"b":}}})", R"({"files": {"a": {}, "a/b": {}}})",
+           "{\"files\": {\"a\": {\"b\": \"\xff\"}}}", "\xef\xbb\xbf{}", too_long, too_deep, entry_too_deep}) {
     const std::string failure =
         failure_of([&] { parse_distribution_manifest_bytes(text, "served manifest"); });
     EXPECT_NE(failure, "nothing") << text;

@@ -25,6 +25,7 @@ class FileEntry {
   FileEntry(const Document& value) noexcept : _value(&value) {}
   FileEntry(const Document&& value) = delete;
   FileEntry(const FileTable& table, std::size_t row) noexcept : _table(&table), _row(row) {}
+  FileEntry(const FileTable&& table, std::size_t row) = delete;
 
   bool is_none() const noexcept { return _value == nullptr && _table == nullptr; }
   bool is_null() const noexcept { return _value != nullptr && _value->is_null(); }
@@ -78,7 +79,9 @@ class ManifestEntries {
   /// None where `files` is no object.
   explicit ManifestEntries(const Document& files) noexcept
       : _files(files.is_object() ? &files.get_ref<const Document::object_t&>() : nullptr) {}
+  explicit ManifestEntries(const Document&& files) = delete;
   explicit ManifestEntries(const FileTable& table) noexcept : _table(&table) {}
+  explicit ManifestEntries(const FileTable&& table) = delete;
 
   std::size_t size() const noexcept;
   bool empty() const noexcept { return size() == 0; }

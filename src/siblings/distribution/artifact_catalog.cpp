@@ -1,7 +1,6 @@
 #include "siblings/distribution/artifact_catalog.hpp"
 
 #include <algorithm>
-#include <cstddef>
 #include <deque>
 #include <iterator>
 #include <utility>
@@ -10,14 +9,13 @@
 namespace tidalcrest::sync::artifact_rotation {
 namespace {
 
-constexpr std::ptrdiff_t RECENT_TEXTS = 4;
+constexpr std::ptrdiff_t RECENT_TEXTS = 8;  // more than one artifact has
 
 }  // namespace
 
 struct ArtifactCatalog::Contents {
   SharedManifest manifest;
-  std::deque<std::string> texts;  // neither moves what it holds when it grows
-  std::deque<Document> entries;
+  std::deque<std::string> texts;  // does not move what it holds when it grows
   std::vector<ArtifactDescriptor> descriptors;
 };
 
@@ -27,26 +25,34 @@ ArtifactCatalog::ArtifactCatalog(SharedManifest manifest, std::size_t expected)
   _contents->descriptors.reserve(expected);
 }
 
-std::string_view ArtifactCatalog::keep(std::string text) {
+ArtifactDescriptor& ArtifactCatalog::add(std::string_view file_path, const FileEntry& file_info) {
+  return _contents->descriptors.emplace_back(
+      artifact_descriptor_from_manifest_file(file_path, file_info, FEATURE_ARTIFACT_KINDS()));
+}
+
+ArtifactDescriptor& ArtifactCatalog::add_copy(std::string_view file_path, const FileEntry& file_info) {
+  ArtifactDescriptor& artifact = add(file_path, file_info);
+  for (std::string_view* text :
+       {&artifact.relative_path, &artifact.kind, &artifact.artifact_kind, &artifact.market,
+        &artifact.named_universe, &artifact.family, &artifact.subfamily}) {
+    *text = keep(*text);
+  }
+  return artifact;
+}
+
+std::string_view ArtifactCatalog::keep(std::string_view text) {
   auto& texts = _contents->texts;
   // Neighbours mostly say the same.
   const auto recent = texts.end() - std::min<std::ptrdiff_t>(RECENT_TEXTS, std::ssize(texts));
   const auto known = std::find(recent, texts.end(), text);
-  return known != texts.end() ? *known : texts.emplace_back(std::move(text));
+  return known != texts.end() ? *known : texts.emplace_back(text);
 }
 
-FileEntry ArtifactCatalog::keep(Document entry) { return _contents->entries.emplace_back(std::move(entry)); }
-
-ArtifactDescriptor& ArtifactCatalog::add(std::string_view file_path, const FileEntry& file_info,
-                                         const KindSet& feature_kinds) {
-  return _contents->descriptors.emplace_back(
-      artifact_descriptor_from_manifest_file(file_path, file_info, feature_kinds));
-}
-
-Artifacts ArtifactCatalog::artifacts() const {
+Artifacts ArtifactCatalog::artifacts() && {
+  const std::shared_ptr<const Contents> contents = std::move(_contents);
   Artifacts artifacts;
-  artifacts.reserve(_contents->descriptors.size());
-  for (const auto& descriptor : _contents->descriptors) artifacts.emplace_back(_contents, &descriptor);
+  artifacts.reserve(contents->descriptors.size());
+  for (const auto& descriptor : contents->descriptors) artifacts.emplace_back(contents, &descriptor);
   return artifacts;
 }
 

@@ -10,23 +10,25 @@
 
 namespace tidalcrest::sync::artifact_rotation {
 
-/// Makes the artifacts of one manifest, in one piece of memory with all that their texts refer to: every
-/// artifact keeps the whole of it alive. Not thread-safe while it is filled.
+/// Makes artifacts of one manifest, in one piece of memory with all that their texts refer to: every artifact
+/// keeps the whole of it alive. Not thread-safe.
 class ArtifactCatalog {
  public:
   /// `manifest` may be null; `expected` artifacts get their memory at once.
   explicit ArtifactCatalog(SharedManifest manifest, std::size_t expected = 0);
+  ArtifactCatalog(const ArtifactCatalog&) = delete;
+  ArtifactCatalog& operator=(const ArtifactCatalog&) = delete;
 
-  /// Texts and entries that are not the manifest's own, for as long as any artifact.
-  std::string_view keep(std::string text);
-  FileEntry keep(Document entry);
+  /// Adds an artifact whose path and entry are the manifest's own. The reference is good until the next one
+  /// is added.
+  ArtifactDescriptor& add(std::string_view file_path, const FileEntry& file_info);
+  /// The same for a path and an entry that nobody keeps: their texts are copied.
+  ArtifactDescriptor& add_copy(std::string_view file_path, const FileEntry& file_info);
+  /// A copy of a text, for as long as any artifact.
+  std::string_view keep(std::string_view text);
 
-  /// The path and the entry are the manifest's own, or kept. The reference is good until the next one is
-  /// added.
-  ArtifactDescriptor& add(std::string_view file_path, const FileEntry& file_info,
-                          const KindSet& feature_kinds = FEATURE_ARTIFACT_KINDS());
-  /// In the order in which they were added.
-  Artifacts artifacts() const;
+  /// In the order in which they were added; nothing can be added any more.
+  Artifacts artifacts() &&;
 
  private:
   struct Contents;

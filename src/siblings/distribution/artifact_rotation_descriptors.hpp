@@ -31,8 +31,8 @@ struct ArtifactDescriptor {
   std::string_view subfamily;
 };
 
-/// Descriptors are made once per manifest, by an `ArtifactCatalog`, and shared by every list that names them;
-/// each keeps what its texts refer to. Never null.
+/// Descriptors are made by an `ArtifactCatalog`, for a whole manifest at once, and shared by every list that
+/// names them; each keeps what its texts refer to. Never null.
 using Artifact = std::shared_ptr<const ArtifactDescriptor>;
 using Artifacts = std::vector<Artifact>;
 

@@ -26,8 +26,7 @@ std::string universe_of(const Document& vocabulary) {
 }
 
 // Without a manifest nothing but its place tells what a file is: "features/{universe}/.../{name}.arrow".
-FeatureNames features_by_place(const std::string& universe,
-                               const std::unordered_set<std::string>& active_relative_paths) {
+FeatureNames features_by_place(const std::string& universe, const PathSet& active_relative_paths) {
   static constexpr std::string_view directory = "features/";
   FeatureNames names;
   for (const auto& path : active_relative_paths) {
@@ -35,21 +34,19 @@ FeatureNames features_by_place(const std::string& universe,
     const auto slash = path.find('/', directory.size());
     ArtifactDescriptor artifact;
     if (slash != std::string::npos)
-      artifact.named_universe = std::string_view(path).substr(directory.size(), slash - directory.size());
+      artifact.named_universe = path.substr(directory.size(), slash - directory.size());
     if (universe.empty() || serves_named_universe(artifact, universe)) names.insert(feature_name_of(path));
   }
   return names;
 }
 
-FeatureNames held_features(const std::string& universe,
-                           const std::unordered_set<std::string>& active_relative_paths,
+FeatureNames held_features(const std::string& universe, const PathSet& active_relative_paths,
                            const Artifacts& manifest_artifacts) {
   if (manifest_artifacts.empty()) return features_by_place(universe, active_relative_paths);
   FeatureNames names;
   for (const auto& artifact : manifest_artifacts) {
     if (artifact->artifact_kind != "feature") continue;
-    if (!artifact->mandatory && !active_relative_paths.contains(std::string(artifact->relative_path)))
-      continue;
+    if (!artifact->mandatory && !active_relative_paths.contains(artifact->relative_path)) continue;
     if (universe.empty() || serves_named_universe(*artifact, universe)) {
       names.insert(feature_name_of(artifact->relative_path));
     }
@@ -83,8 +80,7 @@ Document scoped_features(const Document& features, const FeatureNames& held) {
 
 }  // namespace
 
-Document scope_vocabulary_to_active_rotation(const Document& vocabulary,
-                                             const std::unordered_set<std::string>& active_relative_paths,
+Document scope_vocabulary_to_active_rotation(const Document& vocabulary, const PathSet& active_relative_paths,
                                              const Artifacts& manifest_artifacts) {
   const Document* features = find_member(vocabulary, "features");
   if (features == nullptr) throw VocabularyScopeError("vocabulary must be an object with features");

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <string>
-#include <unordered_set>
-
+#include "host/path_set.hpp"
 #include "siblings/distribution/artifact_rotation_descriptors.hpp"
 #include "tidalcrest/sync/document.hpp"
 
@@ -11,8 +9,7 @@ namespace tidalcrest::sync::artifact_rotation {
 /// A copy of the vocabulary whose `features` (an object keyed by feature name, or a list of names or of
 /// objects with a `name`) holds only those that have an active or mandatory file in the vocabulary's
 /// universe. `VocabularyScopeError` for another shape.
-Document scope_vocabulary_to_active_rotation(const Document& vocabulary,
-                                             const std::unordered_set<std::string>& active_relative_paths,
+Document scope_vocabulary_to_active_rotation(const Document& vocabulary, const PathSet& active_relative_paths,
                                              const Artifacts& manifest_artifacts);
 
 }  // namespace tidalcrest::sync::artifact_rotation

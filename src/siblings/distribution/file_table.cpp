@@ -11,17 +11,17 @@ bool FileTable::read(PlainJsonReader& reader) {
       [&](std::string_view path) { return reader.next() == '{' && _read_entry(reader, path); });
   if (!plain || !_index()) return false;
   _rows.shrink_to_fit();
-  _members.shrink_to_fit();
+  _members->shrink_to_fit();
   return true;
 }
 
 bool FileTable::_read_entry(PlainJsonReader& reader, std::string_view path) {
   if (path.size() > PATH_BYTES_LIMIT) return false;
-  Row row{_place(path), static_cast<Place>(_members.size()), static_cast<std::uint16_t>(path.size()), 0};
+  Row row{_place(path), static_cast<Place>(_members->size()), static_cast<std::uint16_t>(path.size()), 0};
   const bool plain = reader.members([&](std::string_view key) {
     if (row.members == MEMBERS_LIMIT || _find_member(row, key) != nullptr) return false;
     reader.next();
-    _members.push_back({_place(key), static_cast<Place>(reader.position())});
+    _members->push_back({_place(key), static_cast<Place>(reader.position())});
     ++row.members;
     return reader.skip_value(ENTRY_DEPTH);
   });

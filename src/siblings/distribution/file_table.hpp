@@ -41,6 +41,7 @@ class FileTable {
   FileTable without(Predicate is_unwanted) const {
     FileTable kept(_text);
     kept._members = _members;
+    kept._rows.reserve(size());
     for (std::size_t row = 0; row < size(); ++row) {
       if (!is_unwanted(row)) kept._rows.push_back(_rows[row]);
     }
@@ -69,7 +70,7 @@ class FileTable {
   bool _index();
   std::size_t _slot_of(std::string_view path) const noexcept;
   std::span<const Member> _members_of(const Row& row) const noexcept {
-    return {_members.data() + row.first_member, row.members};
+    return {_members->data() + row.first_member, row.members};
   }
   std::string_view _key(const Member& member) const noexcept { return _quoted(member.key_begin); }
   std::string_view _quoted(std::size_t begin) const noexcept {
@@ -83,8 +84,9 @@ class FileTable {
 
   std::shared_ptr<const std::string> _text;
   std::vector<Row> _rows;
-  std::vector<Member> _members;  // of all rows, row by row
-  std::vector<Place> _slots;     // open addressing: a row, or `FREE`; a power of two, at most half full
+  std::shared_ptr<std::vector<Member>> _members =
+      std::make_shared<std::vector<Member>>();  // shared by tables of one text
+  std::vector<Place> _slots;  // open addressing: a row, or `FREE`; a power of two, at most half full
 };
 
 }  // namespace tidalcrest::sync

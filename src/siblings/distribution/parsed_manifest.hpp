@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -15,8 +16,9 @@ namespace tidalcrest::sync {
 class ParsedManifest;
 using SharedManifest = std::shared_ptr<const ParsedManifest>;
 
-/// A manifest as it was parsed. A plain text is kept as it is, with a table of its `files`; everything else,
-/// and what was never a text, is kept as a document. Immutable; reading is thread-safe.
+/// A manifest as it was parsed. A plain text is kept as it is, with a table of its `files` (which may leave
+/// out what is not wanted); everything else, and what was never a text, is kept as a document. Immutable;
+/// reading is thread-safe.
 class ParsedManifest {
  public:
   /// Takes a document of any shape; nothing is checked.
@@ -46,6 +48,7 @@ class ParsedManifest {
   /// and with another head; the keys of that are the same.
   template <class Predicate>
   SharedManifest rewritten(Document head, Predicate is_dropped) const {
+    assert(_text);
     auto table =
         _table.without([&](std::size_t row) { return is_dropped(_table.path(row), FileEntry(_table, row)); });
     return SharedManifest(new ParsedManifest(*this, std::move(head), std::move(table)));
