@@ -47,7 +47,8 @@ keep() { # target
 sources_of() { # target
   case $1 in
     manifest) echo src/manifest/{identity,manifest,feature_paths,sanitising}.cpp src/rotation/{catalog,planner}.cpp \
-      src/siblings/distribution/{manifest_document,artifact_rotation_{accounting,descriptors,generator,plan,vocabulary}}.cpp ;;
+      src/siblings/distribution/{manifest_document,manifest_entries,parsed_manifest,file_table}.cpp \
+      src/siblings/distribution/{artifact_catalog,artifact_rotation_{accounting,descriptors,generator,plan,vocabulary}}.cpp ;;
     paths) echo src/manifest/paths.cpp src/siblings/distribution/manifest_document.cpp ;;
     signals_index) echo src/siblings/distribution/accepted_set.cpp ;;
     vocabulary) echo src/artifacts/{functions_file,retired_tokens,vocabulary}.cpp src/siblings/functions/vocabulary.cpp ;;
