@@ -70,11 +70,12 @@ def listed_files(manifest):
 
 def take_memory(directory, count):
     """Writes and removes one file of so many bytes. A virtual machine is given a page when it first writes to it, and
-    loses it some seconds after it is free: whoever filled the page cache next would pay for it, in processor time."""
-    block = bytes(MIB)
+    loses it some seconds after it is free: whoever filled the page cache next would pay for it, in processor time.
+    In pieces of the size that clients write: the kernel takes memory for larger ones from elsewhere."""
+    block = bytes(64 << 10)
     scratch_file = directory / "memory"
     with scratch_file.open("wb", buffering=0) as file:
-        for _ in range(count // MIB):
+        for _ in range(count // len(block)):
             file.write(block)
     scratch_file.unlink()
 
