@@ -50,6 +50,7 @@ class Manifest {
   const ManifestEntries& entries() const noexcept;
   /// The members of the document, in general without `files`.
   const Document& head() const noexcept;
+  /// What all of this is read from, for those inside the library; never null.
   const std::shared_ptr<const ParsedManifest>& parsed() const noexcept { return _data; }
   /// As in the document, not converted; 0 when missing (`version`, `pnl_column_count`), null when missing
   /// (`market_id`, `functions`, `signals_index`, and the string attributes).
